@@ -1,0 +1,81 @@
+// Dispatcher objects: events and mutexes, and the waits on them.
+#include "hostkernel/scheduler.h"
+
+using hk::detail::Sched;
+
+static void InitializeHeader(DISPATCHER_HEADER* header, UCHAR type, LONG state) {
+    header->Type = type;
+    header->Absolute = 0;
+    header->Size = 0;
+    header->Inserted = 0;
+    header->SignalState = state;
+    InitializeListHead(&header->WaitListHead);
+}
+
+void KeInitializeEvent(PRKEVENT Event, EVENT_TYPE Type, BOOLEAN State) {
+    InitializeHeader(&Event->Header,
+                     Type == NotificationEvent ? EventNotificationObject
+                                               : EventSynchronizationObject,
+                     State ? 1 : 0);
+}
+
+LONG KeSetEvent(PRKEVENT Event, KPRIORITY, BOOLEAN) {
+    LONG previous = Event->Header.SignalState;
+    Event->Header.SignalState = 1;
+    Sched().Signal(&Event->Header);
+    return previous;
+}
+
+void KeClearEvent(PRKEVENT Event) {
+    Event->Header.SignalState = 0;
+}
+
+LONG KeResetEvent(PRKEVENT Event) {
+    LONG previous = Event->Header.SignalState;
+    Event->Header.SignalState = 0;
+    return previous;
+}
+
+LONG KeReadStateEvent(PRKEVENT Event) {
+    return Event->Header.SignalState;
+}
+
+void KeInitializeMutex(PRKMUTEX Mutex, ULONG) {
+    InitializeHeader(&Mutex->Header, MutantObject, 1);
+    InitializeListHead(&Mutex->MutantListEntry);
+    Mutex->OwnerThread = nullptr;
+    Mutex->Abandoned = FALSE;
+    Mutex->ApcDisable = 1;
+}
+
+LONG KeReleaseMutex(PRKMUTEX Mutex, BOOLEAN) {
+    auto* self = reinterpret_cast<PKTHREAD>(Sched().Current());
+    if (Mutex->OwnerThread != self || Mutex->Header.SignalState > 0) {
+        hk::Kernel::Current().verifier().Violation(hk::rule::kMutexNotOwned,
+                                                   "thread '" + Sched().Current()->name + "'");
+        return Mutex->Header.SignalState;
+    }
+    LONG previous = Mutex->Header.SignalState++;
+    if (Mutex->Header.SignalState == 1) {
+        Mutex->OwnerThread = nullptr;
+        Sched().Signal(&Mutex->Header);
+    }
+    return previous;
+}
+
+LONG KeReadStateMutex(PRKMUTEX Mutex) {
+    return Mutex->Header.SignalState;
+}
+
+NTSTATUS KeWaitForSingleObject(PVOID Object, KWAIT_REASON, KPROCESSOR_MODE, BOOLEAN,
+                               PLARGE_INTEGER Timeout) {
+    return Sched().Wait(static_cast<DISPATCHER_HEADER*>(Object), Timeout, STATUS_TIMEOUT);
+}
+
+NTSTATUS KeDelayExecutionThread(KPROCESSOR_MODE, BOOLEAN, PLARGE_INTEGER Interval) {
+    return Sched().Wait(nullptr, Interval, STATUS_SUCCESS);
+}
+
+PKTHREAD KeGetCurrentThread(void) {
+    return reinterpret_cast<PKTHREAD>(Sched().Current());
+}

@@ -1,0 +1,225 @@
+// The emulated machine as tests and tools see it: one kernel instance with
+// its deterministic scheduler and virtual clock, pool, debugger sink,
+// verifier and fault knobs. Driver code never includes this header.
+#pragma once
+
+#include "hostkernel/wdk.h"
+
+#include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <list>
+#include <map>
+#include <memory>
+#include <random>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace hk {
+
+// A fault that fires on chosen calls of one site (pool allocations, USB
+// requests, ...). Every knob counts the calls it saw and the faults it caused,
+// so a test can prove that its fault really happened.
+struct FaultKnob {
+    uint64_t nth = 0;       // fire on this matching call (1-based), once
+    uint64_t every = 0;     // fire on every n-th matching call
+    double probability = 0; // fire with this probability on each matching call
+    uint64_t max_fires = UINT64_MAX;
+    uint32_t match = 0; // only calls with this key (a pool tag, an endpoint); 0: all
+    uint64_t calls = 0; // matching calls seen
+    uint64_t fired = 0; // faults caused
+};
+
+class FaultSet {
+  public:
+    explicit FaultSet(std::mt19937_64& rng) : rng_(rng) {}
+    // Adds a named knob; the reference stays valid until Clear.
+    FaultKnob& Add(std::string name, FaultKnob knob);
+    FaultKnob* Find(std::string_view name);
+    void Clear() { knobs_.clear(); }
+    // Asks every knob about one call with the given key; true when one fires.
+    bool ShouldFail(uint32_t key);
+
+  private:
+    std::mt19937_64& rng_;
+    std::list<std::pair<std::string, FaultKnob>> knobs_;
+};
+
+// DbgPrint output, kept line by line for tests and echoed for tools.
+class Debugger {
+  public:
+    void Write(std::string_view text);
+    const std::vector<std::string>& Lines() const { return lines_; }
+    std::string Text() const;                    // every byte printed, the unfinished line included
+    size_t Count(std::string_view needle) const; // lines containing needle
+    bool Contains(std::string_view needle) const { return Count(needle) != 0; }
+    void Clear();
+    void SetEcho(std::FILE* stream) { echo_ = stream; }
+
+  private:
+    std::vector<std::string> lines_;
+    std::string partial_;
+    std::FILE* echo_ = nullptr;
+};
+
+// Non-paged and paged pool with per-tag accounting and fault injection.
+class Pool {
+  public:
+    struct Usage {
+        uint64_t bytes = 0;
+        uint64_t blocks = 0;
+    };
+    explicit Pool(std::mt19937_64& rng) : faults_(rng) {}
+    ~Pool();
+    void* Allocate(POOL_TYPE type, size_t bytes, ULONG tag);
+    // Returns the size of the freed block; 0 when the block was not ours.
+    size_t Free(void* block, ULONG tag, bool check_tag);
+    Usage ForTag(ULONG tag) const;
+    Usage Total() const;
+    std::string LeakReport() const; // one line per tag still holding memory
+    FaultSet& Faults() { return faults_; }
+    uint64_t Allocations() const { return allocations_; }
+    // Called with every block just before it goes back to the host, so a
+    // test can look at what a driver left in memory it freed.
+    using FreeObserver = std::function<void(const void* block, size_t bytes, ULONG tag)>;
+    void SetFreeObserver(FreeObserver observer) { free_observer_ = std::move(observer); }
+
+  private:
+    struct Block {
+        size_t bytes;
+        ULONG tag;
+    };
+    std::map<void*, Block> blocks_;
+    std::map<ULONG, Usage> tags_;
+    FaultSet faults_;
+    uint64_t allocations_ = 0;
+    FreeObserver free_observer_;
+};
+
+// The rules a driver verifier checks. A violation is reported to the
+// handler (tests turn it into a failure; the default prints and aborts)
+// unless an ExpectViolation for that rule is active, which counts it.
+namespace rule {
+inline constexpr const char* kBlockingAtDispatch = "blocking wait at DISPATCH_LEVEL";
+inline constexpr const char* kSpinLockIrql = "spin lock acquired above DISPATCH_LEVEL";
+inline constexpr const char* kSpinLockAtDpcLevel =
+    "spin lock at DPC level acquired below DISPATCH_LEVEL";
+inline constexpr const char* kSpinLockNotHeld = "spin lock released while not held";
+inline constexpr const char* kSpinLockRecursive = "spin lock acquired while already held";
+inline constexpr const char* kIrqlNotRestored = "IRQL not restored by a callback";
+inline constexpr const char* kIrqlDirection =
+    "KeRaiseIrql to a lower or KeLowerIrql to a higher IRQL";
+inline constexpr const char* kPagedCode = "paged code run at DISPATCH_LEVEL";
+inline constexpr const char* kPoolIrql = "pool allocated or freed at a forbidden IRQL";
+inline constexpr const char* kBadFree = "pool block freed that is not allocated";
+inline constexpr const char* kFreeTagMismatch = "pool block freed with another tag";
+inline constexpr const char* kQueuedInFreedPool = "timer or DPC still queued inside freed pool";
+inline constexpr const char* kPoolLeak = "pool leaked at teardown";
+inline constexpr const char* kTimerLeak = "timer or DPC still queued at teardown";
+inline constexpr const char* kThreadLeak = "emulated thread still running at teardown";
+inline constexpr const char* kMutexNotOwned = "mutex released by a thread that does not own it";
+inline constexpr const char* kWaitInFreedPool = "thread waits on an object inside freed pool";
+} // namespace rule
+
+class Verifier {
+  public:
+    using Handler = std::function<void(const std::string& rule, const std::string& message)>;
+    Verifier();
+    void SetHandler(Handler handler) { handler_ = std::move(handler); }
+    void Violation(const char* rule_name, const std::string& detail);
+    uint64_t Count(std::string_view rule_name) const;
+
+  private:
+    friend class ExpectViolation;
+    Handler handler_;
+    std::vector<std::pair<std::string, uint64_t*>> expected_;
+    std::map<std::string, uint64_t, std::less<>> counts_;
+};
+
+// While alive, violations of one rule are counted instead of reported.
+class ExpectViolation {
+  public:
+    explicit ExpectViolation(const char* rule_name);
+    ~ExpectViolation();
+    uint64_t Count() const { return count_; }
+    ExpectViolation(const ExpectViolation&) = delete;
+    ExpectViolation& operator=(const ExpectViolation&) = delete;
+
+  private:
+    uint64_t count_ = 0;
+};
+
+struct KernelOptions {
+    uint64_t seed = 1;
+    bool real_time = false; // wait for the wall clock instead of jumping to the next deadline
+};
+
+namespace detail {
+class Scheduler;
+struct EmuThread;
+} // namespace detail
+
+// One emulated machine. The constructing OS thread becomes the first
+// application thread; the destructor stops the system worker thread and
+// reports leaked pool, timers, DPCs and threads to the verifier.
+class Kernel {
+  public:
+    explicit Kernel(KernelOptions options = {});
+    ~Kernel();
+    Kernel(const Kernel&) = delete;
+    Kernel& operator=(const Kernel&) = delete;
+    static Kernel& Current();
+    static bool Exists();
+
+    Debugger& Dbg() { return debugger_; }
+    Pool& pool() { return *pool_; }
+    Verifier& verifier() { return verifier_; }
+    detail::Scheduler& scheduler() { return *scheduler_; }
+    std::mt19937_64& Random() { return rng_; }
+    uint64_t Seed() const { return options_.seed; }
+    const KernelOptions& Options() const { return options_; }
+
+    // Virtual time since the kernel started, in 100 ns units and in ms.
+    int64_t Now() const;
+    int64_t NowMs() const { return Now() / 10000; }
+    // The calling application thread sleeps for ms of (virtual) time.
+    void Sleep(int64_t ms);
+    // Runs fn on the system worker thread at PASSIVE_LEVEL, in order.
+    void QueueSystemWork(std::function<void()> fn);
+    // From any OS thread: fn runs on the emulated processor at DISPATCH_LEVEL
+    // as soon as it is idle (external input such as a pty or a signal).
+    void Post(std::function<void()> fn);
+
+  private:
+    void WorkerLoop();
+    KernelOptions options_;
+    std::mt19937_64 rng_;
+    Debugger debugger_;
+    Verifier verifier_;
+    std::unique_ptr<Pool> pool_;
+    std::unique_ptr<detail::Scheduler> scheduler_;
+    std::unique_ptr<detail::EmuThread> main_;
+    std::unique_ptr<class Thread> worker_;
+    std::list<std::function<void()>> work_;
+    KEVENT work_event_;
+    bool stopping_ = false;
+};
+
+// An emulated application thread: a real OS thread that runs only when the
+// scheduler hands it the processor. The destructor joins it.
+class Thread {
+  public:
+    Thread(std::string name, std::function<void()> body);
+    ~Thread();
+    void Join(); // a blocking point of the calling emulated thread
+    bool Finished() const;
+    Thread(const Thread&) = delete;
+    Thread& operator=(const Thread&) = delete;
+
+  private:
+    std::unique_ptr<detail::EmuThread> thread_;
+    bool joined_ = false;
+};
+
+} // namespace hk

@@ -1,0 +1,113 @@
+// Pool: host allocations behind the kernel's pool calls, with a byte and
+// block count per tag, a leak report and fault injection. New blocks are
+// filled with 0xCD so that uninitialised use shows; freed blocks go back to
+// the host at once, so AddressSanitizer catches any later touch.
+#include "hostkernel/scheduler.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <sstream>
+
+namespace hk {
+
+namespace {
+std::string TagText(ULONG tag) {
+    std::string text;
+    for (int i = 0; i < 4; ++i) {
+        char c = char((tag >> (8 * i)) & 0xFF);
+        text += (c >= 32 && c < 127) ? c : '.';
+    }
+    return text;
+}
+} // namespace
+
+Pool::~Pool() {
+    for (auto& [block, info] : blocks_)
+        std::free(block);
+}
+
+void* Pool::Allocate(POOL_TYPE type, size_t bytes, ULONG tag) {
+    KIRQL irql = detail::Sched().Irql();
+    bool paged = type == PagedPool || type == PagedPoolCacheAligned;
+    if (irql > DISPATCH_LEVEL || (paged && irql >= DISPATCH_LEVEL)) {
+        Kernel::Current().verifier().Violation(rule::kPoolIrql,
+                                               std::string(paged ? "paged" : "non-paged") +
+                                                   " allocation at IRQL " + std::to_string(irql));
+    }
+    ++allocations_;
+    if (faults_.ShouldFail(tag))
+        return nullptr;
+    void* block = std::malloc(bytes ? bytes : 1);
+    if (!block)
+        return nullptr;
+    std::memset(block, 0xCD, bytes);
+    blocks_[block] = Block{bytes, tag};
+    Usage& usage = tags_[tag];
+    usage.bytes += bytes;
+    usage.blocks += 1;
+    return block;
+}
+
+size_t Pool::Free(void* block, ULONG tag, bool check_tag) {
+    if (detail::Sched().Irql() > DISPATCH_LEVEL)
+        Kernel::Current().verifier().Violation(rule::kPoolIrql, "free above DISPATCH_LEVEL");
+    auto it = blocks_.find(block);
+    if (it == blocks_.end()) {
+        std::ostringstream text;
+        text << "block " << block << " (freed twice, or never allocated)";
+        Kernel::Current().verifier().Violation(rule::kBadFree, text.str());
+        return 0;
+    }
+    Block info = it->second;
+    if (check_tag && tag != info.tag)
+        Kernel::Current().verifier().Violation(rule::kFreeTagMismatch,
+                                               "allocated as '" + TagText(info.tag) +
+                                                   "', freed as '" + TagText(tag) + "'");
+    detail::Sched().CheckFreed(block, info.bytes);
+    if (free_observer_)
+        free_observer_(block, info.bytes, info.tag);
+    Usage& usage = tags_[info.tag];
+    usage.bytes -= info.bytes;
+    usage.blocks -= 1;
+    if (usage.blocks == 0)
+        tags_.erase(info.tag);
+    blocks_.erase(it);
+    std::free(block);
+    return info.bytes;
+}
+
+Pool::Usage Pool::ForTag(ULONG tag) const {
+    auto it = tags_.find(tag);
+    return it == tags_.end() ? Usage{} : it->second;
+}
+
+Pool::Usage Pool::Total() const {
+    Usage total;
+    for (const auto& [tag, usage] : tags_) {
+        total.bytes += usage.bytes;
+        total.blocks += usage.blocks;
+    }
+    return total;
+}
+
+std::string Pool::LeakReport() const {
+    std::ostringstream text;
+    for (const auto& [tag, usage] : tags_)
+        text << "  tag '" << TagText(tag) << "': " << usage.blocks << " block(s), " << usage.bytes
+             << " byte(s)\n";
+    return text.str();
+}
+
+} // namespace hk
+
+PVOID ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULONG Tag) {
+    return hk::Kernel::Current().pool().Allocate(PoolType, NumberOfBytes, Tag);
+}
+
+void ExFreePool(PVOID P) {
+    hk::Kernel::Current().pool().Free(P, 0, false);
+}
+
+void ExFreePoolWithTag(PVOID P, ULONG Tag) {
+    hk::Kernel::Current().pool().Free(P, Tag, true);
+}

@@ -1,0 +1,22 @@
+// A fresh emulated kernel per test. Verifier violations become test
+// failures; the teardown reports leaked pool, timers, DPCs and threads.
+#pragma once
+
+#include "hostkernel/emu.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+class KernelTest : public ::testing::Test {
+  protected:
+    void SetUp() override;
+    void TearDown() override;
+    // Recreates the kernel with other options (a seed, real time).
+    void Restart(hk::KernelOptions options);
+    hk::Kernel& kernel() { return *kernel_; }
+    hk::Debugger& dbg() { return kernel_->Dbg(); }
+
+  private:
+    std::unique_ptr<hk::Kernel> kernel_;
+};
