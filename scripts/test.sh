@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# Builds everything and runs every test: the host build under AddressSanitizer
+# and UndefinedBehaviorSanitizer with CTest, the Windows x86 driver build
+# (warnings are errors), and short bounded fuzzing runs.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+jobs=$(nproc)
+
+bash scripts/install-deps.sh
+
+cmake --preset windows-x86 >/dev/null
+cmake --build --preset windows-x86 -j"$jobs"
+
+cmake --preset host-asan >/dev/null
+cmake --build --preset host-asan -j"$jobs"
+ctest --preset host-asan -j"$jobs"
+
+if [ -f scripts/fuzz.sh ]; then
+  bash scripts/fuzz.sh
+fi
