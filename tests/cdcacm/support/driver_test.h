@@ -4,7 +4,7 @@
 // next. Tests using it link the trace and wdmkrnl driver modules.
 #pragma once
 
-#include "support/kernel_test.h"
+#include "kernel_test.h"
 
 #include "trace.h"
 #include "wdmkrnl.h"
