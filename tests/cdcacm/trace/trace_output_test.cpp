@@ -1,0 +1,107 @@
+// Trace lines reach the kernel debugger: the mask gates them, assertions
+// print and continue, and the hex dump lays out its fixed columns.
+#define TRACE_FILE "tests/cdcacm/trace"
+#include "driver_test.h"
+
+#include <string>
+#include <vector>
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+class TraceOutputTest : public DriverTest {};
+
+TEST_F(TraceOutputTest, PrintWritesTheFormattedLineToTheDebugger) {
+    TracePrint("%P:%S:IncRef: %i, %s(%d)\n", u"COM7", 2, "source/cdcacm/port", 120);
+    EXPECT_EQ(TraceLines(), Lines{"ACM:COM7:IncRef: 2, source/cdcacm/port(120)"});
+}
+
+TEST_F(TraceOutputTest, PrintKeepsAtMost2047CharactersOfALine) {
+    std::string text(5000, 'q');
+    TracePrint("%s", text.c_str());
+    EXPECT_EQ(dbg().Text(), std::string(2047, 'q'));
+}
+
+TEST_F(TraceOutputTest, PrintWorksAtDispatchLevel) {
+    KIRQL old_irql;
+    KeRaiseIrql(DISPATCH_LEVEL, &old_irql);
+    TracePrint("%P:at dispatch\n");
+    KeLowerIrql(old_irql);
+    EXPECT_EQ(TraceLines(), Lines{"ACM:at dispatch"});
+}
+
+TEST_F(TraceOutputTest, MaskSelectsWhichMessagesAreProduced) {
+    EXPECT_EQ(TraceMask, ULONG(TL_ASSERT | TL_ERROR));
+    TRACE(TL_INFO, "%P:info %d\n", 1);
+    TRACE(TL_ERROR, "%P:error %d\n", 2);
+    TraceSetMask(TL_INFO | TL_DETAIL);
+    EXPECT_EQ(TraceMask, ULONG(TL_INFO | TL_DETAIL));
+    TRACE(TL_INFO, "%P:info %d\n", 3);
+    TRACE(TL_ERROR, "%P:error %d\n", 4);
+    TRACE(TL_DETAIL, "%P:detail %d\n", 5);
+    EXPECT_EQ(TraceLines(), (Lines{"ACM:error 2", "ACM:info 3", "ACM:detail 5"}));
+}
+
+TEST_F(TraceOutputTest, FailedAssertionPrintsConditionFileAndLineAndContinues) {
+    int value = 1;
+    bool continued = false;
+    // clang-format off
+    const int line = __LINE__; TRACE_ASSERT(value==2);
+    // clang-format on
+    continued = true;
+    EXPECT_TRUE(continued);
+    EXPECT_EQ(TraceLines(), (Lines{"", "ACM:ASSERTION FAILED: (value==2)",
+                                   "  tests/cdcacm/trace(" + std::to_string(line) + ")"}));
+}
+
+TEST_F(TraceOutputTest, AssertionsAreSilentWhenTheyHoldOrTheirBitIsOff) {
+    int value = 1;
+    TRACE_ASSERT(value == 1);
+    TraceSetMask(~ULONG(TL_ASSERT));
+    TRACE_ASSERT(value == 2);
+    TraceSetMask(TL_ASSERT);
+    TRACE_ASSERT(value == 3);
+    EXPECT_EQ(dbg().Count("ASSERTION FAILED"), 1u);
+    EXPECT_TRUE(dbg().Contains("(value == 3)"));
+}
+
+TEST_F(TraceOutputTest, DumpOfTwentyBytesGivesTwoLinesWithFixedColumns) {
+    unsigned char data[20];
+    for (int i = 0; i < 20; ++i)
+        data[i] = static_cast<unsigned char>(0x41 + i);
+    TraceDump(data, sizeof(data));
+    // Offset at 0, hex from column 6 with an extra space after every fourth
+    // byte, characters from column 59.
+    EXPECT_EQ(TraceLines(),
+              (Lines{"0000: 41 42 43 44  45 46 47 48  49 4A 4B 4C  4D 4E 4F 50   ABCDEFGHIJKLMNOP",
+                     "0010: 51 52 53 54                                          QRST"}));
+    EXPECT_EQ(TraceLines()[0].find("ABCD"), 59u);
+    EXPECT_EQ(TraceLines()[1].find("QRST"), 59u);
+}
+
+TEST_F(TraceOutputTest, DumpShowsUnprintableBytesAsDots) {
+    const unsigned char data[] = {0x00, 0x1F, 0x20, 0x7E, 0x7F, 0x80, 0xFF, 0x0A};
+    TraceDump(data, sizeof(data));
+    std::string expected = "0000: 00 1F 20 7E  7F 80 FF 0A";
+    expected.resize(59, ' ');
+    expected += ".. ~\x7F...";
+    EXPECT_EQ(TraceLines(), Lines{expected});
+}
+
+TEST_F(TraceOutputTest, DumpOfNothingPrintsNullMarkerWithoutNewline) {
+    TraceDump(nullptr, 0);
+    EXPECT_TRUE(TraceLines().empty());
+    EXPECT_EQ(dbg().Text(), "<<NULL>>");
+}
+
+TEST_F(TraceOutputTest, DumpOffsetsKeepTheirLow16Bits) {
+    std::vector<unsigned char> data(0x10000 + 17, 'z');
+    TraceDump(data.data(), static_cast<ULONG>(data.size()));
+    ASSERT_EQ(TraceLines().size(), 0x1000u + 2);
+    EXPECT_EQ(TraceLines()[0xFFF].substr(0, 6), "FFF0: ");
+    EXPECT_EQ(TraceLines()[0x1000].substr(0, 6), "0000: ");
+    EXPECT_EQ(TraceLines()[0x1001], "0010: 7A" + std::string(51, ' ') + "z");
+}
+
+} // namespace
