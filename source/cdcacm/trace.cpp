@@ -77,6 +77,7 @@ static void PutNumber(FMT_OUTPUT* Out, ULONGLONG Value, ULONG Base, LONG Width, 
     if (Flags & FMT_LEFT)
         Flags &= ~FMT_ZEROPAD;
 
+    // '+' and ' ' apply to signed conversions only, as '-' does.
     char Sign = 0;
     if (Flags & FMT_SIGNED) {
         if ((LONGLONG)Value < 0) {
