@@ -40,6 +40,8 @@
 #include "wrsupport.h"
 #include "usbcfg.h"
 #include "ntcfg.h"
+#include "pnpadd.h"
+#include "worker.h"
 
 // Magics: four characters stored little-endian, so that a memory dump
 // spells the name.

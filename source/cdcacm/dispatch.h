@@ -10,6 +10,17 @@
 
 #include "forward.h"
 
+// The letter that trace lines of dispatch routines print after the port name
+// for the device object a request came through: "A" for the attach object,
+// "S" for the data port.
+#define DEVOBJ_LETTER(DeviceObject)                                                                \
+    (*(const ULONG*)(DeviceObject)->DeviceExtension == EXTENSION_TYPE_ATTACH ? WSTR("A")         \
+                                                                             : WSTR("S"))
+
+DRIVER_DISPATCH DispatchRead;
+// Also the immediate-character I/O control, which hands over its IRP as is.
+DRIVER_DISPATCH DispatchWrite;
+
 // Finishes a request whose Status and Length are set: counts its bytes,
 // returns it to the request pool and queues its IRP for completion.
 VOID CompleteRequest(PSER_REQUEST Request);

@@ -24,3 +24,19 @@ struct _COMPLETE_QUEUE {
     LIST_ENTRY Irps;
     KDPC Dpc; // CompleteDpcRoutine, context the queue
 };
+
+VOID IrpQueueInit(PIRP_QUEUE Queue);
+// STATUS_PENDING when queued; STATUS_CANCELLED when the IRP was already
+// cancelled, in which case it has been completed here. Called with the
+// device lock held.
+NTSTATUS IrpQueueInsert(PIRP_QUEUE Queue, PIRP Irp);
+// The IRP taken out of the queue with its cancel routine cleared, or NULL
+// when it is not queued.
+PIRP IrpQueueRemove(PIRP_QUEUE Queue, PIRP Irp);
+DRIVER_CANCEL IrpQueue_IrpCancelRoutine;
+
+VOID CompleteQueueInit(PCOMPLETE_QUEUE Queue);
+// Queues an IRP whose I/O status block is set; the DPC completes it. Callable
+// at raised IRQL with other spin locks held.
+VOID QueueCompleteIrp(PCOMPLETE_QUEUE Queue, PIRP Irp);
+KDEFERRED_ROUTINE CompleteDpcRoutine;

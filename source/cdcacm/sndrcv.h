@@ -39,3 +39,7 @@ struct _SNDRCV_PIPE {
 // Hands received bytes to the device's serial port; returns how many of
 // Length it took.
 ULONG SndRcvIndicateData(PDEVICE Dev, const UCHAR* Data, ULONG Length);
+
+// Offers the bytes parked in received packets to the serial port again, in
+// order, once a read may have made room. The caller holds the device lock.
+VOID SndRcvCheckRcvQueue(PSNDRCV_PIPE Pipe);

@@ -1,0 +1,91 @@
+// Work items: how code at DISPATCH_LEVEL (completion routines, DPCs, timer
+// callbacks) gets a function of the driver run at PASSIVE_LEVEL, serialised
+// with the other work items, Plug and Play requests and opens of the same
+// device.
+//
+// Environment: WorkerQueue up to DISPATCH_LEVEL; _WorkerFuntion at
+// PASSIVE_LEVEL in the system worker thread.
+// Locks: _WorkerFuntion holds DEVICE.DeviceMutex exactly while the work
+// function runs; the IRP is completed and the device reference dropped after
+// the mutex is released. RefCount changes only by interlocked operations.
+#define TRACE_FILE "source/cdcacm/worker"
+#include "cdcacm.h"
+
+// Characters of the port name kept for the last trace line of a work item.
+#define WORKER_PORT_NAME_CHARS 32
+
+// Copies the port name, so that the trace after the last reference has gone
+// does not read the device's memory.
+static VOID CopyPortName(PDEVICE Dev, WCHAR* Copy) {
+    const WCHAR* Name = DEV_PORT_NAME(Dev);
+    ULONG Index = 0;
+    for (; Index + 1 < WORKER_PORT_NAME_CHARS && Name[Index] != 0; Index++)
+        Copy[Index] = Name[Index];
+    Copy[Index] = 0;
+}
+
+BOOLEAN WorkerQueue(PDEVICE Dev, WORKER_FUNCTION Function, PVOID Context, PIRP Irp) {
+    // A device whose references are all gone is being deleted.
+    if (Dev->RefCount == 0)
+        return FALSE;
+
+    PIO_WORKITEM WorkItem = IoAllocateWorkItem(Dev->Port.DeviceObject);
+    PWORKER_REC Rec = (PWORKER_REC)MemAlloc(sizeof(WORKER_REC), WORKER_REC_TAG);
+    if (WorkItem == NULL || Rec == NULL) {
+        if (WorkItem != NULL)
+            IoFreeWorkItem(WorkItem);
+        if (Rec != NULL)
+            MemFree(Rec);
+        return FALSE;
+    }
+    if (Irp != NULL)
+        IoMarkIrpPending(Irp);
+
+    Rec->Device = Dev;
+    Rec->WorkItem = WorkItem;
+    Rec->Function = Function;
+    Rec->Context = Context;
+    Rec->Irp = Irp;
+    LONG Count = InterlockedIncrement(&Dev->RefCount);
+    TRACE(TL_REF, "%P:%S:IncRef: %i, %s(%d)\n", DEV_PORT_NAME(Dev), Count, TRACE_FILE, __LINE__);
+    IoQueueWorkItem(WorkItem, _WorkerFuntion, DelayedWorkQueue, Rec);
+    return TRUE;
+}
+
+VOID NTAPI _WorkerFuntion(PDEVICE_OBJECT DeviceObject, PVOID Context) {
+    UNREFERENCED_PARAMETER(DeviceObject);
+    PWORKER_REC Rec = (PWORKER_REC)Context;
+    PDEVICE Dev = Rec->Device;
+    // The port name is read now: the last reference may go below.
+    WCHAR PortName[WORKER_PORT_NAME_CHARS];
+    CopyPortName(Dev, PortName);
+    TRACE(TL_DETAIL, "%P:%S:[_WorkerFuntion\n", PortName);
+
+    // clang-format off
+    TRACE_ASSERT(KeGetCurrentIrql() == PASSIVE_LEVEL);
+    // clang-format on
+    KeWaitForSingleObject(&Dev->DeviceMutex, Executive, KernelMode, FALSE, NULL);
+    NTSTATUS Status = Rec->Function(Rec->Context);
+    // clang-format off
+    TRACE_ASSERT(KeGetCurrentIrql() == PASSIVE_LEVEL);
+    // clang-format on
+    KeReleaseMutex(&Dev->DeviceMutex, FALSE);
+
+    PIRP Irp = Rec->Irp;
+    IoFreeWorkItem(Rec->WorkItem);
+    MemFree(Rec);
+    TRACE(TL_DETAIL, "%P:%S:_WorkerFuntion after free\n", PortName);
+
+    if (Irp != NULL) {
+        TRACE(TL_DETAIL, "%P:%S:_WorkerFuntion complete \n", PortName);
+        Irp->IoStatus.Status = Status;
+        IoCompleteRequest(Irp, IO_NO_INCREMENT);
+    }
+
+    TRACE(TL_DETAIL, "%P:%S:_WorkerFuntion DEL_REF \n", PortName);
+    LONG Count = InterlockedDecrement(&Dev->RefCount);
+    TRACE(TL_REF, "%P:%S:DecRef: %i, %s(%d)\n", PortName, Count, TRACE_FILE, __LINE__);
+    if (Count == 0)
+        DeleteDevice(Dev->Port.DeviceObject);
+    TRACE(TL_DETAIL, "%P:%S:]_WorkerFuntion\n", PortName);
+}
