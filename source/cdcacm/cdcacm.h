@@ -33,6 +33,7 @@
 #include "dpool.h"
 #include "irpqueue.h"
 #include "dispatch.h"
+#include "ioctl.h"
 #include "port.h"
 #include "usbsbmit.h"
 #include "usbpckt.h"

@@ -43,3 +43,12 @@ ULONG SndRcvIndicateData(PDEVICE Dev, const UCHAR* Data, ULONG Length);
 // Offers the bytes parked in received packets to the serial port again, in
 // order, once a read may have made room. The caller holds the device lock.
 VOID SndRcvCheckRcvQueue(PSNDRCV_PIPE Pipe);
+
+// Returns every packet parked by the context to its pool, dropping the
+// unconsumed received bytes. The caller holds the device lock.
+VOID RcvPurge(PSNDRCV_PIPE Pipe);
+// Arranges for the receive context to submit its free packets again soon.
+VOID RcvScheduleDpc(PSNDRCV_PIPE Pipe);
+// Returns every packet parked by the send context to its pool. The caller
+// holds the device lock.
+VOID SndPurge(PSNDRCV_PIPE Pipe);
