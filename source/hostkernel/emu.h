@@ -10,6 +10,7 @@
 #include <functional>
 #include <list>
 #include <map>
+#include <optional>
 #include <memory>
 #include <random>
 #include <string>
@@ -120,6 +121,9 @@ inline constexpr const char* kTimerLeak = "timer or DPC still queued at teardown
 inline constexpr const char* kThreadLeak = "emulated thread still running at teardown";
 inline constexpr const char* kMutexNotOwned = "mutex released by a thread that does not own it";
 inline constexpr const char* kWaitInFreedPool = "thread waits on an object inside freed pool";
+inline constexpr const char* kRegistryIrql = "registry call above PASSIVE_LEVEL";
+inline constexpr const char* kBadHandle = "handle closed or used that is not open";
+inline constexpr const char* kHandleLeak = "registry key handle still open at teardown";
 } // namespace rule
 
 class Verifier {
@@ -150,6 +154,82 @@ class ExpectViolation {
     uint64_t count_ = 0;
 };
 
+// The emulated registry: a tree of keys under \Registry holding typed
+// values, the kernel handles open on it, the device instance keys bound to
+// physical device objects, and fault knobs for the registry calls. Paths and
+// names are UTF-8 here (UTF-16 in the kernel calls); like the real registry,
+// every comparison ignores case.
+class Registry {
+  public:
+    struct Value {
+        std::string name;
+        ULONG type = REG_NONE;
+        std::vector<uint8_t> data;
+    };
+    // The match keys of Faults(): a knob with one of them fails only that call.
+    enum Op : uint32_t { kOpen = 1, kQuery = 2, kSet = 3, kDelete = 4 };
+    static constexpr const char* kServicesPath =
+        "\\Registry\\Machine\\System\\CurrentControlSet\\Services";
+    static constexpr const char* kEnumPath = "\\Registry\\Machine\\System\\CurrentControlSet\\Enum";
+    static constexpr const char* kDeviceMapPath = "\\Registry\\Machine\\Hardware\\DeviceMap";
+
+    explicit Registry(std::mt19937_64& rng);
+    ~Registry();
+    Registry(const Registry&) = delete;
+    Registry& operator=(const Registry&) = delete;
+
+    void CreateKey(std::string_view path); // with every missing parent
+    bool KeyExists(std::string_view path) const;
+    // Removes a key and its subkeys; handles open on them then fail with
+    // STATUS_KEY_DELETED.
+    bool DeleteKey(std::string_view path);
+    // The setters create the key when it is missing.
+    void SetValue(std::string_view path, std::string_view name, ULONG type,
+                  std::vector<uint8_t> data);
+    void SetDword(std::string_view path, std::string_view name, ULONG value);
+    // Stored as UTF-16 with its terminator.
+    void SetString(std::string_view path, std::string_view name, std::string_view text,
+                   ULONG type = REG_SZ);
+    void SetMultiString(std::string_view path, std::string_view name,
+                        const std::vector<std::string>& strings);
+    std::optional<Value> GetValue(std::string_view path, std::string_view name) const;
+    // A REG_DWORD of 4 bytes.
+    std::optional<ULONG> GetDword(std::string_view path, std::string_view name) const;
+    // A REG_SZ or REG_EXPAND_SZ up to its first terminator.
+    std::optional<std::string> GetString(std::string_view path, std::string_view name) const;
+    bool DeleteValue(std::string_view path, std::string_view name);
+    std::vector<std::string> ValueNames(std::string_view path) const;
+    std::vector<std::string> SubkeyNames(std::string_view path) const;
+
+    // Creates a driver's service key and returns its path, which is what
+    // driver entry receives as its registry path.
+    std::string CreateServiceKey(std::string_view driver);
+    // Creates Enum\<instance_id>\Device Parameters, binds it to the physical
+    // device object as its PLUGPLAY_REGKEY_DEVICE key and returns its path.
+    std::string CreateHardwareKey(PDEVICE_OBJECT pdo, std::string_view instance_id);
+    std::optional<std::string> HardwareKeyFor(PDEVICE_OBJECT pdo) const;
+    void ForgetDevice(PDEVICE_OBJECT pdo); // when the device object goes away
+
+    // Text form, one "[key path]" line per key followed by its values:
+    // "name"=dword:0000000a, "name"=sz:"text", "name"=hex(type):01,02 ...
+    // (@ names the default value). Load merges into the tree.
+    std::string Dump(std::string_view path = "\\Registry") const;
+    bool Load(std::string_view text, std::string* error = nullptr);
+    bool SaveFile(const std::string& file) const;
+    bool LoadFile(const std::string& file, std::string* error = nullptr);
+
+    size_t OpenHandles() const;
+    FaultSet& Faults();
+    // Reports handles still open (a verifier violation) and closes them.
+    void CheckTeardown();
+
+    struct Impl; // the tree and the handle table, used by the kernel calls
+    Impl& impl() { return *impl_; }
+
+  private:
+    std::unique_ptr<Impl> impl_;
+};
+
 struct KernelOptions {
     uint64_t seed = 1;
     bool real_time = false; // wait for the wall clock instead of jumping to the next deadline
@@ -175,6 +255,7 @@ class Kernel {
     Debugger& Dbg() { return debugger_; }
     Pool& pool() { return *pool_; }
     Verifier& verifier() { return verifier_; }
+    Registry& registry() { return *registry_; }
     detail::Scheduler& scheduler() { return *scheduler_; }
     std::mt19937_64& Random() { return rng_; }
     uint64_t Seed() const { return options_.seed; }
@@ -198,6 +279,7 @@ class Kernel {
     Debugger debugger_;
     Verifier verifier_;
     std::unique_ptr<Pool> pool_;
+    std::unique_ptr<Registry> registry_;
     std::unique_ptr<detail::Scheduler> scheduler_;
     std::unique_ptr<detail::EmuThread> main_;
     std::unique_ptr<class Thread> worker_;

@@ -29,6 +29,7 @@ Kernel::Kernel(KernelOptions options) : options_(options), rng_(options.seed) {
     }
     g_current = this;
     pool_ = std::make_unique<Pool>(rng_);
+    registry_ = std::make_unique<Registry>(rng_);
     scheduler_ = std::make_unique<detail::Scheduler>(*this, options.real_time);
     main_ = std::make_unique<detail::EmuThread>();
     main_->name = "main";
@@ -54,6 +55,7 @@ Kernel::~Kernel() {
     KeSetEvent(&work_event_, 0, FALSE);
     worker_->Join();
     scheduler_->CheckTeardown(main_.get(), nullptr);
+    registry_->CheckTeardown();
     Pool::Usage leaked = pool_->Total();
     if (leaked.blocks != 0)
         verifier_.Violation(rule::kPoolLeak, std::to_string(leaked.blocks) + " block(s), " +

@@ -6,3 +6,4 @@
 #include "hostkernel/ktypes.h"
 #include "hostkernel/ke.h"
 #include "hostkernel/io.h"
+#include "hostkernel/registry.h"
