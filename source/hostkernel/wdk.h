@@ -6,4 +6,5 @@
 #include "hostkernel/ktypes.h"
 #include "hostkernel/ke.h"
 #include "hostkernel/io.h"
+#include "hostkernel/ntddser.h"
 #include "hostkernel/registry.h"
