@@ -1,0 +1,156 @@
+// The device context records: resolving either device object of a modem to
+// its DEVICE and PORT_OBJ, pointer validation by magic, and the device lock
+// convention with its assertion texts.
+#define TRACE_FILE "tests/cdcacm/records"
+#include "cdcacm.h"
+
+#include "driver_test.h"
+
+#include <cstring>
+#include <memory>
+#include <string>
+
+namespace {
+
+// One modem's two device objects: the data port whose extension is the
+// DEVICE, and the attach object whose extension points to it.
+class RecordsTest : public DriverTest {
+  protected:
+    void SetUp() override {
+        DriverTest::SetUp();
+        device_ = std::make_unique<DEVICE>();
+        device_->Type = EXTENSION_TYPE_DEVICE;
+        device_->Magic = DEVICE_MAGIC;
+        device_->Port.Magic = PORT_OBJ_MAGIC;
+        device_->Port.Device = device_.get();
+        dataPort_.DeviceExtension = device_.get();
+        device_->Port.DeviceObject = &dataPort_;
+
+        attach_.Type = EXTENSION_TYPE_ATTACH;
+        attach_.DeviceObject = &attachObject_;
+        attach_.Device = device_.get();
+        attachObject_.DeviceExtension = &attach_;
+    }
+
+    std::unique_ptr<DEVICE> device_;
+    DEVICE_OBJECT dataPort_{};
+    ATTACH_OBJ attach_{};
+    DEVICE_OBJECT attachObject_{};
+};
+
+TEST_F(RecordsTest, BothDeviceObjectsOfAModemResolveToTheSameDeviceAndPort) {
+    for (PDEVICE_OBJECT object : {&dataPort_, &attachObject_}) {
+        PDEVICE dev = nullptr;
+        PPORT_OBJ port = nullptr;
+        GetDevAndPort(object, &dev, &port);
+        EXPECT_EQ(dev, device_.get());
+        EXPECT_EQ(port, &device_->Port);
+        EXPECT_TRUE(PTRVALID(dev, DEVICE));
+        EXPECT_TRUE(PTRVALID(port, PORT_OBJ));
+    }
+}
+
+TEST_F(RecordsTest, EachOutPointerIsOptional) {
+    for (PDEVICE_OBJECT object : {&dataPort_, &attachObject_}) {
+        PDEVICE dev = nullptr;
+        PPORT_OBJ port = nullptr;
+        GetDevAndPort(object, &dev, nullptr);
+        EXPECT_EQ(dev, device_.get());
+        GetDevAndPort(object, nullptr, &port);
+        EXPECT_EQ(port, &device_->Port);
+        GetDevAndPort(object, nullptr, nullptr);
+    }
+}
+
+TEST_F(RecordsTest, AnExtensionOfAnotherKindWritesNothing) {
+    const PDEVICE kUntouchedDev = reinterpret_cast<PDEVICE>(0x1234);
+    const PPORT_OBJ kUntouchedPort = reinterpret_cast<PPORT_OBJ>(0x5678);
+    for (ULONG type : {2u, 0xFFFFFFFFu}) {
+        attach_.Type = type;
+        PDEVICE dev = kUntouchedDev;
+        PPORT_OBJ port = kUntouchedPort;
+        GetDevAndPort(&attachObject_, &dev, &port);
+        EXPECT_EQ(dev, kUntouchedDev) << "type " << type;
+        EXPECT_EQ(port, kUntouchedPort) << "type " << type;
+    }
+}
+
+TEST_F(RecordsTest, PtrValidNeedsAPointerAndItsOwnMagic) {
+    PDEVICE none = nullptr;
+    EXPECT_FALSE(PTRVALID(none, DEVICE));
+    EXPECT_TRUE(PTRVALID(device_.get(), DEVICE));
+    device_->Magic = PORT_OBJ_MAGIC;
+    EXPECT_FALSE(PTRVALID(device_.get(), DEVICE)) << "another record's magic";
+    device_->Magic = 0;
+    EXPECT_FALSE(PTRVALID(device_.get(), DEVICE)) << "a deleted record";
+
+    SER_PORT serPort{};
+    serPort.Magic = SER_PORT_MAGIC;
+    EXPECT_TRUE(PTRVALID(&serPort, SER_PORT));
+    USB_PACKET_POOL packetPool{};
+    packetPool.Magic = USB_PACKET_POOL_MAGIC;
+    EXPECT_TRUE(PTRVALID(&packetPool, USB_PACKET_POOL));
+    auto packet = std::make_unique<USB_PACKET>();
+    packet->Magic = USB_PACKET_MAGIC;
+    EXPECT_TRUE(PTRVALID(packet.get(), USB_PACKET));
+    packet->Magic = USB_PACKET_POOL_MAGIC;
+    EXPECT_FALSE(PTRVALID(packet.get(), USB_PACKET));
+}
+
+// A magic or tag as the four characters a memory dump shows.
+std::string Spelling(ULONG value) {
+    char text[4];
+    std::memcpy(text, &value, sizeof(text));
+    return std::string(text, sizeof(text));
+}
+
+TEST(Magics, SpellTheirNamesInMemory) {
+    EXPECT_EQ(Spelling(DEVICE_MAGIC), "DevO");
+    EXPECT_EQ(Spelling(PORT_OBJ_MAGIC), "PrtO");
+    EXPECT_EQ(Spelling(SER_PORT_MAGIC), "SPOR");
+    EXPECT_EQ(Spelling(USB_PACKET_POOL_MAGIC), "UpkP");
+    EXPECT_EQ(Spelling(USB_PACKET_MAGIC), "Upkt");
+    EXPECT_EQ(Spelling(MEMHD_MAGIC), "KMem");
+    EXPECT_EQ(Spelling(DPOOL_TAG), "pool");
+}
+
+TEST_F(RecordsTest, PortNameForTracesFallsBackToComQuestionMark) {
+    TRACE(TL_ERROR, "%P:%S:x\n", DEV_PORT_NAME(device_.get()));
+    WCHAR name[] = u"COM7";
+    device_->Port.PortName = name;
+    TRACE(TL_ERROR, "%P:%S:x\n", DEV_PORT_NAME(device_.get()));
+    ASSERT_EQ(dbg().Lines().size(), 2u);
+    EXPECT_EQ(dbg().Lines()[0], "ACM:COM?:x");
+    EXPECT_EQ(dbg().Lines()[1], "ACM:COM7:x");
+}
+
+TEST_F(RecordsTest, DeviceLockCountsItsHolderAndRaisesIrql) {
+    KIRQL oldIrql;
+    DEVICE_LOCK(device_.get(), &oldIrql);
+    EXPECT_EQ(device_->CheckLock, 1);
+    EXPECT_EQ(KeGetCurrentIrql(), DISPATCH_LEVEL);
+    DEVICE_UNLOCK_AT_DPC(device_.get());
+    EXPECT_EQ(device_->CheckLock, 0);
+    DEVICE_LOCK_AT_DPC(device_.get());
+    EXPECT_EQ(device_->CheckLock, 1);
+    DEVICE_UNLOCK(device_.get(), oldIrql);
+    EXPECT_EQ(device_->CheckLock, 0);
+    EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
+    EXPECT_FALSE(dbg().Contains("ASSERTION FAILED"));
+}
+
+TEST_F(RecordsTest, DeviceLockAssertionsNameTheCallersExpression) {
+    SER_PORT serPort{};
+    serPort.WrContext = device_.get();
+    PSER_PORT Port = &serPort;
+    KIRQL oldIrql;
+
+    device_->CheckLock = 1; // a holder that never counted itself out
+    DEVICE_LOCK(Port->WrContext, &oldIrql);
+    DEVICE_UNLOCK(Port->WrContext, oldIrql);
+    EXPECT_TRUE(dbg().Contains("ACM:ASSERTION FAILED: ((Port->WrContext)->CheckLock==1)"));
+    EXPECT_TRUE(dbg().Contains("ACM:ASSERTION FAILED: ((Port->WrContext)->CheckLock==0)"));
+    EXPECT_TRUE(dbg().Contains("  tests/cdcacm/records("));
+}
+
+} // namespace
