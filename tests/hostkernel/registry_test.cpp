@@ -1,0 +1,244 @@
+// The emulated registry: key handles, value queries with the kernel's size
+// rules, device hardware keys, the Rtl writes, the text form and the checks.
+#include "kernel_test.h"
+
+#include <cstdio>
+#include <vector>
+
+namespace {
+
+constexpr const char* kService = "\\Registry\\Machine\\System\\CurrentControlSet\\Services\\modem";
+constexpr ULONG kHeader = FIELD_OFFSET(KEY_VALUE_PARTIAL_INFORMATION, Data);
+
+class RegistryTest : public KernelTest {
+  protected:
+    hk::Registry& reg() { return kernel().registry(); }
+
+    NTSTATUS Open(const char16_t* path, HANDLE* key, HANDLE root = nullptr) {
+        UNICODE_STRING name;
+        OBJECT_ATTRIBUTES attributes;
+        RtlInitUnicodeString(&name, path);
+        InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE,
+                                   root, nullptr);
+        return ZwOpenKey(key, KEY_READ | KEY_WRITE, &attributes);
+    }
+
+    NTSTATUS Query(HANDLE key, const char16_t* value, std::vector<uint8_t>& buffer, ULONG* result) {
+        UNICODE_STRING name;
+        RtlInitUnicodeString(&name, value);
+        return ZwQueryValueKey(key, &name, KeyValuePartialInformation, buffer.data(),
+                               ULONG(buffer.size()), result);
+    }
+
+    // Creates the service key when it is missing.
+    HANDLE OpenService() {
+        reg().CreateKey(kService);
+        HANDLE key = nullptr;
+        EXPECT_EQ(Open(u"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\modem", &key),
+                  STATUS_SUCCESS);
+        return key;
+    }
+};
+
+TEST_F(RegistryTest, OpensAbsoluteAndRelativePathsIgnoringCase) {
+    reg().CreateKey(std::string(kService) + "\\Parameters");
+    HANDLE service = nullptr, sub = nullptr, missing = reinterpret_cast<HANDLE>(1);
+    ASSERT_EQ(Open(u"\\REGISTRY\\machine\\System\\CurrentControlSet\\services\\MODEM", &service),
+              STATUS_SUCCESS);
+    EXPECT_EQ(Open(u"parameters", &sub, service), STATUS_SUCCESS);
+    EXPECT_EQ(Open(u"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\absent", &missing),
+              STATUS_OBJECT_NAME_NOT_FOUND);
+    EXPECT_EQ(missing, reinterpret_cast<HANDLE>(1)) << "a failed open must not write the handle";
+    EXPECT_EQ(Open(u"Machine\\System", &missing), STATUS_OBJECT_PATH_SYNTAX_BAD);
+    EXPECT_EQ(Open(u"\\Registry\\Machine\\\\System", &missing), STATUS_OBJECT_PATH_SYNTAX_BAD);
+    EXPECT_EQ(reg().OpenHandles(), 2u);
+    EXPECT_EQ(ZwClose(sub), STATUS_SUCCESS);
+    EXPECT_EQ(ZwClose(service), STATUS_SUCCESS);
+    EXPECT_EQ(reg().OpenHandles(), 0u);
+}
+
+TEST_F(RegistryTest, PartialInformationFollowsTheKernelSizeRules) {
+    std::vector<uint8_t> data(300);
+    for (size_t i = 0; i < data.size(); ++i)
+        data[i] = uint8_t(i);
+    reg().SetValue(kService, "Blob", REG_BINARY, data);
+    HANDLE key = OpenService();
+    ULONG result = 0;
+
+    // Below the 12-byte header nothing is written.
+    std::vector<uint8_t> tiny(kHeader - 1, 0xEE);
+    EXPECT_EQ(Query(key, u"Blob", tiny, &result), STATUS_BUFFER_TOO_SMALL);
+    EXPECT_EQ(result, kHeader + 300);
+    EXPECT_EQ(tiny, std::vector<uint8_t>(kHeader - 1, 0xEE));
+
+    // Room for the header but not the data: header written, overflow.
+    std::vector<uint8_t> shortBuffer(kHeader + 299, 0xEE);
+    EXPECT_EQ(Query(key, u"Blob", shortBuffer, &result), STATUS_BUFFER_OVERFLOW);
+    EXPECT_EQ(result, kHeader + 300);
+    auto* info = reinterpret_cast<PKEY_VALUE_PARTIAL_INFORMATION>(shortBuffer.data());
+    EXPECT_EQ(info->Type, ULONG(REG_BINARY));
+    EXPECT_EQ(info->DataLength, 300u);
+    EXPECT_EQ(shortBuffer[kHeader], 0xEE) << "no partial data on overflow";
+
+    std::vector<uint8_t> exact(kHeader + 300);
+    EXPECT_EQ(Query(key, u"blob", exact, &result), STATUS_SUCCESS);
+    EXPECT_TRUE(std::equal(data.begin(), data.end(), exact.begin() + kHeader));
+
+    result = 77;
+    EXPECT_EQ(Query(key, u"Absent", exact, &result), STATUS_OBJECT_NAME_NOT_FOUND);
+    EXPECT_EQ(result, 77u);
+    ZwClose(key);
+}
+
+TEST_F(RegistryTest, SetValueKeyStoresTypedDataAndReplacesIgnoringCase) {
+    HANDLE key = OpenService();
+    UNICODE_STRING name;
+    RtlInitUnicodeString(&name, u"TimerInterval");
+    ULONG ten = 10;
+    ASSERT_EQ(ZwSetValueKey(key, &name, 0, REG_DWORD, &ten, sizeof(ten)), STATUS_SUCCESS);
+    EXPECT_EQ(reg().GetDword(kService, "timerinterval"), 10u);
+
+    const char16_t text[] = u"COM7";
+    RtlInitUnicodeString(&name, u"TIMERINTERVAL");
+    ASSERT_EQ(ZwSetValueKey(key, &name, 0, REG_SZ, (PVOID)text, sizeof(text)), STATUS_SUCCESS);
+    EXPECT_EQ(reg().GetDword(kService, "TimerInterval"), std::nullopt);
+    EXPECT_EQ(reg().GetString(kService, "TimerInterval"), "COM7");
+    EXPECT_EQ(reg().ValueNames(kService), std::vector<std::string>{"TIMERINTERVAL"});
+
+    RtlInitUnicodeString(&name, u"TimerInterval");
+    EXPECT_EQ(ZwDeleteValueKey(key, &name), STATUS_SUCCESS);
+    EXPECT_EQ(ZwDeleteValueKey(key, &name), STATUS_OBJECT_NAME_NOT_FOUND);
+    ZwClose(key);
+}
+
+TEST_F(RegistryTest, HardwareKeyBelongsToItsPhysicalDeviceObjectOnly) {
+    alignas(8) unsigned char pdoStorage[8], otherStorage[8];
+    auto* pdo = reinterpret_cast<PDEVICE_OBJECT>(pdoStorage);
+    auto* other = reinterpret_cast<PDEVICE_OBJECT>(otherStorage);
+    std::string path = reg().CreateHardwareKey(pdo, "USB\\VID_1234&PID_0001\\5&1");
+    EXPECT_EQ(path, std::string(hk::Registry::kEnumPath) +
+                        "\\USB\\VID_1234&PID_0001\\5&1\\Device Parameters");
+    EXPECT_EQ(reg().HardwareKeyFor(pdo), path);
+    reg().SetString(path, "PortName", "COM5");
+
+    HANDLE key = nullptr;
+    ASSERT_EQ(IoOpenDeviceRegistryKey(pdo, PLUGPLAY_REGKEY_DEVICE, STANDARD_RIGHTS_READ, &key),
+              STATUS_SUCCESS);
+    std::vector<uint8_t> buffer(64);
+    ULONG result = 0;
+    EXPECT_EQ(Query(key, u"PortName", buffer, &result), STATUS_SUCCESS);
+    EXPECT_EQ(result, kHeader + 10);
+    ZwClose(key);
+
+    EXPECT_EQ(IoOpenDeviceRegistryKey(other, PLUGPLAY_REGKEY_DEVICE, STANDARD_RIGHTS_READ, &key),
+              STATUS_INVALID_DEVICE_REQUEST);
+    reg().ForgetDevice(pdo);
+    EXPECT_EQ(IoOpenDeviceRegistryKey(pdo, PLUGPLAY_REGKEY_DEVICE, STANDARD_RIGHTS_READ, &key),
+              STATUS_INVALID_DEVICE_REQUEST);
+    EXPECT_EQ(reg().OpenHandles(), 0u);
+}
+
+TEST_F(RegistryTest, RtlWritesThroughTheDeviceMapAndThroughAHandle) {
+    const char16_t port[] = u"COM5";
+    const std::string serialComm = std::string(hk::Registry::kDeviceMapPath) + "\\SERIALCOMM";
+    ASSERT_FALSE(reg().KeyExists(serialComm));
+    EXPECT_EQ(RtlWriteRegistryValue(RTL_REGISTRY_DEVICEMAP, u"SERIALCOMM", u"\\Device\\modem0",
+                                    REG_SZ, (PVOID)port, sizeof(port)),
+              STATUS_SUCCESS);
+    EXPECT_EQ(reg().GetString(serialComm, "\\Device\\modem0"), "COM5");
+    EXPECT_EQ(RtlDeleteRegistryValue(RTL_REGISTRY_DEVICEMAP, u"SERIALCOMM", u"\\Device\\modem0"),
+              STATUS_SUCCESS);
+    EXPECT_FALSE(reg().GetValue(serialComm, "\\Device\\modem0").has_value());
+    EXPECT_EQ(RtlDeleteRegistryValue(RTL_REGISTRY_DEVICEMAP, u"SERIALCOMM", u"\\Device\\modem0"),
+              STATUS_OBJECT_NAME_NOT_FOUND);
+
+    HANDLE key = OpenService();
+    ULONG three = 3;
+    EXPECT_EQ(RtlWriteRegistryValue(RTL_REGISTRY_HANDLE, (PCWSTR)key, u"UsbConfig", REG_DWORD,
+                                    &three, sizeof(three)),
+              STATUS_SUCCESS);
+    EXPECT_EQ(reg().GetDword(kService, "UsbConfig"), 3u);
+    EXPECT_EQ(reg().OpenHandles(), 1u) << "a write through a handle leaves it open";
+    ZwClose(key);
+}
+
+TEST_F(RegistryTest, TextFormKeepsEveryTypeAcrossSaveAndLoad) {
+    reg().SetDword(kService, "TraceMask", 0xFFu);
+    reg().SetString(kService, "Quoted", "say \"hi\" \\ there");
+    reg().SetMultiString(kService, "Names", {"one", "two"});
+    reg().SetValue(kService, "Odd", REG_SZ, {0x41, 0x00, 0x42}); // not a whole string
+    reg().SetValue(kService, "Empty", REG_BINARY, {});
+    reg().SetValue(kService, "", REG_DWORD, {1, 2, 3}); // a short dword stays hex
+    reg().CreateKey(std::string(kService) + "\\Empty Key");
+    const std::string dump = reg().Dump(kService);
+    EXPECT_NE(dump.find("\"TraceMask\"=dword:000000ff"), std::string::npos) << dump;
+    EXPECT_NE(dump.find("\"Names\"=multi_sz:\"one\",\"two\""), std::string::npos) << dump;
+    EXPECT_NE(dump.find("@=hex(4):01,02,03"), std::string::npos) << dump;
+
+    const std::string file = ::testing::TempDir() + "registry_test.txt";
+    ASSERT_TRUE(reg().SaveFile(file));
+    ASSERT_TRUE(reg().DeleteKey(kService));
+    EXPECT_FALSE(reg().KeyExists(kService));
+    std::string error;
+    ASSERT_TRUE(reg().LoadFile(file, &error)) << error;
+    std::remove(file.c_str());
+    EXPECT_EQ(reg().Dump(kService), dump);
+    EXPECT_EQ(reg().GetValue(kService, "Odd")->data, (std::vector<uint8_t>{0x41, 0x00, 0x42}));
+    EXPECT_TRUE(reg().KeyExists(std::string(kService) + "\\empty key"));
+
+    EXPECT_FALSE(reg().Load("[\\Registry\\X]\n\"a\"=dword:1\n\"b\"=word:2\n", &error));
+    EXPECT_EQ(error, "line 3: \"b\"=word:2");
+}
+
+TEST_F(RegistryTest, HandleOnADeletedKeyFailsAndBadHandlesAreCaught) {
+    reg().SetDword(kService, "A", 1);
+    HANDLE key = OpenService();
+    ASSERT_TRUE(reg().DeleteKey(kService));
+    std::vector<uint8_t> buffer(32);
+    ULONG result = 0;
+    EXPECT_EQ(Query(key, u"A", buffer, &result), STATUS_KEY_DELETED);
+    EXPECT_EQ(ZwClose(key), STATUS_SUCCESS);
+    {
+        hk::ExpectViolation expect(hk::rule::kBadHandle);
+        EXPECT_EQ(ZwClose(key), STATUS_INVALID_HANDLE);
+        EXPECT_EQ(expect.Count(), 1u);
+    }
+    reg().CreateKey(kService);
+    key = OpenService();
+    hk::ExpectViolation leak(hk::rule::kHandleLeak);
+    reg().CheckTeardown();
+    EXPECT_EQ(leak.Count(), 1u);
+    EXPECT_EQ(reg().OpenHandles(), 0u);
+}
+
+TEST_F(RegistryTest, FaultKnobsFailOnlyTheirOperation) {
+    reg().SetDword(kService, "A", 1);
+    HANDLE key = OpenService();
+    hk::FaultKnob& knob =
+        reg().Faults().Add("set", hk::FaultKnob{.every = 1, .match = hk::Registry::kSet});
+    UNICODE_STRING name;
+    RtlInitUnicodeString(&name, u"A");
+    ULONG two = 2;
+    EXPECT_EQ(ZwSetValueKey(key, &name, 0, REG_DWORD, &two, sizeof(two)),
+              STATUS_INSUFFICIENT_RESOURCES);
+    std::vector<uint8_t> buffer(32);
+    ULONG result = 0;
+    EXPECT_EQ(Query(key, u"A", buffer, &result), STATUS_SUCCESS);
+    EXPECT_EQ(reg().GetDword(kService, "A"), 1u);
+    EXPECT_EQ(knob.fired, 1u);
+    ZwClose(key);
+}
+
+TEST_F(RegistryTest, CallsAboveAPassiveLevelAreReported) {
+    hk::ExpectViolation expect(hk::rule::kRegistryIrql);
+    HANDLE key = nullptr;
+    KIRQL old;
+    KeRaiseIrql(DISPATCH_LEVEL, &old);
+    NTSTATUS status = Open(u"\\Registry\\Machine", &key);
+    KeLowerIrql(old);
+    EXPECT_EQ(expect.Count(), 1u);
+    if (NT_SUCCESS(status))
+        ZwClose(key);
+}
+
+} // namespace
