@@ -1,0 +1,266 @@
+// The timed request queues: the four time modes of the receive queue, the
+// total and interval time-outs on explicit ticks, cancel and flush, and the
+// write time-out with CTS flow control.
+#include "serial_fixture.h"
+
+namespace {
+
+using SqueueTest = SerialTest;
+
+NTSTATUS StatusOf(const Completion* done) {
+    return done != nullptr ? done->status : DEFAULT_STATUS;
+}
+
+struct ModeCase {
+    ULONG interval, multiplier, constant;
+    ULONG mode;
+    const char* trace; // nullptr: none
+};
+
+class TimeModeTest : public SerialTest, public ::testing::WithParamInterface<ModeCase> {};
+
+TEST_P(TimeModeTest, ReadTimeoutsChooseTheMode) {
+    TraceMask |= TL_SND;
+    const ModeCase& c = GetParam();
+    SetTimeouts(c.interval, c.multiplier, c.constant);
+    EXPECT_EQ(port->RcvQueue.TimeMode, c.mode);
+    EXPECT_EQ(dbg().Count("SqueueCheckTimeMode"), c.trace != nullptr ? 1u : 0u);
+    if (c.trace != nullptr) {
+        EXPECT_TRUE(dbg().Contains(c.trace));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Squeue, TimeModeTest,
+    ::testing::Values(ModeCase{0, 0, 0, INTERVALTIME_OFF,
+                               "ACM:SqueueCheckTimeMode: Set TimeMode to INTERVALTIME_OFF"},
+                      ModeCase{0xFFFFFFFF, 0, 0, INTERVALTIME_NOWAIT,
+                               "ACM:SqueueCheckTimeMode: Set TimeMode to INTERVALTIME_NOWAIT"},
+                      ModeCase{0xFFFFFFFF, 0xFFFFFFFF, 500, INTERVALTIME_WAITFIRST,
+                               "ACM:SqueueCheckTimeMode: Set TimeMode to INTERVALTIME_WAITFIRST"},
+                      ModeCase{0xFFFFFFFF, 0xFFFFFFFF, 0, INTERVALTIME_ON, nullptr},
+                      ModeCase{50, 0, 0, INTERVALTIME_ON, nullptr}));
+
+TEST_F(SqueueTest, WriteTimeoutsChooseTheMode) {
+    SetTimeouts(0, 0, 0, 0, 0);
+    EXPECT_EQ(port->SndQueue.TimeMode, (ULONG)INTERVALTIME_OFF);
+    SetTimeouts(0, 0, 0, 0, 1);
+    EXPECT_EQ(port->SndQueue.TimeMode, (ULONG)INTERVALTIME_ON);
+}
+
+TEST_F(SqueueTest, OffModeReadWaitsForItsWholeLength) {
+    PSER_REQUEST read = NewRead(10);
+    Indicate({1, 2, 3, 4});
+    EXPECT_EQ(AddRead(read), STATUS_PENDING);
+    EXPECT_EQ(port->RcvQueue.CurCount, 4u);
+    Tick(1000);
+    EXPECT_EQ(CompletionOf(read), nullptr);
+    Indicate({5, 6, 7, 8, 9, 10});
+    EXPECT_EQ(StatusOf(CompletionOf(read)), STATUS_SUCCESS);
+    EXPECT_EQ(ReadData(read), (Bytes{1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));
+}
+
+TEST_F(SqueueTest, NoWaitReadTakesWhatIsBuffered) {
+    SetTimeouts(0xFFFFFFFF, 0, 0);
+    Indicate({1, 2, 3, 4});
+    PSER_REQUEST some = NewRead(10);
+    EXPECT_EQ(AddRead(some), STATUS_PENDING) << "even when completed during the call";
+    EXPECT_EQ(StatusOf(CompletionOf(some)), STATUS_SUCCESS);
+    EXPECT_EQ(ReadData(some), (Bytes{1, 2, 3, 4}));
+    PSER_REQUEST none = NewRead(10);
+    AddRead(none);
+    EXPECT_EQ(StatusOf(CompletionOf(none)), STATUS_SUCCESS);
+    EXPECT_EQ(none->Length, 0u);
+}
+
+TEST_F(SqueueTest, WaitFirstCompletesWithTheFirstBytes) {
+    SetTimeouts(0xFFFFFFFF, 0xFFFFFFFF, 500);
+    PSER_REQUEST read = NewRead(10);
+    AddRead(read);
+    Tick(3);
+    Indicate({7, 8, 9});
+    EXPECT_EQ(StatusOf(CompletionOf(read)), STATUS_SUCCESS);
+    EXPECT_EQ(ReadData(read), (Bytes{7, 8, 9}));
+}
+
+class WaitFirstTimeout : public SerialTest, public ::testing::WithParamInterface<ULONG> {};
+
+TEST_P(WaitFirstTimeout, ExpiresOnTheTickAfterTheConstant) {
+    const ULONG tick = GetParam();
+    MakePort(1000, 1000, tick);
+    SetTimeouts(0xFFFFFFFF, 0xFFFFFFFF, 500);
+    PSER_REQUEST read = NewRead(10);
+    AddRead(read);
+    Tick(500 / tick);
+    EXPECT_EQ(CompletionOf(read), nullptr);
+    Tick();
+    EXPECT_EQ(StatusOf(CompletionOf(read)), STATUS_TIMEOUT);
+    EXPECT_EQ(read->Length, 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Squeue, WaitFirstTimeout, ::testing::Values(10u, 7u, 1u, 100u));
+
+TEST_F(SqueueTest, IntervalExpiresWhenNoByteFollowsForSixTicks) {
+    SetTimeouts(50, 0, 0);
+    PSER_REQUEST read = NewRead(10);
+    AddRead(read);
+    Tick(100);
+    EXPECT_EQ(CompletionOf(read), nullptr) << "an empty read has no interval";
+    Indicate({1, 2, 3});
+    Tick(3);
+    Indicate({4}); // restarts the interval
+    Tick(5);
+    EXPECT_EQ(CompletionOf(read), nullptr);
+    Tick();
+    EXPECT_EQ(StatusOf(CompletionOf(read)), STATUS_TIMEOUT);
+    EXPECT_EQ(ReadData(read), (Bytes{1, 2, 3, 4}));
+}
+
+TEST_F(SqueueTest, IntervalOfHalfTheRangeOrMoreExpiresAtTheNextTick) {
+    SetTimeouts(0x80000000, 0, 0);
+    PSER_REQUEST empty = NewRead(10);
+    AddRead(empty);
+    Tick();
+    EXPECT_EQ(StatusOf(CompletionOf(empty)), STATUS_TIMEOUT);
+    PSER_REQUEST partial = NewRead(10);
+    AddRead(partial);
+    Indicate({1, 2});
+    Tick();
+    EXPECT_EQ(StatusOf(CompletionOf(partial)), STATUS_TIMEOUT);
+    EXPECT_EQ(partial->Length, 2u);
+}
+
+TEST_F(SqueueTest, TotalTimeThatWrapsNegativeBecomesMaxLong) {
+    TraceMask |= TL_INFO;
+    SetTimeouts(0, 0x7FFFFFFF, 0, 0x7FFFFFFF, 0);
+    PSER_REQUEST write = NewWrite({1, 2});
+    SendRequest(port, write);
+    EXPECT_EQ(write->TotalTime, 0x7FFFFFFF);
+    PSER_REQUEST read = NewRead(2);
+    AddRead(read);
+    EXPECT_EQ(read->TotalTime, 0x7FFFFFFF);
+    EXPECT_EQ(dbg().Count("ACM:SqueueAddRequest:Overflow in TotalTime! Set time to MAXLONG!"), 2u);
+}
+
+TEST_F(SqueueTest, AllOnesReadMultiplierCountsOnlyTheConstant) {
+    SetTimeouts(0, 0xFFFFFFFF, 100);
+    ASSERT_EQ(port->RcvQueue.TimeMode, (ULONG)INTERVALTIME_ON);
+    PSER_REQUEST read = NewRead(10);
+    AddRead(read);
+    EXPECT_EQ(read->TotalTime, 100);
+    Tick(10);
+    EXPECT_EQ(CompletionOf(read), nullptr);
+    Tick();
+    EXPECT_EQ(StatusOf(CompletionOf(read)), STATUS_TIMEOUT);
+}
+
+TEST_F(SqueueTest, TotalTimeoutReportsTheHeadsBytesOnly) {
+    SetTimeouts(0, 10, 0); // 10 ms per byte
+    PSER_REQUEST head = NewRead(5), next = NewRead(5);
+    AddRead(head);
+    AddRead(next);
+    Indicate({1, 2});
+    Tick(5);
+    EXPECT_TRUE(fakes.completions.empty());
+    Tick();
+    ASSERT_EQ(fakes.completions.size(), 2u);
+    EXPECT_EQ(fakes.completions[0].request, head);
+    EXPECT_EQ(fakes.completions[0].length, 2u);
+    EXPECT_EQ(fakes.completions[1].length, 0u);
+    EXPECT_EQ(fakes.completions[1].status, STATUS_TIMEOUT);
+}
+
+TEST_F(SqueueTest, CancelOfTheSecondReadLeavesTheHeadsProgress) {
+    PSER_REQUEST head = NewRead(10), second = NewRead(10);
+    AddRead(head);
+    AddRead(second);
+    Indicate({1, 2, 3, 4});
+    KIRQL irql;
+    DEVICE_LOCK(dev.get(), &irql);
+    EXPECT_FALSE(SqueueCancel(&port->RcvQueue, reinterpret_cast<PIRP>(&irql)));
+    EXPECT_TRUE(SqueueCancel(&port->RcvQueue, second->Irp));
+    DEVICE_UNLOCK(dev.get(), irql);
+    EXPECT_EQ(StatusOf(CompletionOf(second)), STATUS_CANCELLED);
+    EXPECT_EQ(second->Length, 0u);
+    EXPECT_EQ(port->RcvQueue.CurCount, 4u);
+    Indicate({5, 6, 7, 8, 9, 10});
+    EXPECT_EQ(StatusOf(CompletionOf(head)), STATUS_SUCCESS);
+    EXPECT_EQ(ReadData(head), (Bytes{1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));
+}
+
+TEST_F(SqueueTest, FlushCancelsEveryRequestHeadFirst) {
+    PSER_REQUEST head = NewRead(10), second = NewRead(10);
+    AddRead(head);
+    AddRead(second);
+    Indicate({1, 2, 3});
+    KIRQL irql;
+    DEVICE_LOCK(dev.get(), &irql);
+    SqueueFlush(&port->RcvQueue);
+    DEVICE_UNLOCK(dev.get(), irql);
+    ASSERT_EQ(fakes.completions.size(), 2u);
+    EXPECT_EQ(fakes.completions[0].request, head);
+    EXPECT_EQ(fakes.completions[0].status, STATUS_CANCELLED);
+    EXPECT_EQ(fakes.completions[0].length, 3u);
+    EXPECT_EQ(fakes.completions[1].length, 0u);
+    EXPECT_EQ(port->RcvQueue.CurPtr, nullptr);
+}
+
+// A write of 40 bytes into a 16-byte send buffer that nothing drains: the
+// head has 16 bytes buffered when its 100 ms run out.
+class CtsTimeoutTest : public SerialTest {
+  protected:
+    void SetUp() override {
+        SerialTest::SetUp();
+        TraceMask |= TL_CTS;
+        MakePort(100, 16, 10);
+        fakes.engine.allowed = false;
+        SetTimeouts(0, 0, 0, 0, 100);
+        head = NewWrite(Bytes(40, 0x55));
+        next = NewWrite(Bytes(5, 0x66));
+        SendRequest(port, head);
+        SendRequest(port, next);
+    }
+    PSER_REQUEST head = nullptr, next = nullptr;
+};
+
+TEST_F(CtsTimeoutTest, WritesNeverTimeOutWithoutCtsFlowControl) {
+    Tick(1000);
+    EXPECT_TRUE(fakes.completions.empty());
+}
+
+TEST_F(CtsTimeoutTest, InactiveCtsGrantsOneMoreSecondThenTimesOut) {
+    dev->Cfg.useCtsFlowControl = 1;
+    Tick(10);
+    EXPECT_EQ(head->Flags & SER_REQUEST_CTS_GRANTED, 0u);
+    Tick();
+    EXPECT_NE(head->Flags & SER_REQUEST_CTS_GRANTED, 0u);
+    EXPECT_NE(next->Flags & SER_REQUEST_CTS_GRANTED, 0u);
+    EXPECT_EQ(head->TotalTime, 1000);
+    EXPECT_EQ(dev->WaitingData, 16u) << "the head's buffered bytes may go out";
+    EXPECT_EQ(fakes.send_dpc_runs, 1) << "queued once, run after the lock was released";
+    EXPECT_TRUE(dbg().Contains("ACM:COM7:IRP with timout send 16 bytes"));
+    EXPECT_TRUE(dbg().Contains("ACM:COM7:IRP with timout send 0 bytes"));
+
+    Tick(100);
+    EXPECT_TRUE(fakes.completions.empty());
+    Tick();
+    ASSERT_EQ(fakes.completions.size(), 2u);
+    EXPECT_EQ(fakes.completions[0].status, STATUS_TIMEOUT);
+    EXPECT_EQ(fakes.completions[0].length, 16u);
+    EXPECT_EQ(fakes.completions[1].length, 0u);
+    EXPECT_EQ(dbg().Count("ACM:COM7:IRP with seconds timout, complete it with timeout"), 2u);
+}
+
+TEST_F(CtsTimeoutTest, ActiveCtsTimesOutAtOnce) {
+    dev->Cfg.useCtsFlowControl = 1;
+    dev->ModemStatus = 0x10;
+    Tick(11);
+    ASSERT_EQ(fakes.completions.size(), 2u);
+    EXPECT_EQ(fakes.completions[0].request, head);
+    EXPECT_EQ(fakes.completions[0].status, STATUS_TIMEOUT);
+    EXPECT_EQ(fakes.completions[0].length, 16u);
+    EXPECT_EQ(fakes.send_dpc_runs, 0);
+    EXPECT_EQ(dbg().Count("ACM:COM7:CTS active and timeout, complete IRP with timeout"), 2u);
+}
+
+} // namespace
