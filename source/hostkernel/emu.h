@@ -124,6 +124,27 @@ inline constexpr const char* kWaitInFreedPool = "thread waits on an object insid
 inline constexpr const char* kRegistryIrql = "registry call above PASSIVE_LEVEL";
 inline constexpr const char* kBadHandle = "handle closed or used that is not open";
 inline constexpr const char* kHandleLeak = "registry key handle still open at teardown";
+inline constexpr const char* kIoIrql = "I/O manager call at a forbidden IRQL";
+inline constexpr const char* kIrpUnknown = "IRP used that is not allocated or was freed";
+inline constexpr const char* kIrpCompletedTwice = "IRP completed twice";
+inline constexpr const char* kIrpCompletedPending = "IRP completed with STATUS_PENDING";
+inline constexpr const char* kIrpCompletedWithCancelRoutine =
+    "IRP completed while its cancel routine is still set";
+inline constexpr const char* kPendingMismatch =
+    "dispatch status disagrees with the IRP's pending mark";
+inline constexpr const char* kIrpNoStackLocation = "IRP sent with no stack location left";
+inline constexpr const char* kIrpNoOriginator =
+    "IRP without an originator completed past its last completion routine";
+inline constexpr const char* kIrpBadFree =
+    "IRP freed that is still in use or not from IoAllocateIrp";
+inline constexpr const char* kCancelLockHeld =
+    "cancel routine returned holding the cancel spin lock";
+inline constexpr const char* kIrpLeak = "IRP still allocated or pending at teardown";
+inline constexpr const char* kWorkItemMisuse = "work item queued twice or freed while queued";
+inline constexpr const char* kWorkItemLeak = "work item still allocated at teardown";
+inline constexpr const char* kDeviceDeletedAttached = "device object deleted while attached";
+inline constexpr const char* kDeviceLeak =
+    "device object not deleted or still referenced at teardown";
 } // namespace rule
 
 class Verifier {
@@ -238,6 +259,7 @@ struct KernelOptions {
 namespace detail {
 class Scheduler;
 struct EmuThread;
+class IoManager;
 } // namespace detail
 
 // One emulated machine. The constructing OS thread becomes the first
@@ -257,6 +279,7 @@ class Kernel {
     Verifier& verifier() { return verifier_; }
     Registry& registry() { return *registry_; }
     detail::Scheduler& scheduler() { return *scheduler_; }
+    detail::IoManager& io() { return *io_; }
     std::mt19937_64& Random() { return rng_; }
     uint64_t Seed() const { return options_.seed; }
     const KernelOptions& Options() const { return options_; }
@@ -281,6 +304,7 @@ class Kernel {
     std::unique_ptr<Pool> pool_;
     std::unique_ptr<Registry> registry_;
     std::unique_ptr<detail::Scheduler> scheduler_;
+    std::unique_ptr<detail::IoManager> io_;
     std::unique_ptr<detail::EmuThread> main_;
     std::unique_ptr<class Thread> worker_;
     std::list<std::function<void()>> work_;
@@ -303,5 +327,116 @@ class Thread {
     std::unique_ptr<detail::EmuThread> thread_;
     bool joined_ = false;
 };
+
+// A driver object as the I/O manager hands it to a driver entry: every
+// MajorFunction entry completes its request with
+// STATUS_INVALID_DEVICE_REQUEST until the driver installs its own routine.
+class Driver {
+  public:
+    explicit Driver(std::u16string name = u"\\Driver\\test");
+    ~Driver();
+    Driver(const Driver&) = delete;
+    Driver& operator=(const Driver&) = delete;
+    PDRIVER_OBJECT Object() { return &object_; }
+    // Calls the entry with the driver's service key path as registry path.
+    NTSTATUS Initialize(PDRIVER_INITIALIZE entry, std::u16string registry_path);
+    // Calls DriverUnload, when the driver installed one.
+    void Unload();
+
+  private:
+    DRIVER_OBJECT object_{};
+    DRIVER_EXTENSION extension_{};
+    std::u16string name_;
+    std::u16string registry_path_;
+};
+
+// The result of one application request: its final status and byte count.
+struct IoResult {
+    NTSTATUS status = STATUS_PENDING;
+    ULONG_PTR information = 0;
+};
+
+// One overlapped application request: the originator its IRP completes to.
+class PendingIo {
+  public:
+    PendingIo();
+    PendingIo(const PendingIo&) = delete;
+    PendingIo& operator=(const PendingIo&) = delete;
+    bool Done() const { return done_; }
+    // Waits for the completion: a blocking point of the calling thread.
+    IoResult Wait();
+    IoResult Result() const { return result_; }
+    // The buffer the request returns into (reads, control outputs); its first
+    // Result().information bytes are the answer.
+    const std::vector<uint8_t>& Output() const { return output_; }
+    PIRP Irp() const { return irp_; } // null once completed
+
+  private:
+    friend class File;
+    KEVENT event_;
+    bool done_ = false;
+    IoResult result_;
+    std::vector<uint8_t> input_;
+    std::vector<uint8_t> output_;
+    PIRP irp_ = nullptr;
+};
+
+// An application's handle on a device, building IRPs as the I/O manager
+// does for a file handle: IRP_MJ_CREATE on open, buffered or neither I/O
+// for reads and writes as the device's flags ask, METHOD_BUFFERED and
+// METHOD_NEITHER controls, IRP_MJ_CLEANUP and IRP_MJ_CLOSE on close.
+// Requests go to the top of the opened device's stack.
+class File {
+  public:
+    File() = default;
+    ~File(); // closes the file if it is still open
+    File(const File&) = delete;
+    File& operator=(const File&) = delete;
+
+    NTSTATUS Open(PDEVICE_OBJECT device);
+    NTSTATUS Open(std::u16string_view name); // a device name or a symbolic link
+    bool IsOpen() const { return file_ != nullptr; }
+    PFILE_OBJECT Object() const { return file_; }
+
+    // Synchronous requests: they wait when the driver pends the IRP.
+    IoResult Read(void* buffer, ULONG length);
+    IoResult Write(const void* data, ULONG length);
+    IoResult DeviceIoControl(ULONG code, const void* input, ULONG input_length, void* output,
+                             ULONG output_length);
+    IoResult InternalDeviceIoControl(ULONG code, const void* input, ULONG input_length,
+                                     void* output, ULONG output_length);
+
+    // Overlapped requests: sent at once, completed whenever the driver does.
+    std::shared_ptr<PendingIo> ReadAsync(ULONG length);
+    std::shared_ptr<PendingIo> WriteAsync(const void* data, ULONG length);
+    std::shared_ptr<PendingIo> DeviceIoControlAsync(ULONG code, const void* input,
+                                                    ULONG input_length, ULONG output_length,
+                                                    bool internal = false);
+    // IoCancelIrp on a request still pending; false when it was not cancelled.
+    bool Cancel(PendingIo& request);
+
+    // The handle is closed: IRP_MJ_CLEANUP. Close waits for the file's
+    // outstanding requests, then sends IRP_MJ_CLOSE and frees the file object.
+    NTSTATUS Cleanup();
+    NTSTATUS Close();
+
+  private:
+    std::shared_ptr<PendingIo> Send(UCHAR major, ULONG code, const void* input, ULONG input_length,
+                                    ULONG output_length);
+    NTSTATUS SendSimple(UCHAR major);
+    PFILE_OBJECT file_ = nullptr;
+    bool cleaned_up_ = false;
+    std::vector<std::shared_ptr<PendingIo>> outstanding_;
+};
+
+// The object namespace as tests see it.
+PDEVICE_OBJECT FindDevice(std::u16string_view name); // follows symbolic links
+bool SymbolicLinkExists(std::u16string_view link);
+std::u16string SymbolicLinkTarget(std::u16string_view link); // empty when there is none
+// Open files and queued work items holding a device object.
+LONG DeviceReferences(PDEVICE_OBJECT device);
+bool DeviceExists(PDEVICE_OBJECT device); // not yet freed
+// IRPs the I/O manager knows of: allocated, initialized or in flight.
+size_t LiveIrps();
 
 } // namespace hk

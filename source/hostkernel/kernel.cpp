@@ -1,5 +1,6 @@
 // One emulated machine: its lifetime, the system worker thread and the
 // application threads, and the checks made when it is torn down.
+#include "hostkernel/iomgr.h"
 #include "hostkernel/scheduler.h"
 
 #include <cstdlib>
@@ -31,6 +32,7 @@ Kernel::Kernel(KernelOptions options) : options_(options), rng_(options.seed) {
     pool_ = std::make_unique<Pool>(rng_);
     registry_ = std::make_unique<Registry>(rng_);
     scheduler_ = std::make_unique<detail::Scheduler>(*this, options.real_time);
+    io_ = std::make_unique<detail::IoManager>(*this);
     main_ = std::make_unique<detail::EmuThread>();
     main_->name = "main";
     KeInitializeEvent(&main_->done, NotificationEvent, FALSE);
@@ -55,6 +57,7 @@ Kernel::~Kernel() {
     KeSetEvent(&work_event_, 0, FALSE);
     worker_->Join();
     scheduler_->CheckTeardown(main_.get(), nullptr);
+    io_->CheckTeardown();
     registry_->CheckTeardown();
     Pool::Usage leaked = pool_->Total();
     if (leaked.blocks != 0)
@@ -62,6 +65,7 @@ Kernel::~Kernel() {
                                                  std::to_string(leaked.bytes) + " byte(s)\n" +
                                                  pool_->LeakReport());
     worker_.reset();
+    io_.reset();
     pool_.reset();
     g_current = nullptr;
 }

@@ -1,0 +1,109 @@
+// The I/O manager's own state, internal to the stand-in: the object
+// namespace (device names and symbolic links), what it knows of every device
+// object, IRP and work item, the system cancel spin lock, and the checks made
+// when the kernel is torn down.
+#pragma once
+
+#include "hostkernel/emu.h"
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+namespace hk::detail {
+
+struct DeviceInfo {
+    std::u16string name;                  // empty: unnamed
+    PDEVICE_OBJECT attached_to = nullptr; // the device this one sits on
+    bool delete_requested = false;        // IoDeleteDevice called; freed at the last reference
+    int open_files = 0;
+};
+
+// Who gets an IRP back once its last completion routine has run.
+enum class IrpOrigin {
+    kDriver,     // IoInitializeIrp on driver memory: must be taken back by a completion routine
+    kAllocated,  // IoAllocateIrp: likewise, and freed by IoFreeIrp
+    kBuiltIoctl, // IoBuildDeviceIoControlRequest: the I/O manager finishes and frees it
+    kFile,       // an application request through hk::File
+};
+
+struct IrpInfo {
+    IrpOrigin origin = IrpOrigin::kDriver;
+    bool gone = false; // freed; IofCallDriver frames still on the stack may hold this record
+    unsigned completions = 0;
+    // Per stack location: bumped at every send, so a frame knows whether the
+    // unwinding it sees belongs to its own send.
+    std::vector<uint32_t> sends;
+    std::vector<uint32_t> unwound_send; // the send that completion unwound past, 0: none
+    std::vector<bool> pending_at;       // SL_PENDING_RETURNED seen while unwinding
+    // Runs once the IRP reached its originator (built and file IRPs): copies
+    // buffers back, signals the waiter and frees the IRP.
+    std::function<void(PIRP)> finish;
+};
+
+class IoManager {
+  public:
+    explicit IoManager(Kernel& kernel);
+    ~IoManager();
+
+    // Namespace. Names compare case-insensitively; "\DosDevices\" is "\??\".
+    static std::u16string Key(std::u16string_view name);
+    NTSTATUS InsertDevice(std::u16string_view name, PDEVICE_OBJECT device);
+    NTSTATUS InsertLink(std::u16string_view link, std::u16string_view target);
+    NTSTATUS RemoveLink(std::u16string_view link);
+    void RemoveName(std::u16string_view name);
+    PDEVICE_OBJECT Lookup(std::u16string_view name) const; // follows symbolic links
+    const std::u16string* LinkTarget(std::u16string_view link) const;
+
+    // Device objects.
+    std::map<PDEVICE_OBJECT, DeviceInfo> devices;
+    DeviceInfo* FindDevice(PDEVICE_OBJECT device);
+    void Reference(PDEVICE_OBJECT device);
+    void Dereference(PDEVICE_OBJECT device);
+    void FreeDevice(PDEVICE_OBJECT device);
+
+    // IRPs.
+    std::unordered_map<PIRP, std::shared_ptr<IrpInfo>> irps;
+    std::unordered_set<PIRP> completed_and_freed; // for telling a second completion apart
+    std::shared_ptr<IrpInfo> FindIrp(PIRP irp) const;
+    std::shared_ptr<IrpInfo> Register(PIRP irp, IrpOrigin origin);
+    void Release(PIRP irp); // forgets the IRP and frees its pool block
+
+    // Work items (their record is private to workitem.cpp).
+    std::set<PIO_WORKITEM> work_items;
+    void FreeWorkItemBlock(PIO_WORKITEM item);
+
+    KSPIN_LOCK cancel_lock = 0;
+
+    // Reports IRPs, work items and device objects left over, and frees them.
+    void CheckTeardown();
+
+  private:
+    struct NamedObject {
+        PDEVICE_OBJECT device = nullptr;
+        std::u16string link_target; // set for symbolic links
+    };
+    Kernel& kernel_;
+    std::map<std::u16string, NamedObject> names_;
+};
+
+IoManager& Io();
+
+// Pool tags of the I/O manager's own blocks.
+inline constexpr ULONG kDeviceTag = 0x69766544;       // 'Devi'
+inline constexpr ULONG kIrpTag = 0x20707249;          // 'Irp '
+inline constexpr ULONG kSystemBufferTag = 0x62537249; // 'IrSb'
+inline constexpr ULONG kMdlTag = 0x206c644d;          // 'Mdl '
+inline constexpr ULONG kWorkItemTag = 0x6b576f49;     // 'IoWk'
+inline constexpr ULONG kFileTag = 0x656c6946;         // 'File'
+
+// Reports when the IRQL is above max for the named call.
+bool CheckIoIrql(const char* call, KIRQL max);
+std::string Hex(uint64_t value);
+
+} // namespace hk::detail

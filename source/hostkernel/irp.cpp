@@ -1,0 +1,384 @@
+// IRPs: allocation and initialisation, sending down a device stack,
+// completion with the completion routines run in stack order, cancellation
+// under the system cancel spin lock, synchronous device control requests
+// built for a driver, and MDLs. The verifier watches pending marks, IRQLs
+// across callbacks, double and premature completions and freed IRPs.
+#include "hostkernel/iomgr.h"
+
+#include "hostkernel/scheduler.h"
+
+#include <algorithm>
+#include <cstdlib>
+
+using namespace hk;
+using namespace hk::detail;
+
+namespace {
+
+bool IsError(NTSTATUS status) {
+    return (ULONG(status) >> 30) == 3;
+}
+
+void Violation(const char* rule_name, const std::string& detail) {
+    Kernel::Current().verifier().Violation(rule_name, detail);
+}
+
+std::string Describe(PIRP irp) {
+    return "IRP " + Hex(uintptr_t(irp));
+}
+
+// The record of a known IRP, or null after reporting the unknown one.
+std::shared_ptr<IrpInfo> KnownIrp(const char* call, PIRP irp) {
+    auto info = Io().FindIrp(irp);
+    if (!info) {
+        bool completed = Io().completed_and_freed.count(irp) != 0;
+        Violation(completed && std::string(call) == "IofCompleteRequest" ? rule::kIrpCompletedTwice
+                                                                         : rule::kIrpUnknown,
+                  std::string(call) + " on " + Describe(irp) + ", which " +
+                      (completed ? "was completed and freed already"
+                                 : "is not an allocated or initialized IRP"));
+    }
+    return info;
+}
+
+void Fill(PIRP irp, USHORT packet_size, CCHAR stack_size) {
+    memset(irp, 0, packet_size);
+    irp->Type = IO_TYPE_IRP;
+    irp->Size = packet_size;
+    irp->StackCount = stack_size;
+    irp->CurrentLocation = CHAR(stack_size + 1);
+    InitializeListHead(&irp->ThreadListEntry);
+    irp->Tail.Overlay.CurrentStackLocation =
+        reinterpret_cast<PIO_STACK_LOCATION>(reinterpret_cast<PCHAR>(irp) + sizeof(IRP)) +
+        stack_size;
+}
+
+void CheckCallbackIrql(const char* what, KIRQL before) {
+    KIRQL after = Sched().Irql();
+    if (after == before)
+        return;
+    Violation(rule::kIrqlNotRestored, std::string(what) + " was called at IRQL " +
+                                          std::to_string(before) + " and returned at IRQL " +
+                                          std::to_string(after));
+    Sched().SetIrql(before);
+}
+
+PIRP AllocateIrp(CCHAR stack_size, IrpOrigin origin) {
+    if (stack_size < 1) {
+        std::fprintf(stderr, "hostkernel: IRP of %d stack locations requested\n", stack_size);
+        std::abort();
+    }
+    USHORT size = IoSizeOfIrp(stack_size);
+    auto irp = static_cast<PIRP>(ExAllocatePoolWithTag(NonPagedPool, size, kIrpTag));
+    if (!irp)
+        return nullptr;
+    Fill(irp, size, stack_size);
+    Io().Register(irp, origin);
+    return irp;
+}
+
+} // namespace
+
+PIRP IoAllocateIrp(CCHAR StackSize, BOOLEAN ChargeQuota) {
+    UNREFERENCED_PARAMETER(ChargeQuota);
+    CheckIoIrql("IoAllocateIrp", DISPATCH_LEVEL);
+    return AllocateIrp(StackSize, IrpOrigin::kAllocated);
+}
+
+void IoInitializeIrp(PIRP Irp, USHORT PacketSize, CCHAR StackSize) {
+    if (StackSize < 1 || PacketSize < IoSizeOfIrp(StackSize)) {
+        std::fprintf(
+            stderr, "hostkernel: IoInitializeIrp with %u bytes for %d stack locations (needs %u)\n",
+            PacketSize, StackSize, StackSize < 1 ? 0u : unsigned(IoSizeOfIrp(StackSize)));
+        std::abort();
+    }
+    auto known = Io().FindIrp(Irp);
+    IrpOrigin origin = known ? known->origin : IrpOrigin::kDriver;
+    Fill(Irp, PacketSize, StackSize);
+    Io().Register(Irp, origin);
+}
+
+void IoReuseIrp(PIRP Irp, NTSTATUS Status) {
+    auto info = KnownIrp("IoReuseIrp", Irp);
+    if (!info)
+        return;
+    Fill(Irp, Irp->Size, Irp->StackCount);
+    Irp->IoStatus.Status = Status;
+    Io().Register(Irp, info->origin);
+}
+
+void IoFreeIrp(PIRP Irp) {
+    CheckIoIrql("IoFreeIrp", DISPATCH_LEVEL);
+    auto info = KnownIrp("IoFreeIrp", Irp);
+    if (!info)
+        return;
+    if (info->origin != IrpOrigin::kAllocated) {
+        Violation(rule::kIrpBadFree,
+                  "IoFreeIrp on " + Describe(Irp) + ", which IoAllocateIrp did not allocate");
+        return;
+    }
+    if (Irp->CurrentLocation <= Irp->StackCount) {
+        Violation(rule::kIrpBadFree, "IoFreeIrp on " + Describe(Irp) +
+                                         " while a driver still holds it (stack location " +
+                                         std::to_string(Irp->CurrentLocation) + " of " +
+                                         std::to_string(Irp->StackCount) + ")");
+        return;
+    }
+    if (Irp->CancelRoutine) {
+        Violation(rule::kIrpBadFree,
+                  "IoFreeIrp on " + Describe(Irp) + " with a cancel routine set");
+        return;
+    }
+    Io().Release(Irp);
+}
+
+NTSTATUS FASTCALL IofCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
+    CheckIoIrql("IofCallDriver", DISPATCH_LEVEL);
+    auto info = KnownIrp("IofCallDriver", Irp);
+    if (!info)
+        return STATUS_INVALID_PARAMETER;
+    if (!Io().FindDevice(DeviceObject)) {
+        std::fprintf(stderr, "hostkernel: IofCallDriver to %p, which is not a device object\n",
+                     static_cast<void*>(DeviceObject));
+        std::abort();
+    }
+    if (Irp->CurrentLocation <= 1) {
+        Violation(rule::kIrpNoStackLocation,
+                  Describe(Irp) + " of " + std::to_string(Irp->StackCount) +
+                      " stack location(s) sent to a device that needs one more");
+        return STATUS_INVALID_PARAMETER;
+    }
+    IoSetNextIrpStackLocation(Irp);
+    PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Irp);
+    stack->DeviceObject = DeviceObject;
+    size_t index = size_t(Irp->CurrentLocation - 1);
+    uint32_t send = ++info->sends[index];
+    info->unwound_send[index] = 0;
+    UCHAR major = stack->MajorFunction;
+    if (major > IRP_MJ_MAXIMUM_FUNCTION) {
+        std::fprintf(stderr, "hostkernel: IRP sent with major function 0x%x\n", major);
+        std::abort();
+    }
+    KIRQL before = Sched().Irql();
+    NTSTATUS status = DeviceObject->DriverObject->MajorFunction[major](DeviceObject, Irp);
+    CheckCallbackIrql(("the dispatch routine for major function " + Hex(major)).c_str(), before);
+
+    bool marked;
+    if (info->unwound_send[index] == send)
+        marked = info->pending_at[index];
+    else if (!info->gone && info->sends[index] == send)
+        marked = (stack->Control & SL_PENDING_RETURNED) != 0;
+    else
+        return status; // the IRP was reused or freed meanwhile: nothing left to compare
+    if (status == STATUS_PENDING && !marked)
+        Violation(rule::kPendingMismatch,
+                  "the dispatch routine for major function " + Hex(major) +
+                      " returned STATUS_PENDING without marking the IRP pending");
+    else if (status != STATUS_PENDING && marked)
+        Violation(rule::kPendingMismatch, "the dispatch routine for major function " + Hex(major) +
+                                              " marked the IRP pending but returned " +
+                                              Hex(ULONG(status)));
+    return status;
+}
+
+void FASTCALL IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost) {
+    UNREFERENCED_PARAMETER(PriorityBoost);
+    CheckIoIrql("IofCompleteRequest", DISPATCH_LEVEL);
+    auto info = KnownIrp("IofCompleteRequest", Irp);
+    if (!info)
+        return;
+    if (Irp->CurrentLocation > Irp->StackCount + 1) {
+        Violation(rule::kIrpCompletedTwice,
+                  Describe(Irp) + " completed again after it reached its originator");
+        return;
+    }
+    if (Irp->IoStatus.Status == STATUS_PENDING) {
+        Violation(rule::kIrpCompletedPending, Describe(Irp) + " completed with STATUS_PENDING");
+        return;
+    }
+    if (Irp->CancelRoutine) {
+        Violation(rule::kIrpCompletedWithCancelRoutine,
+                  Describe(Irp) + " completed with its cancel routine still set");
+        Irp->CancelRoutine = nullptr;
+    }
+    info->completions++;
+    PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Irp);
+    for (Irp->CurrentLocation++, Irp->Tail.Overlay.CurrentStackLocation++;
+         Irp->CurrentLocation <= Irp->StackCount + 1;
+         stack++, Irp->CurrentLocation++, Irp->Tail.Overlay.CurrentStackLocation++) {
+        size_t index = size_t(Irp->CurrentLocation - 2);
+        Irp->PendingReturned = (stack->Control & SL_PENDING_RETURNED) != 0;
+        info->pending_at[index] = Irp->PendingReturned;
+        info->unwound_send[index] = info->sends[index];
+        NTSTATUS status = Irp->IoStatus.Status;
+        bool invoke = (NT_SUCCESS(status) && (stack->Control & SL_INVOKE_ON_SUCCESS)) ||
+                      (!NT_SUCCESS(status) && (stack->Control & SL_INVOKE_ON_ERROR)) ||
+                      (Irp->Cancel && (stack->Control & SL_INVOKE_ON_CANCEL));
+        PIO_COMPLETION_ROUTINE routine = stack->CompletionRoutine;
+        PVOID context = stack->Context;
+        memset(stack, 0, sizeof(*stack));
+        if (invoke && routine) {
+            PDEVICE_OBJECT device = Irp->CurrentLocation == Irp->StackCount + 1
+                                        ? nullptr
+                                        : IoGetCurrentIrpStackLocation(Irp)->DeviceObject;
+            KIRQL before = Sched().Irql();
+            NTSTATUS result = routine(device, Irp, context);
+            CheckCallbackIrql("a completion routine", before);
+            if (result == STATUS_MORE_PROCESSING_REQUIRED)
+                return; // the IRP is the routine's again, and may be gone already
+        } else if (Irp->PendingReturned && Irp->CurrentLocation <= Irp->StackCount) {
+            IoMarkIrpPending(Irp);
+        }
+    }
+    if (info->origin == IrpOrigin::kDriver || info->origin == IrpOrigin::kAllocated) {
+        Violation(rule::kIrpNoOriginator,
+                  Describe(Irp) + " was allocated by a driver, so its last completion routine "
+                                  "must return STATUS_MORE_PROCESSING_REQUIRED");
+        return;
+    }
+    info->finish(Irp);
+}
+
+void IoAcquireCancelSpinLock(PKIRQL Irql) {
+    KeAcquireSpinLock(&Io().cancel_lock, Irql);
+}
+
+void IoReleaseCancelSpinLock(KIRQL Irql) {
+    KeReleaseSpinLock(&Io().cancel_lock, Irql);
+}
+
+BOOLEAN IoCancelIrp(PIRP Irp) {
+    CheckIoIrql("IoCancelIrp", DISPATCH_LEVEL);
+    if (!KnownIrp("IoCancelIrp", Irp))
+        return FALSE;
+    KIRQL irql;
+    IoAcquireCancelSpinLock(&irql);
+    Irp->Cancel = TRUE;
+    PDRIVER_CANCEL routine = IoSetCancelRoutine(Irp, nullptr);
+    if (!routine) {
+        IoReleaseCancelSpinLock(irql);
+        return FALSE;
+    }
+    Irp->CancelIrql = irql;
+    PDEVICE_OBJECT device = Irp->CurrentLocation <= Irp->StackCount
+                                ? IoGetCurrentIrpStackLocation(Irp)->DeviceObject
+                                : nullptr;
+    routine(device, Irp);
+    if (Io().cancel_lock != 0) {
+        Violation(
+            rule::kCancelLockHeld,
+            "the cancel routine must release it with IoReleaseCancelSpinLock(Irp->CancelIrql)");
+        IoReleaseCancelSpinLock(irql);
+    }
+    CheckCallbackIrql("a cancel routine", irql);
+    return TRUE;
+}
+
+PIRP IoBuildDeviceIoControlRequest(ULONG IoControlCode, PDEVICE_OBJECT DeviceObject,
+                                   PVOID InputBuffer, ULONG InputBufferLength, PVOID OutputBuffer,
+                                   ULONG OutputBufferLength, BOOLEAN InternalDeviceIoControl,
+                                   PKEVENT Event, PIO_STATUS_BLOCK IoStatusBlock) {
+    CheckIoIrql("IoBuildDeviceIoControlRequest", PASSIVE_LEVEL);
+    ULONG method = METHOD_FROM_CTL_CODE(IoControlCode);
+    if (method != METHOD_BUFFERED && method != METHOD_NEITHER) {
+        std::fprintf(stderr, "hostkernel: direct I/O controls (code 0x%x) are not emulated\n",
+                     IoControlCode);
+        std::abort();
+    }
+    PIRP irp = AllocateIrp(DeviceObject->StackSize, IrpOrigin::kBuiltIoctl);
+    if (!irp)
+        return nullptr;
+    PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(irp);
+    next->MajorFunction =
+        InternalDeviceIoControl ? IRP_MJ_INTERNAL_DEVICE_CONTROL : IRP_MJ_DEVICE_CONTROL;
+    next->Parameters.DeviceIoControl.IoControlCode = IoControlCode;
+    next->Parameters.DeviceIoControl.InputBufferLength = InputBufferLength;
+    next->Parameters.DeviceIoControl.OutputBufferLength = OutputBufferLength;
+    if (method == METHOD_BUFFERED) {
+        ULONG length = std::max(InputBufferLength, OutputBufferLength);
+        if (length != 0) {
+            PVOID buffer = ExAllocatePoolWithTag(NonPagedPool, length, kSystemBufferTag);
+            if (!buffer) {
+                Io().Release(irp);
+                return nullptr;
+            }
+            memset(buffer, 0, length);
+            if (InputBuffer && InputBufferLength)
+                memcpy(buffer, InputBuffer, InputBufferLength);
+            irp->AssociatedIrp.SystemBuffer = buffer;
+            irp->Flags = IRP_BUFFERED_IO | IRP_DEALLOCATE_BUFFER |
+                         (OutputBufferLength ? IRP_INPUT_OPERATION : 0);
+        }
+    } else {
+        next->Parameters.DeviceIoControl.Type3InputBuffer = InputBuffer;
+        irp->UserBuffer = OutputBuffer;
+    }
+    irp->RequestorMode = KernelMode;
+    irp->UserIosb = IoStatusBlock;
+    irp->UserEvent = Event;
+    irp->Tail.Overlay.Thread = KeGetCurrentThread();
+    Io().FindIrp(irp)->finish = [OutputBuffer, OutputBufferLength](PIRP done) {
+        PVOID buffer = done->AssociatedIrp.SystemBuffer;
+        if (buffer && (done->Flags & IRP_DEALLOCATE_BUFFER)) {
+            if ((done->Flags & IRP_INPUT_OPERATION) && OutputBuffer &&
+                !IsError(done->IoStatus.Status))
+                memcpy(OutputBuffer, buffer,
+                       std::min<ULONG_PTR>(done->IoStatus.Information, OutputBufferLength));
+            ExFreePoolWithTag(buffer, kSystemBufferTag);
+        }
+        if (done->UserIosb)
+            *done->UserIosb = done->IoStatus;
+        PKEVENT event = done->UserEvent;
+        Io().Release(done);
+        if (event)
+            KeSetEvent(event, IO_NO_INCREMENT, FALSE);
+    };
+    return irp;
+}
+
+PMDL IoAllocateMdl(PVOID VirtualAddress, ULONG Length, BOOLEAN SecondaryBuffer, BOOLEAN ChargeQuota,
+                   PIRP Irp) {
+    UNREFERENCED_PARAMETER(ChargeQuota);
+    CheckIoIrql("IoAllocateMdl", DISPATCH_LEVEL);
+    auto mdl = static_cast<PMDL>(ExAllocatePoolWithTag(NonPagedPool, sizeof(MDL), kMdlTag));
+    if (!mdl)
+        return nullptr;
+    memset(mdl, 0, sizeof(MDL));
+    mdl->Size = CSHORT(sizeof(MDL));
+    uintptr_t address = uintptr_t(VirtualAddress);
+    mdl->StartVa = reinterpret_cast<PVOID>(address & ~uintptr_t(PAGE_SIZE - 1));
+    mdl->ByteOffset = ULONG(address & (PAGE_SIZE - 1));
+    mdl->ByteCount = Length;
+    if (Irp) {
+        if (!SecondaryBuffer) {
+            Irp->MdlAddress = mdl;
+        } else {
+            PMDL last = Irp->MdlAddress;
+            while (last && last->Next)
+                last = last->Next;
+            if (last)
+                last->Next = mdl;
+            else
+                Irp->MdlAddress = mdl;
+        }
+    }
+    return mdl;
+}
+
+void IoFreeMdl(PMDL Mdl) {
+    ExFreePoolWithTag(Mdl, kMdlTag);
+}
+
+void MmBuildMdlForNonPagedPool(PMDL MemoryDescriptorList) {
+    MemoryDescriptorList->MappedSystemVa = MmGetMdlVirtualAddress(MemoryDescriptorList);
+    MemoryDescriptorList->MdlFlags |= MDL_SOURCE_IS_NONPAGED_POOL;
+}
+
+PVOID MmGetSystemAddressForMdlSafe(PMDL Mdl, ULONG Priority) {
+    UNREFERENCED_PARAMETER(Priority);
+    if (!(Mdl->MdlFlags & (MDL_MAPPED_TO_SYSTEM_VA | MDL_SOURCE_IS_NONPAGED_POOL))) {
+        Mdl->MappedSystemVa = MmGetMdlVirtualAddress(Mdl);
+        Mdl->MdlFlags |= MDL_MAPPED_TO_SYSTEM_VA;
+    }
+    return Mdl->MappedSystemVa;
+}
