@@ -23,8 +23,7 @@ static VOID CompleteIrpNow(PIRP Irp, NTSTATUS Status, ULONG_PTR Information) {
     IoCompleteRequest(Irp, IO_NO_INCREMENT);
 }
 
-static VOID FillRequest(PSER_REQUEST Request, PIRP Irp, PPORT_OBJ Port, ULONG Length,
-                        ULONG Flags) {
+static VOID FillRequest(PSER_REQUEST Request, PIRP Irp, PPORT_OBJ Port, ULONG Length, ULONG Flags) {
     Request->Buffer = Irp->AssociatedIrp.SystemBuffer;
     Request->Length = Length;
     Request->Status = DEFAULT_STATUS;

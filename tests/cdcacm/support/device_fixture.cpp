@@ -1,0 +1,181 @@
+// The device lock macros name the file in their assertions.
+#define TRACE_FILE "tests/cdcacm/support/device_fixture"
+#include "device_fixture.h"
+
+#include <algorithm>
+
+void DeviceFixture::SetUp() {
+    DriverTest::SetUp();
+    LaterDoubles() = LaterDoubleCalls{};
+    const Options options = DeviceOptions();
+
+    driver_.Type = IO_TYPE_DRIVER;
+    driver_.Size = sizeof(DRIVER_OBJECT);
+    driver_extension_.DriverObject = &driver_;
+    driver_.DriverExtension = &driver_extension_;
+    driver_.MajorFunction[IRP_MJ_READ] = DispatchRead;
+    driver_.MajorFunction[IRP_MJ_WRITE] = DispatchWrite;
+
+    UNICODE_STRING name;
+    RtlInitUnicodeString(&name, WSTR("\\Device\\korvadem0"));
+    ASSERT_EQ(IoCreateDevice(&driver_, sizeof(DEVICE), &name, FILE_DEVICE_SERIAL_PORT, 0, FALSE,
+                             &data_port_),
+              STATUS_SUCCESS);
+    data_port_->Flags |= DO_BUFFERED_IO;
+    data_port_->Flags &= ~DO_DEVICE_INITIALIZING;
+
+    dev_ = static_cast<PDEVICE>(data_port_->DeviceExtension);
+    port_ = &dev_->Port;
+    dev_->Type = EXTENSION_TYPE_DEVICE;
+    dev_->DriverObject = &driver_;
+    dev_->Magic = DEVICE_MAGIC;
+    dev_->DevicePowerState = PowerDeviceD0;
+    dev_->Cfg.TimerInterval = options.timer_interval;
+    dev_->RefCount = 1; // the data port's own reference
+    InitTimerObj(&dev_->QueueTimer, TimerDpcRoutine, dev_, options.timer_interval);
+    KeInitializeEvent(&dev_->TimerIdle, NotificationEvent, FALSE);
+    KeInitializeMutex(&dev_->DeviceMutex, 0);
+    KeInitializeSpinLock(&dev_->Lock);
+    CompleteQueueInit(&dev_->CompleteQueue);
+
+    port_->DeviceObject = data_port_;
+    port_->Device = dev_;
+    port_->PortName = port_name_;
+    IrpQueueInit(&port_->ReadIrpQueue);
+    IrpQueueInit(&port_->WriteIrpQueue);
+    port_->Magic = PORT_OBJ_MAGIC;
+    ASSERT_EQ(DPoolInit(&port_->RequestPool, 5, 40, 10, sizeof(SER_REQUEST)), STATUS_SUCCESS);
+    ASSERT_EQ(AddPort(&port_->SerPort, dev_, options.rcv_buffer, options.snd_buffer,
+                      options.timer_interval, port_),
+              STATUS_SUCCESS);
+    ser_ = port_->SerPort;
+}
+
+void DeviceFixture::TearDown() {
+    if (dev_ != nullptr) {
+        StopTimer(dev_);
+        for (auto& request : requests_)
+            if (!request->completed && request->irp != nullptr)
+                IoCancelIrp(request->irp);
+        RunFor(1); // completion DPCs and work items
+        if (ser_ != nullptr) {
+            KIRQL irql;
+            KeAcquireSpinLock(&dev_->Lock, &irql);
+            SqueueFlush(&ser_->RcvQueue);
+            SqueueFlush(&ser_->SndQueue);
+            KeReleaseSpinLock(&dev_->Lock, irql);
+            RunFor(1);
+            DeleteSerPort(ser_);
+        }
+        for (auto& request : requests_) {
+            EXPECT_TRUE(request->completed) << "a request never completed";
+        }
+        DPoolExit(&port_->RequestPool);
+        IoDeleteDevice(data_port_);
+    }
+    requests_.clear();
+    DriverTest::TearDown();
+}
+
+NTSTATUS NTAPI DeviceFixture::OnComplete(PDEVICE_OBJECT, PIRP Irp, PVOID Context) {
+    auto* request = static_cast<AppRequest*>(Context);
+    request->completions++;
+    request->completed = true;
+    request->status = Irp->IoStatus.Status;
+    request->information = Irp->IoStatus.Information;
+    request->pending_returned = Irp->PendingReturned;
+    request->completed_at_ms = hk::Kernel::Current().NowMs();
+    request->completion_order = ++*request->order_source;
+    request->irp = nullptr;
+    IoFreeIrp(Irp);
+    KeSetEvent(&request->done, IO_NO_INCREMENT, FALSE);
+    // The IRP was ours and is freed: the I/O manager must not touch it again.
+    return STATUS_MORE_PROCESSING_REQUIRED;
+}
+
+AppRequest* DeviceFixture::NewRequest(UCHAR major, ULONG buffer_length) {
+    auto request = std::make_unique<AppRequest>();
+    KeInitializeEvent(&request->done, NotificationEvent, FALSE);
+    request->order_source = &completions_;
+    request->buffer.assign(std::max<ULONG>(buffer_length, 1), 0);
+    PIRP irp = IoAllocateIrp(data_port_->StackSize, FALSE);
+    irp->AssociatedIrp.SystemBuffer = request->buffer.data();
+    irp->IoStatus.Status = STATUS_NOT_SUPPORTED;
+    irp->RequestorMode = UserMode;
+    PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(irp);
+    stack->MajorFunction = major;
+    IoSetCompletionRoutine(irp, OnComplete, request.get(), TRUE, TRUE, TRUE);
+    request->irp = irp;
+    requests_.push_back(std::move(request));
+    return requests_.back().get();
+}
+
+AppRequest* DeviceFixture::Prepare(UCHAR major, ULONG buffer_length) {
+    return NewRequest(major, buffer_length);
+}
+
+void DeviceFixture::Send(AppRequest* request, bool cancel_first) {
+    if (cancel_first) {
+        EXPECT_FALSE(IoCancelIrp(request->irp)) << "no cancel routine is set yet";
+    }
+    request->returned = IoCallDriver(data_port_, request->irp);
+}
+
+AppRequest* DeviceFixture::Read(ULONG length, bool cancel_first) {
+    AppRequest* request = NewRequest(IRP_MJ_READ, length);
+    IoGetNextIrpStackLocation(request->irp)->Parameters.Read.Length = length;
+    Send(request, cancel_first);
+    return request;
+}
+
+AppRequest* DeviceFixture::Write(const std::vector<uint8_t>& data, bool cancel_first) {
+    AppRequest* request = NewRequest(IRP_MJ_WRITE, static_cast<ULONG>(data.size()));
+    std::copy(data.begin(), data.end(), request->buffer.begin());
+    IoGetNextIrpStackLocation(request->irp)->Parameters.Write.Length =
+        static_cast<ULONG>(data.size());
+    Send(request, cancel_first);
+    return request;
+}
+
+AppRequest* DeviceFixture::Control(ULONG code, const std::vector<uint8_t>& input,
+                                   ULONG output_length, bool internal) {
+    ULONG input_length = static_cast<ULONG>(input.size());
+    AppRequest* request =
+        NewRequest(internal ? IRP_MJ_INTERNAL_DEVICE_CONTROL : IRP_MJ_DEVICE_CONTROL,
+                   std::max(input_length, output_length));
+    std::copy(input.begin(), input.end(), request->buffer.begin());
+    PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(request->irp);
+    stack->Parameters.DeviceIoControl.IoControlCode = code;
+    stack->Parameters.DeviceIoControl.InputBufferLength = input_length;
+    stack->Parameters.DeviceIoControl.OutputBufferLength = output_length;
+    Send(request);
+    return request;
+}
+
+bool DeviceFixture::Wait(AppRequest* request, int64_t ms) {
+    if (!request->completed) {
+        LARGE_INTEGER timeout;
+        timeout.QuadPart = -ms * 10000;
+        KeWaitForSingleObject(&request->done, Executive, KernelMode, FALSE, &timeout);
+    }
+    return request->completed;
+}
+
+ULONG DeviceFixture::Receive(const std::vector<uint8_t>& data) {
+    KIRQL irql;
+    DEVICE_LOCK(dev_, &irql);
+    ULONG taken = IndicateReadBuffer(ser_, data.data(), static_cast<ULONG>(data.size()));
+    DEVICE_UNLOCK(dev_, irql);
+    return taken;
+}
+
+void DeviceFixture::SetReadTimeouts(ULONG interval, ULONG multiplier, ULONG constant) {
+    KIRQL irql;
+    DEVICE_LOCK(dev_, &irql);
+    ser_->Settings.ReadIntervalTimeout = interval;
+    ser_->Settings.ReadTotalTimeoutMultiplier = multiplier;
+    ser_->Settings.ReadTotalTimeoutConstant = constant;
+    SqueueCheckTimeMode(&ser_->RcvQueue, &ser_->Settings);
+    port_->WaitForImmediate = ser_->RcvQueue.TimeMode == INTERVALTIME_NOWAIT;
+    DEVICE_UNLOCK(dev_, irql);
+}
