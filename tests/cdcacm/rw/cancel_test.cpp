@@ -1,0 +1,102 @@
+// Cancelling read and write requests: pending ones come back through the
+// normal completion path with the bytes already moved; one cancelled before
+// the driver saw it is completed at once.
+#include "device_fixture.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+class Cancel : public DeviceFixture {};
+
+class CancelSmallSendBuffer : public DeviceFixture {
+  protected:
+    Options DeviceOptions() override {
+        Options options;
+        options.snd_buffer = 16;
+        return options;
+    }
+};
+
+TEST_F(Cancel, PendingReadCompletesWithTheBytesAlreadyMoved) {
+    TraceMask |= TL_INFO;
+    AppRequest* read = Read(10);
+    ASSERT_EQ(read->returned, STATUS_PENDING);
+    Receive("abc");
+    EXPECT_FALSE(read->completed);
+
+    DeviceFixture::Cancel(read);
+    ASSERT_TRUE(Wait(read, 0)) << "completed by the DPC once the locks were released";
+    EXPECT_EQ(read->status, STATUS_CANCELLED);
+    EXPECT_EQ(read->information, 3u);
+    EXPECT_EQ(read->Data(), Bytes({'a', 'b', 'c'}));
+    EXPECT_EQ(read->completions, 1);
+    EXPECT_EQ(ser_->Settings.ReceivedCount, 3u);
+    EXPECT_TRUE(IsListEmpty(&port_->ReadIrpQueue.Irps));
+    EXPECT_TRUE(IsListEmpty(&ser_->RcvQueue.List));
+    EXPECT_EQ(port_->RequestPool.Count, 0u);
+    EXPECT_TRUE(dbg().Contains("ACM:COM3S:IrpQueue_IrpCancelRoutine"));
+}
+
+TEST_F(Cancel, LaterReadOfSeveralIsCancelledWithoutBytes) {
+    AppRequest* first = Read(4);
+    AppRequest* second = Read(4);
+    Receive("ab");
+    DeviceFixture::Cancel(second);
+    ASSERT_TRUE(Wait(second, 0));
+    EXPECT_EQ(second->status, STATUS_CANCELLED);
+    EXPECT_EQ(second->information, 0u) << "only the head request holds bytes";
+    EXPECT_FALSE(first->completed);
+    Receive("cd");
+    ASSERT_TRUE(Wait(first));
+    EXPECT_EQ(first->Data(), Bytes({'a', 'b', 'c', 'd'}));
+}
+
+TEST_F(CancelSmallSendBuffer, PendingWriteCompletesWithTheBytesBuffered) {
+    AppRequest* write = Write(Bytes(40, 'w'));
+    ASSERT_EQ(write->returned, STATUS_PENDING);
+    EXPECT_FALSE(write->completed) << "24 bytes still wait for room";
+    EXPECT_EQ(ser_->CircSendBuf.Count, 16u);
+
+    DeviceFixture::Cancel(write);
+    ASSERT_TRUE(Wait(write, 0));
+    EXPECT_EQ(write->status, STATUS_CANCELLED);
+    EXPECT_EQ(write->information, 16u);
+    EXPECT_EQ(ser_->Settings.TransmittedCount, 16u);
+    EXPECT_TRUE(IsListEmpty(&port_->WriteIrpQueue.Irps));
+    EXPECT_EQ(port_->RequestPool.Count, 0u);
+}
+
+TEST_F(Cancel, RequestCancelledBeforeItIsQueuedCompletesAtOnce) {
+    AppRequest* read = Read(10, /*cancel_first=*/true);
+    EXPECT_EQ(read->returned, STATUS_CANCELLED);
+    ASSERT_TRUE(read->completed) << "completed by the dispatch routine";
+    EXPECT_EQ(read->status, STATUS_CANCELLED);
+    EXPECT_EQ(read->information, 0u);
+    EXPECT_FALSE(read->pending_returned);
+    EXPECT_TRUE(IsListEmpty(&port_->ReadIrpQueue.Irps));
+    EXPECT_TRUE(IsListEmpty(&ser_->RcvQueue.List)) << "the request never reached the port";
+    EXPECT_EQ(port_->RequestPool.Count, 0u) << "the request went back to the pool";
+
+    AppRequest* write = Write(Bytes{'x'}, /*cancel_first=*/true);
+    EXPECT_EQ(write->returned, STATUS_CANCELLED);
+    EXPECT_EQ(write->status, STATUS_CANCELLED);
+    EXPECT_EQ(ser_->CircSendBuf.Count, 0u);
+    EXPECT_EQ(port_->RequestPool.Count, 0u);
+}
+
+TEST_F(Cancel, CancelOfAnIrpWhoseRequestAlreadyFinishedOnlyTraces) {
+    PIRP irp = IoAllocateIrp(data_port_->StackSize, FALSE);
+    IoSetNextIrpStackLocation(irp);
+    KIRQL irql;
+    IoAcquireCancelSpinLock(&irql);
+    irp->CancelIrql = irql;
+    // The cancel routine releases the cancel spin lock itself.
+    IrpQueue_IrpCancelRoutine(data_port_, irp);
+    EXPECT_TRUE(dbg().Contains("ACM:COM3S:IrpQueue_IrpCancelRoutine: The IRP was not found"));
+    EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
+    IoSkipCurrentIrpStackLocation(irp); // back to the caller's side before it is freed
+    IoFreeIrp(irp);
+}
+
+} // namespace

@@ -1,0 +1,170 @@
+// Read and write requests through the read and write dispatch routines, from
+// the application's side: synchronous and pended completion, the completion
+// DPC, and the request pool's limit.
+#include "device_fixture.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+class ReadWrite : public DeviceFixture {};
+
+TEST_F(ReadWrite, ZeroLengthReadCompletesAtOnceWithoutReachingThePort) {
+    AppRequest* read = Read(0);
+    EXPECT_EQ(read->returned, STATUS_SUCCESS);
+    ASSERT_TRUE(read->completed) << "completed inside the dispatch routine";
+    EXPECT_EQ(read->status, STATUS_SUCCESS);
+    EXPECT_EQ(read->information, 0u);
+    EXPECT_FALSE(read->pending_returned);
+    EXPECT_TRUE(IsListEmpty(&ser_->RcvQueue.List));
+    EXPECT_EQ(LaterDoubles().check_rcv_queue, 0);
+}
+
+TEST_F(ReadWrite, ZeroLengthWriteIsPendedAndCompletesWithNothing) {
+    AppRequest* write = Write(Bytes{});
+    EXPECT_EQ(write->returned, STATUS_PENDING);
+    ASSERT_TRUE(Wait(write));
+    EXPECT_EQ(write->status, STATUS_SUCCESS);
+    EXPECT_EQ(write->information, 0u);
+    EXPECT_TRUE(write->pending_returned);
+    EXPECT_TRUE(dbg().Contains("ASSERTION FAILED: (Request->Length != 0)"));
+}
+
+TEST_F(ReadWrite, ImmediateReadTakesWhatIsBufferedAndIsNeverPended) {
+    SetReadTimeouts(0xFFFFFFFF, 0, 0);
+    ASSERT_TRUE(port_->WaitForImmediate);
+    EXPECT_EQ(Receive("hello"), 5u);
+
+    AppRequest* read = Read(10);
+    EXPECT_EQ(read->returned, STATUS_SUCCESS);
+    ASSERT_TRUE(read->completed) << "completed by the dispatch routine itself";
+    EXPECT_FALSE(read->pending_returned);
+    EXPECT_EQ(read->status, STATUS_SUCCESS);
+    EXPECT_EQ(read->Data(), Bytes({'h', 'e', 'l', 'l', 'o'}));
+    EXPECT_EQ(ser_->Settings.ReceivedCount, 5u);
+    EXPECT_EQ(port_->RequestPool.Count, 0u) << "the request went back to the pool";
+    EXPECT_TRUE(IsListEmpty(&port_->ReadIrpQueue.Irps));
+
+    AppRequest* empty = Read(10);
+    EXPECT_EQ(empty->returned, STATUS_SUCCESS);
+    EXPECT_EQ(empty->information, 0u);
+}
+
+TEST_F(ReadWrite, PendedReadCompletesThroughTheDpcWhenItsBytesArrive) {
+    TraceMask |= TL_WAIT | TL_RW;
+    AppRequest* read = Read(4);
+    EXPECT_EQ(read->returned, STATUS_PENDING);
+    EXPECT_EQ(LaterDoubles().check_rcv_queue, 1) << "parked bulk-in data is offered again";
+    EXPECT_FALSE(read->completed);
+    EXPECT_FALSE(IsListEmpty(&port_->ReadIrpQueue.Irps));
+
+    Receive("ab");
+    EXPECT_FALSE(read->completed);
+    Receive("cdef");
+    ASSERT_TRUE(Wait(read));
+    EXPECT_EQ(read->status, STATUS_SUCCESS);
+    EXPECT_EQ(read->Data(), Bytes({'a', 'b', 'c', 'd'}));
+    EXPECT_TRUE(read->pending_returned);
+    EXPECT_TRUE(IsListEmpty(&port_->ReadIrpQueue.Irps));
+    EXPECT_EQ(ser_->CircRcvBuf.Count, 2u);
+    EXPECT_TRUE(dbg().Contains("ACM:COM3S:[DispatchRead len:4"));
+    EXPECT_TRUE(dbg().Contains("ACM:COM3:[CompleteRequest read Size(4) Status(0)"));
+    EXPECT_TRUE(dbg().Contains("ACM:CompleteDpcRoutine Irp:"));
+}
+
+TEST_F(ReadWrite, WriteThatFitsCompletesInFullBeforeAnyByteReachesUsb) {
+    AppRequest* write = Write("0123456789");
+    EXPECT_EQ(write->returned, STATUS_PENDING);
+    ASSERT_TRUE(Wait(write, 0)) << "completed by the DPC as soon as the lock was released";
+    EXPECT_EQ(write->status, STATUS_SUCCESS);
+    EXPECT_EQ(write->information, 10u);
+    EXPECT_TRUE(write->pending_returned);
+    EXPECT_EQ(LaterDoubles().submit_write_buffer, 0) << "nothing was sent to the device";
+    EXPECT_EQ(ser_->CircSendBuf.Count, 10u);
+    EXPECT_EQ(ser_->Settings.TransmittedCount, 10u);
+    EXPECT_TRUE(IsListEmpty(&port_->WriteIrpQueue.Irps));
+}
+
+TEST_F(ReadWrite, BurstOfFinishedReadsCompletesInQueueOrder) {
+    AppRequest* first = Read(2);
+    AppRequest* second = Read(2);
+    AppRequest* third = Read(2);
+    Receive("aabbcc");
+    ASSERT_TRUE(Wait(third));
+    ASSERT_TRUE(first->completed && second->completed);
+    EXPECT_LT(first->completion_order, second->completion_order);
+    EXPECT_LT(second->completion_order, third->completion_order);
+    EXPECT_EQ(second->Data(), Bytes({'b', 'b'}));
+}
+
+TEST_F(ReadWrite, FiftySixthConcurrentReadFailsForLackOfRequests) {
+    std::vector<AppRequest*> reads;
+    for (int i = 0; i < 55; i++) {
+        reads.push_back(Read(1));
+        ASSERT_EQ(reads.back()->returned, STATUS_PENDING) << "read " << i + 1;
+    }
+    EXPECT_FALSE(dbg().Contains("request dpool to small"));
+    AppRequest* refused = Read(1);
+    EXPECT_EQ(refused->returned, STATUS_INSUFFICIENT_RESOURCES);
+    ASSERT_TRUE(refused->completed);
+    EXPECT_EQ(refused->status, STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_EQ(refused->information, 0u);
+    EXPECT_TRUE(dbg().Contains("ACM:COM3S:DispatchRead: request dpool to small"));
+
+    // A write finds the pool exhausted too.
+    AppRequest* write = Write("x");
+    EXPECT_EQ(write->returned, STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_TRUE(dbg().Contains("ACM:COM3S:DispatchWrite: request dpool to small"));
+
+    // One read finishing frees its request for the next one.
+    Receive("z");
+    ASSERT_TRUE(Wait(reads.front()));
+    EXPECT_EQ(Read(1)->returned, STATUS_PENDING);
+}
+
+TEST_F(ReadWrite, SecondCompletionOfARequestIsReportedAndIgnored) {
+    AppRequest* read = Read(4);
+    ASSERT_EQ(read->returned, STATUS_PENDING);
+    KIRQL irql;
+    KeAcquireSpinLock(&dev_->Lock, &irql);
+    PSER_REQUEST request = CONTAINING_RECORD(ser_->RcvQueue.List.Flink, SER_REQUEST, ListEntry);
+    // The serial port finishes the request; its IRP is then out of its queue.
+    SER_REQUEST copy = *request;
+    copy.Status = STATUS_SUCCESS;
+    copy.Length = 0;
+    RemoveEntryList(&request->ListEntry);
+    InitializeListHead(&request->ListEntry);
+    request->Status = STATUS_SUCCESS;
+    request->Length = 0;
+    CompleteRequest(request);
+    ULONG in_use = port_->RequestPool.Count;
+    // ... and, wrongly, finishes it again while the IRP waits in the
+    // completion queue.
+    CompleteRequest(&copy);
+    KeReleaseSpinLock(&dev_->Lock, irql);
+
+    EXPECT_TRUE(dbg().Contains(
+        "ACM:COM3:[CompleteRequest The serport object has completet a request two times, fatal!"));
+    EXPECT_TRUE(dbg().Contains("ASSERTION FAILED: (Irp != NULL)"));
+    EXPECT_EQ(port_->RequestPool.Count, in_use) << "nothing was freed twice";
+    ASSERT_TRUE(Wait(read));
+    EXPECT_EQ(read->completions, 1);
+}
+
+TEST_F(ReadWrite, ForeignStatusesReachTheApplicationAsGenericFailure) {
+    AppRequest* read = Read(4);
+    KIRQL irql;
+    KeAcquireSpinLock(&dev_->Lock, &irql);
+    PSER_REQUEST request = CONTAINING_RECORD(ser_->RcvQueue.List.Flink, SER_REQUEST, ListEntry);
+    RemoveEntryList(&request->ListEntry);
+    InitializeListHead(&request->ListEntry);
+    request->Status = STATUS_INVALID_PARAMETER;
+    request->Length = 0;
+    CompleteRequest(request);
+    KeReleaseSpinLock(&dev_->Lock, irql);
+    ASSERT_TRUE(Wait(read));
+    EXPECT_EQ(read->status, STATUS_UNSUCCESSFUL);
+    EXPECT_TRUE(dbg().Contains("ACM:COM3:]CompleteRequest (C0000001)"));
+}
+
+} // namespace

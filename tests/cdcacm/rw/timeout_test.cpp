@@ -1,0 +1,105 @@
+// Read time-outs counted down by the real queue timer in virtual time: the
+// tick of TimerInterval ms runs both timed queues, and a read completes with
+// STATUS_TIMEOUT on the first tick that finds its time below zero.
+#include "device_fixture.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+class ReadTimeouts : public DeviceFixture {
+  protected:
+    void SetUp() override {
+        DeviceFixture::SetUp();
+        start_ms_ = kernel().NowMs();
+        StartTimer(dev_);
+    }
+    int64_t Elapsed(const AppRequest* request) const {
+        return request->completed_at_ms - start_ms_;
+    }
+    int64_t start_ms_ = 0;
+};
+
+TEST_F(ReadTimeouts, TotalTimeoutFiresOnTheEleventhTickOfAHundredMilliseconds) {
+    SetReadTimeouts(0, 0, 100);
+    AppRequest* read = Read(10);
+    ASSERT_EQ(read->returned, STATUS_PENDING);
+    Receive("ab");
+    RunFor(105);
+    EXPECT_FALSE(read->completed) << "the total time is not below zero before the tick at 110";
+    ASSERT_TRUE(Wait(read, 20));
+    EXPECT_EQ(Elapsed(read), 110);
+    EXPECT_EQ(read->status, STATUS_TIMEOUT);
+    EXPECT_EQ(read->Data(), Bytes({'a', 'b'}));
+}
+
+TEST_F(ReadTimeouts, MultiplierAddsPerRequestedByte) {
+    SetReadTimeouts(0, 5, 20); // 20 + 5 * 4 = 40 ms
+    AppRequest* read = Read(4);
+    ASSERT_TRUE(Wait(read, 200));
+    EXPECT_EQ(Elapsed(read), 50);
+    EXPECT_EQ(read->status, STATUS_TIMEOUT);
+    EXPECT_EQ(read->information, 0u);
+}
+
+TEST_F(ReadTimeouts, IntervalRunsOnlyOnceBytesArriveAndRestartsWithEachArrival) {
+    SetReadTimeouts(30, 0, 0);
+    AppRequest* read = Read(10);
+    RunFor(200);
+    EXPECT_FALSE(read->completed) << "no interval without a first byte";
+
+    RunFor(5); // between two ticks
+    Receive("a");
+    RunFor(30);
+    EXPECT_FALSE(read->completed);
+    Receive("b"); // at 235: restarts the interval
+    RunFor(30);
+    EXPECT_FALSE(read->completed);
+    ASSERT_TRUE(Wait(read, 10));
+    EXPECT_EQ(read->status, STATUS_TIMEOUT);
+    EXPECT_EQ(read->Data(), Bytes({'a', 'b'}));
+    EXPECT_EQ(Elapsed(read), 270) << "the fourth tick after the last byte";
+}
+
+TEST_F(ReadTimeouts, ReadWithoutTimeoutsWaitsForItsWholeLength) {
+    SetReadTimeouts(0, 0, 0);
+    AppRequest* read = Read(3);
+    Receive("ab");
+    RunFor(5000);
+    EXPECT_FALSE(read->completed);
+    Receive("c");
+    ASSERT_TRUE(Wait(read, 0));
+    EXPECT_EQ(read->status, STATUS_SUCCESS);
+}
+
+TEST_F(ReadTimeouts, StoppedTimerNoLongerTicks) {
+    SetReadTimeouts(0, 0, 50);
+    StopTimer(dev_);
+    EXPECT_EQ(dev_->TimerPending, 0);
+    EXPECT_FALSE(dev_->TimerActive);
+    AppRequest* read = Read(1);
+    RunFor(500);
+    EXPECT_FALSE(read->completed);
+    StartTimer(dev_);
+    ASSERT_TRUE(Wait(read, 100));
+    EXPECT_EQ(read->status, STATUS_TIMEOUT);
+}
+
+TEST_F(ReadTimeouts, StartingTwiceArmsOneTimer) {
+    StartTimer(dev_);
+    EXPECT_EQ(dev_->TimerPending, 1);
+    RunFor(35);
+    EXPECT_EQ(dev_->TimerPending, 1) << "each tick re-arms the one timer";
+}
+
+using QueueTimer = DeviceFixture;
+
+TEST_F(QueueTimer, StopWithNoTimerPendingReturnsAtOnce) {
+    int64_t before = kernel().NowMs();
+    StopTimer(dev_);
+    EXPECT_EQ(kernel().NowMs(), before);
+    EXPECT_EQ(dev_->TimerPending, 0);
+    EXPECT_FALSE(dbg().Contains("PwrSetDevicePowerState KeWaitForSingleObject"));
+}
+
+} // namespace

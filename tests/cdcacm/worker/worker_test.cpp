@@ -1,0 +1,175 @@
+// Work items: run at PASSIVE_LEVEL on the system worker thread under the
+// device's DeviceMutex, complete their IRP with the function's status after
+// the mutex is released, and keep the device referenced while queued.
+#include "device_fixture.h"
+
+namespace {
+
+class Worker : public DeviceFixture {
+  protected:
+    struct Probe {
+        Worker* test = nullptr;
+        NTSTATUS result = STATUS_SUCCESS;
+        int runs = 0;
+        KIRQL irql = HIGH_LEVEL;
+        bool mutex_held = false;
+        bool irp_completed_during_run = false;
+        AppRequest* request = nullptr;
+        int64_t ran_at_ms = -1;
+        uint64_t order = 0;
+        LONG refs_during_run = 0;
+    };
+
+    static NTSTATUS Work(PVOID context) {
+        auto* probe = static_cast<Probe*>(context);
+        probe->runs++;
+        probe->irql = KeGetCurrentIrql();
+        probe->mutex_held = KeReadStateMutex(&probe->test->dev_->DeviceMutex) <= 0;
+        probe->irp_completed_during_run = probe->request != nullptr && probe->request->completed;
+        probe->ran_at_ms = hk::Kernel::Current().NowMs();
+        probe->order = ++probe->test->work_order_;
+        probe->refs_during_run = probe->test->dev_->RefCount;
+        return probe->result;
+    }
+
+    Probe MakeProbe(NTSTATUS result = STATUS_SUCCESS) {
+        Probe probe;
+        probe.test = this;
+        probe.result = result;
+        return probe;
+    }
+
+    // An IRP the dispatch routine hands to a work item, as the serial
+    // controls that must wait for the modem do.
+    AppRequest* PendedControl(Probe* probe, BOOLEAN* queued) {
+        AppRequest* request = Prepare(IRP_MJ_DEVICE_CONTROL, 4);
+        probe->request = request;
+        driver_.MajorFunction[IRP_MJ_DEVICE_CONTROL] = DispatchToWorker;
+        current_ = this;
+        current_probe_ = probe;
+        Send(request);
+        *queued = last_queued_;
+        return request;
+    }
+
+    static NTSTATUS NTAPI DispatchToWorker(PDEVICE_OBJECT, PIRP Irp) {
+        current_->last_queued_ = WorkerQueue(current_->dev_, Work, current_probe_, Irp);
+        if (current_->last_queued_)
+            return STATUS_PENDING;
+        Irp->IoStatus.Status = STATUS_UNSUCCESSFUL;
+        IoCompleteRequest(Irp, IO_NO_INCREMENT);
+        return STATUS_UNSUCCESSFUL;
+    }
+
+    uint64_t work_order_ = 0;
+    bool last_queued_ = false;
+    static inline Worker* current_ = nullptr;
+    static inline Probe* current_probe_ = nullptr;
+};
+
+TEST_F(Worker, IrpCompletesWithTheFunctionsStatusAfterTheMutexIsReleased) {
+    TraceMask |= TL_DETAIL | TL_REF;
+    Probe probe = MakeProbe(STATUS_TIMEOUT);
+    BOOLEAN queued = FALSE;
+    AppRequest* request = PendedControl(&probe, &queued);
+    ASSERT_TRUE(queued);
+    EXPECT_EQ(request->returned, STATUS_PENDING);
+    EXPECT_EQ(dev_->RefCount, 2) << "the work item holds a reference";
+    EXPECT_EQ(probe.runs, 0) << "runs on the worker thread, not in the caller";
+
+    ASSERT_TRUE(Wait(request));
+    EXPECT_EQ(probe.runs, 1);
+    EXPECT_EQ(probe.irql, PASSIVE_LEVEL);
+    EXPECT_TRUE(probe.mutex_held);
+    EXPECT_FALSE(probe.irp_completed_during_run);
+    EXPECT_EQ(request->status, STATUS_TIMEOUT);
+    EXPECT_TRUE(request->pending_returned);
+    EXPECT_EQ(KeReadStateMutex(&dev_->DeviceMutex), 1) << "released before completion";
+    EXPECT_EQ(dev_->RefCount, 1);
+    EXPECT_TRUE(LaterDoubles().deleted.empty());
+
+    const auto& lines = TraceLines();
+    auto at = [&](const std::string& text) {
+        for (size_t i = 0; i < lines.size(); i++)
+            if (lines[i].find(text) != std::string::npos)
+                return static_cast<int>(i);
+        return -1;
+    };
+    int inc = at("ACM:COM3:IncRef: 2, source/cdcacm/worker(");
+    int enter = at("ACM:COM3:[_WorkerFuntion");
+    int freed = at("ACM:COM3:_WorkerFuntion after free");
+    int complete = at("ACM:COM3:_WorkerFuntion complete ");
+    int dec = at("ACM:COM3:DecRef: 1, source/cdcacm/worker(");
+    int leave = at("ACM:COM3:]_WorkerFuntion");
+    ASSERT_GE(inc, 0);
+    EXPECT_LT(inc, enter);
+    EXPECT_LT(enter, freed);
+    EXPECT_LT(freed, complete);
+    EXPECT_LT(complete, dec);
+    EXPECT_LT(dec, leave);
+}
+
+TEST_F(Worker, WorkWaitsForTheDeviceMutex) {
+    Probe first = MakeProbe();
+    Probe second = MakeProbe();
+    // A Plug and Play request holds the mutex in the application thread.
+    KeWaitForSingleObject(&dev_->DeviceMutex, Executive, KernelMode, FALSE, nullptr);
+    ASSERT_TRUE(WorkerQueue(dev_, Work, &first, nullptr));
+    ASSERT_TRUE(WorkerQueue(dev_, Work, &second, nullptr));
+    EXPECT_EQ(dev_->RefCount, 3);
+    RunFor(100);
+    EXPECT_EQ(first.runs + second.runs, 0) << "no work item runs while the mutex is held";
+    int64_t released_at = kernel().NowMs();
+    KeReleaseMutex(&dev_->DeviceMutex, FALSE);
+    RunFor(1);
+    EXPECT_EQ(first.runs, 1);
+    EXPECT_EQ(second.runs, 1);
+    EXPECT_GE(first.ran_at_ms, released_at);
+    EXPECT_LT(first.order, second.order) << "in the order they were queued";
+    EXPECT_EQ(dev_->RefCount, 1);
+}
+
+TEST_F(Worker, QueuedWorkKeepsARemovedDeviceUntilItHasRun) {
+    Probe probe = MakeProbe(STATUS_SUCCESS);
+    BOOLEAN queued = FALSE;
+    AppRequest* request = PendedControl(&probe, &queued);
+    ASSERT_TRUE(queued);
+    // Removal drops the data port's own reference; the work item's remains.
+    EXPECT_EQ(InterlockedDecrement(&dev_->RefCount), 1);
+
+    ASSERT_TRUE(Wait(request));
+    EXPECT_EQ(probe.refs_during_run, 1);
+    EXPECT_EQ(dev_->RefCount, 0);
+    ASSERT_EQ(LaterDoubles().deleted.size(), 1u) << "the work item deleted the data port";
+    EXPECT_EQ(LaterDoubles().deleted[0], data_port_);
+    EXPECT_EQ(request->status, STATUS_SUCCESS);
+    dev_->RefCount = 1; // the fixture takes the device apart itself
+}
+
+TEST_F(Worker, DeviceWithoutReferencesAcceptsNoWork) {
+    Probe probe = MakeProbe();
+    dev_->RefCount = 0;
+    BOOLEAN queued = TRUE;
+    AppRequest* request = PendedControl(&probe, &queued);
+    EXPECT_FALSE(queued);
+    EXPECT_EQ(request->returned, STATUS_UNSUCCESSFUL);
+    EXPECT_FALSE(request->pending_returned) << "the IRP was not touched";
+    RunFor(10);
+    EXPECT_EQ(probe.runs, 0);
+    EXPECT_EQ(kernel().pool().ForTag(WORKER_REC_TAG).blocks, 0u);
+    dev_->RefCount = 1;
+}
+
+TEST_F(Worker, OutOfPoolQueuesNothing) {
+    Probe probe = MakeProbe();
+    hk::FaultKnob& knob = kernel().pool().Faults().Add("worker record", hk::FaultKnob{});
+    knob.nth = 1;
+    knob.match = WORKER_REC_TAG;
+    EXPECT_FALSE(WorkerQueue(dev_, Work, &probe, nullptr));
+    EXPECT_EQ(knob.fired, 1u);
+    EXPECT_EQ(dev_->RefCount, 1);
+    RunFor(10);
+    EXPECT_EQ(probe.runs, 0);
+}
+
+} // namespace
