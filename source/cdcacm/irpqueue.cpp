@@ -59,7 +59,7 @@ PIRP IrpQueueRemove(PIRP_QUEUE Queue, PIRP Irp) {
     for (PLIST_ENTRY Entry = Queue->Irps.Flink; Entry != &Queue->Irps; Entry = Entry->Flink) {
         if (Entry == &Irp->Tail.Overlay.ListEntry) {
             RemoveEntryList(Entry);
-            IoSetCancelRoutine(Irp, NULL);
+            (void)IoSetCancelRoutine(Irp, NULL);
             KeReleaseSpinLock(&Queue->Lock, OldIrql);
             return Irp;
         }
