@@ -498,7 +498,8 @@ std::optional<std::string> Registry::GetString(std::string_view path, std::strin
     if (!value || (value->type != REG_SZ && value->type != REG_EXPAND_SZ))
         return std::nullopt;
     std::u16string wide(value->data.size() / 2, u'\0');
-    memcpy(wide.data(), value->data.data(), wide.size() * 2);
+    if (!wide.empty())
+        memcpy(wide.data(), value->data.data(), wide.size() * 2);
     return ToUtf8(wide.data(), std::min(wide.find(u'\0'), wide.size()));
 }
 
@@ -803,7 +804,8 @@ NTSTATUS ZwQueryValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName,
     info->DataLength = data_length;
     if (Length < *ResultLength)
         return STATUS_BUFFER_OVERFLOW;
-    memcpy(info->Data, value.data.data(), data_length);
+    if (data_length)
+        memcpy(info->Data, value.data.data(), data_length);
     return STATUS_SUCCESS;
 }
 
