@@ -1,8 +1,15 @@
 // The port object: resolving a request's device object to the device
-// context and its embedded port object.
+// context and its embedded port object, and the wait-on-mask events that
+// complete the pending IOCTL_SERIAL_WAIT_ON_MASK request.
 //
-// Environment: any IRQL.
-// Locks: none; GetDevAndPort reads only the extension's fixed fields.
+// Environment: GetDevAndPort at any IRQL; IndicateWaitEvent and
+// CompleteWaitIrp up to DISPATCH_LEVEL; DelayWaitCancelFnc at
+// DISPATCH_LEVEL (timer callback).
+// Locks: GetDevAndPort takes none; it reads only the extension's fixed
+// fields. The device lock (DEVICE.Lock) guards WaitIrp, PendingEvents and
+// the settings' WaitMask: IndicateWaitEvent and CompleteWaitIrp run with it
+// held by their caller, DelayWaitCancelFnc takes it. The wait IRP is handed
+// to the deferred-completion queue, never completed under the lock.
 #define TRACE_FILE "source/cdcacm/port"
 #include "cdcacm.h"
 
@@ -26,4 +33,45 @@ VOID GetDevAndPort(PDEVICE_OBJECT DeviceObject, PDEVICE* Dev, PPORT_OBJ* Port) {
         *Dev = Device;
     if (Port != NULL)
         *Port = &Device->Port;
+}
+
+VOID IndicateWaitEvent(PPORT_OBJ WaitPort, ULONG Mask) {
+    TRACE(TL_WAIT, "%PIndicateWaitEvent Mask: %x\n", Mask);
+    // An event outside the mask at the moment it happens is lost, even if
+    // the mask is widened later.
+    WaitPort->PendingEvents |= WaitPort->SerPort->Settings.WaitMask & Mask;
+    if (WaitPort->WaitIrp != NULL && WaitPort->PendingEvents != 0) {
+        ULONG Events = WaitPort->PendingEvents;
+        WaitPort->PendingEvents = 0;
+        CompleteWaitIrp(WaitPort, Events);
+    }
+}
+
+VOID CompleteWaitIrp(PPORT_OBJ Port, ULONG Mask) {
+    PDEVICE Dev = Port->Device;
+    // Whatever completes the wait makes a delayed cancellation pointless.
+    KeCancelTimer(&Dev->WaitCancelTimer.Timer);
+    PIRP Irp = Port->WaitIrp;
+    if (Irp == NULL)
+        return;
+    TRACE(TL_WAIT, "%PComplete Wait IRP: %x Mask: %x\n", (ULONG)(ULONG_PTR)Irp, Mask);
+    Port->WaitIrp = NULL;
+    (VOID) IoSetCancelRoutine(Irp, NULL);
+    Irp->IoStatus.Status = Dev->UsbDeviceEnabled ? STATUS_SUCCESS : STATUS_DEVICE_REMOVED;
+    Irp->IoStatus.Information = sizeof(ULONG);
+    *(PULONG)Irp->AssociatedIrp.SystemBuffer = Mask;
+    QueueCompleteIrp(&Dev->CompleteQueue, Irp);
+}
+
+VOID DelayWaitCancelFnc(PTIMER_OBJ Timer, PVOID Context) {
+    UNREFERENCED_PARAMETER(Timer);
+    PDEVICE Dev = (PDEVICE)Context;
+    TRACE(TL_INFO, "%P:%S:DelayWaitCancelFnc\n", DEV_PORT_NAME(Dev));
+    // clang-format off
+    TRACE_ASSERT(PTRVALID(Dev,DEVICE));
+    // clang-format on
+    PPORT_OBJ Port = &Dev->Port;
+    DEVICE_LOCK_AT_DPC(Port->Device);
+    CompleteWaitIrp(Port, 0);
+    DEVICE_UNLOCK_AT_DPC(Port->Device);
 }

@@ -1,0 +1,99 @@
+// The internal serial I/O controls that kernel clients send: saving and
+// restoring the time-out and flow-control settings, refused wait-wake, and
+// invalid codes.
+#include "ioctl_rig.h"
+
+#include <cstring>
+
+using InternalIoctl = IoctlTest;
+
+namespace {
+SERIAL_BASIC_SETTINGS ToBasic(const IoctlResult& Result) {
+    SERIAL_BASIC_SETTINGS Basic;
+    memcpy(&Basic, Result.Output.data(), sizeof(Basic));
+    return Basic;
+}
+} // namespace
+
+TEST_F(InternalIoctl, RestoringSavedSettingsUndoesLaterChanges) {
+    SERIAL_TIMEOUTS Timeouts = {7, 8, 9, 10, 11};
+    Set(IOCTL_SERIAL_SET_TIMEOUTS, Timeouts);
+    SERIAL_HANDFLOW HandFlow = {1, 2, 30, 40};
+    Set(IOCTL_SERIAL_SET_HANDFLOW, HandFlow);
+
+    IoctlResult Saved = Ioctl(IOCTL_SERIAL_INTERNAL_BASIC_SETTINGS, nullptr, 0, 44, true);
+    ASSERT_EQ(Saved.Status, STATUS_SUCCESS);
+    ASSERT_EQ(Saved.Information, 44u);
+    SERIAL_BASIC_SETTINGS Basic = ToBasic(Saved);
+    EXPECT_EQ(memcmp(&Basic.Timeouts, &Timeouts, sizeof(Timeouts)), 0);
+    EXPECT_EQ(memcmp(&Basic.HandFlow, &HandFlow, sizeof(HandFlow)), 0);
+    EXPECT_EQ(Basic.RxFifo, RigReceiveBufferSize);
+    EXPECT_EQ(Basic.TxFifo, RigSendBufferSize);
+    EXPECT_TRUE(Traced("ACM:COM3S:Code: 001b000c IOCTL_SERIAL_SET_LINE_CONTROL\n"));
+
+    SERIAL_TIMEOUTS Other = {0xFFFFFFFF, 0, 0, 1, 1};
+    Set(IOCTL_SERIAL_SET_TIMEOUTS, Other);
+    SERIAL_HANDFLOW OtherFlow = {0, 0, 1, 2};
+    Set(IOCTL_SERIAL_SET_HANDFLOW, OtherFlow);
+    ULONG TimeModeBeforeRestore = SerPort()->RcvQueue.TimeMode;
+
+    IoctlResult Restored =
+        Ioctl(IOCTL_SERIAL_INTERNAL_RESTORE_SETTINGS, Saved.Output.data(), 44, 0, true);
+    EXPECT_EQ(Restored.Status, STATUS_SUCCESS);
+    EXPECT_EQ(Restored.Information, 0u);
+    SERIAL_TIMEOUTS GotTimeouts = Get<SERIAL_TIMEOUTS>(IOCTL_SERIAL_GET_TIMEOUTS);
+    EXPECT_EQ(memcmp(&GotTimeouts, &Timeouts, sizeof(Timeouts)), 0);
+    SERIAL_HANDFLOW GotFlow = Get<SERIAL_HANDFLOW>(IOCTL_SERIAL_GET_HANDFLOW);
+    EXPECT_EQ(memcmp(&GotFlow, &HandFlow, sizeof(HandFlow)), 0);
+    EXPECT_EQ(SerPort()->RcvQueue.TimeMode, TimeModeBeforeRestore)
+        << "restoring chooses no new time mode";
+}
+
+TEST_F(InternalIoctl, RestoredQueueSizesAreReportedWithoutResizing) {
+    IoctlResult Saved = Ioctl(IOCTL_SERIAL_INTERNAL_BASIC_SETTINGS, nullptr, 0, 44, true);
+    SERIAL_BASIC_SETTINGS Basic = ToBasic(Saved);
+    Basic.RxFifo = 10;
+    EXPECT_EQ(Ioctl(IOCTL_SERIAL_INTERNAL_RESTORE_SETTINGS, &Basic, sizeof(Basic), 0, true).Status,
+              STATUS_SUCCESS);
+    EXPECT_EQ(Get<SERIAL_COMMPROP>(IOCTL_SERIAL_GET_PROPERTIES).CurrentRxQueue, 10u);
+    EXPECT_EQ(SerPort()->CircRcvBuf.Size, RigReceiveBufferSize);
+    EXPECT_EQ(Calls(), std::vector<std::string>{});
+}
+
+TEST_F(InternalIoctl, ShortBuffersReadAndWriteNothing) {
+    SERIAL_TIMEOUTS Timeouts = {7, 8, 9, 10, 11};
+    Set(IOCTL_SERIAL_SET_TIMEOUTS, Timeouts);
+
+    IoctlResult Short = Ioctl(IOCTL_SERIAL_INTERNAL_BASIC_SETTINGS, nullptr, 0, 43, true);
+    EXPECT_EQ(Short.Status, STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(Short.Information, 0u);
+    EXPECT_TRUE(Traced("ACMReq 1769484 OutBuffer to small:43 expected:44\n"));
+
+    SERIAL_BASIC_SETTINGS Zero = {};
+    EXPECT_EQ(Ioctl(IOCTL_SERIAL_INTERNAL_RESTORE_SETTINGS, &Zero, 43, 0, true).Status,
+              STATUS_INVALID_PARAMETER);
+    EXPECT_TRUE(Traced("ACMReq 1769488 InBuffer to small:43 expected:44\n"));
+    EXPECT_EQ(Settings().ReadTotalTimeoutConstant, 9u);
+}
+
+TEST_F(InternalIoctl, WaitWakeIsNotSupported) {
+    for (ULONG Code :
+         {IOCTL_SERIAL_INTERNAL_DO_WAIT_WAKE, IOCTL_SERIAL_INTERNAL_CANCEL_WAIT_WAKE}) {
+        IoctlResult Result = Ioctl(Code, nullptr, 0, 0, true);
+        EXPECT_EQ(Result.Status, STATUS_NOT_SUPPORTED);
+        EXPECT_EQ(Result.Information, 0u);
+    }
+    EXPECT_FALSE(Traced("Invalid IO Control Code"));
+    EXPECT_TRUE(Traced("ACM:COM3S:]DispatchInternalDeviceControl (C00000BB)\n"));
+}
+
+TEST_F(InternalIoctl, OtherCodesAreInvalidAndNamedByTheirSerialName) {
+    UCHAR Buffer[44] = {};
+    IoctlResult Result = Ioctl(0x1B0014, Buffer, sizeof(Buffer), sizeof(Buffer), true);
+    EXPECT_EQ(Result.Status, STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(Result.Information, 0u);
+    EXPECT_TRUE(Traced(
+        "ACM:COM3S:Internal: Invalid IO Control Code 001B0014: IOCTL_SERIAL_SET_BREAK_OFF\n"));
+    EXPECT_EQ(Ioctl(IOCTL_SERIAL_GET_BAUD_RATE, nullptr, 0, 4, true).Status,
+              STATUS_INVALID_PARAMETER);
+}

@@ -1,0 +1,113 @@
+#include "ioctl_rig.h"
+
+#include <cstring>
+
+bool PendingIoctl::Completed() {
+    return KeReadStateEvent(&Event) != 0;
+}
+
+bool PendingIoctl::Wait(int64_t Milliseconds) {
+    LARGE_INTEGER Timeout;
+    Timeout.QuadPart = -Milliseconds * 10000;
+    return KeWaitForSingleObject(&Event, Executive, KernelMode, FALSE, &Timeout) == STATUS_SUCCESS;
+}
+
+ULONG PendingIoctl::Mask() const {
+    ULONG Value = 0;
+    memcpy(&Value, Output.data(), sizeof(Value));
+    return Value;
+}
+
+void IoctlTest::SetUp() {
+    DriverTest::SetUp();
+    TraceMask = 0xFFFFFFFF; // every line, so that tests can look for the ones they expect
+    Calls().clear();
+    ControlRequestStatus = STATUS_SUCCESS;
+
+    driver_.MajorFunction[IRP_MJ_DEVICE_CONTROL] = DispatchDeviceControl;
+    driver_.MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL] = DispatchInternalDeviceControl;
+    UNICODE_STRING Name;
+    RtlInitUnicodeString(&Name, WSTR("\\Device\\korvadem0"));
+    ASSERT_EQ(IoCreateDevice(&driver_, sizeof(DEVICE), &Name, FILE_DEVICE_SERIAL_PORT, 0, FALSE,
+                             &data_port_),
+              STATUS_SUCCESS);
+    data_port_->Flags |= DO_BUFFERED_IO;
+    data_port_->Flags &= ~DO_DEVICE_INITIALIZING;
+
+    dev_ = (PDEVICE)data_port_->DeviceExtension;
+    dev_->Type = EXTENSION_TYPE_DEVICE;
+    dev_->DriverObject = &driver_;
+    dev_->Magic = DEVICE_MAGIC;
+    dev_->RefCount = 1;
+    dev_->UsbDeviceEnabled = TRUE;
+    KeInitializeSpinLock(&dev_->Lock);
+    KeInitializeMutex(&dev_->DeviceMutex, 0);
+    CompleteQueueInit(&dev_->CompleteQueue);
+    InitTimerObj(&dev_->WaitCancelTimer, DelayWaitCancelFnc, dev_, 100);
+
+    PPORT_OBJ Port = &dev_->Port;
+    Port->DeviceObject = data_port_;
+    Port->Device = dev_;
+    Port->PortName = (PWSTR)WSTR("COM3");
+    Port->Magic = PORT_OBJ_MAGIC;
+    IrpQueueInit(&Port->ReadIrpQueue);
+    IrpQueueInit(&Port->WriteIrpQueue);
+    ASSERT_EQ(AddPort(&Port->SerPort, dev_, RigReceiveBufferSize, RigSendBufferSize, 10, Port),
+              STATUS_SUCCESS);
+    dbg().Clear();
+}
+
+void IoctlTest::TearDown() {
+    if (dev_ != nullptr) {
+        KeCancelTimer(&dev_->WaitCancelTimer.Timer);
+        EXPECT_EQ(dev_->Port.WaitIrp, nullptr) << "a test left a wait pending";
+        DeleteSerPort(dev_->Port.SerPort);
+        IoDeleteDevice(data_port_);
+    }
+    DriverTest::TearDown();
+}
+
+void IoctlTest::Start(PendingIoctl* Request, ULONG Code, const void* Input, ULONG InputLength,
+                      ULONG OutputLength) {
+    KeInitializeEvent(&Request->Event, NotificationEvent, FALSE);
+    Request->Output.assign(OutputLength, 0xCC);
+    Request->IoStatus.Status = DEFAULT_STATUS;
+    Request->IoStatus.Information = 0;
+    Request->Irp =
+        IoBuildDeviceIoControlRequest(Code, data_port_, const_cast<void*>(Input), InputLength,
+                                      OutputLength != 0 ? Request->Output.data() : nullptr,
+                                      OutputLength, FALSE, &Request->Event, &Request->IoStatus);
+    ASSERT_NE(Request->Irp, nullptr);
+    Request->DispatchResult = IoCallDriver(data_port_, Request->Irp);
+}
+
+IoctlResult IoctlTest::Ioctl(ULONG Code, const void* Input, ULONG InputLength, ULONG OutputLength,
+                             bool Internal) {
+    KEVENT Event;
+    IO_STATUS_BLOCK IoStatus;
+    IoStatus.Status = DEFAULT_STATUS;
+    IoStatus.Information = 0;
+    KeInitializeEvent(&Event, NotificationEvent, FALSE);
+    IoctlResult Result;
+    Result.Output.assign(OutputLength, 0xCC);
+    PIRP Irp =
+        IoBuildDeviceIoControlRequest(Code, data_port_, const_cast<void*>(Input), InputLength,
+                                      OutputLength != 0 ? Result.Output.data() : nullptr,
+                                      OutputLength, Internal, &Event, &IoStatus);
+    EXPECT_NE(Irp, nullptr);
+    if (Irp == nullptr)
+        return Result;
+    NTSTATUS Status = IoCallDriver(data_port_, Irp);
+    if (Status == STATUS_PENDING)
+        KeWaitForSingleObject(&Event, Executive, KernelMode, FALSE, NULL);
+    Result.Status = IoStatus.Status;
+    Result.Information = IoStatus.Information;
+    return Result;
+}
+
+void IoctlTest::RaiseEvents(ULONG Events) {
+    KIRQL OldIrql;
+    DEVICE_LOCK(dev_, &OldIrql);
+    IndicateWaitEvent(&dev_->Port, Events);
+    DEVICE_UNLOCK(dev_, OldIrql);
+}

@@ -1,0 +1,97 @@
+// A data port whose IRP_MJ_DEVICE_CONTROL and IRP_MJ_INTERNAL_DEVICE_CONTROL
+// go to the I/O control dispatch, and helpers that send I/O controls to it
+// from the test's application thread the way a kernel client does
+// (IoBuildDeviceIoControlRequest, buffered I/O, wait on the event).
+//
+// The CDC control requests and the receive/send purges are the doubles of
+// control_doubles.cpp: they record their calls in Calls().
+#pragma once
+
+#include "driver_test.h"
+
+// Tests take the device lock with the driver's macros, whose assertions
+// name a source file.
+#ifndef TRACE_FILE
+#define TRACE_FILE "tests/cdcacm/ioctl"
+#endif
+#include "cdcacm.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+// What the doubles saw, in order ("SendLineCoding", "RcvPurge", ...).
+std::vector<std::string>& Calls();
+// The status the control-request doubles return.
+extern NTSTATUS ControlRequestStatus;
+
+struct IoctlResult {
+    NTSTATUS Status;
+    ULONG_PTR Information;
+    std::vector<uint8_t> Output;
+};
+
+// An I/O control sent and not waited for.
+struct PendingIoctl {
+    KEVENT Event;
+    IO_STATUS_BLOCK IoStatus;
+    std::vector<uint8_t> Output;
+    PIRP Irp; // valid only until the request completes
+    NTSTATUS DispatchResult;
+
+    bool Completed();
+    // Waits at most Milliseconds of virtual time; true when it completed.
+    bool Wait(int64_t Milliseconds);
+    ULONG Mask() const; // the first 32 bits of the output
+};
+
+class IoctlTest : public DriverTest {
+  protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    IoctlResult Ioctl(ULONG Code, const void* Input, ULONG InputLength, ULONG OutputLength,
+                      bool Internal = false);
+    template <typename T> IoctlResult Set(ULONG Code, const T& Value) {
+        return Ioctl(Code, &Value, sizeof(T), 0);
+    }
+    template <typename T> T Get(ULONG Code) {
+        IoctlResult Result = Ioctl(Code, nullptr, 0, sizeof(T));
+        EXPECT_EQ(Result.Status, STATUS_SUCCESS);
+        EXPECT_EQ(Result.Information, sizeof(T));
+        T Value{};
+        memcpy(&Value, Result.Output.data(), sizeof(T));
+        return Value;
+    }
+    // Sends the I/O control without waiting; the caller owns the record.
+    void Start(PendingIoctl* Request, ULONG Code, const void* Input, ULONG InputLength,
+               ULONG OutputLength);
+
+    // Raises serial events the way the serial port and the modem-status
+    // processing do: under the device lock.
+    void RaiseEvents(ULONG Events);
+    // Whether the trace output holds Text, line ends included; a failure
+    // shows the last lines printed.
+    ::testing::AssertionResult Traced(const std::string& Text) {
+        std::string All = dbg().Text();
+        if (All.find(Text) != std::string::npos)
+            return ::testing::AssertionSuccess();
+        return ::testing::AssertionFailure() << "trace ends with:\n"
+                                             << All.substr(All.size() > 600 ? All.size() - 600 : 0);
+    }
+
+    PDRIVER_OBJECT Driver() { return &driver_; }
+    PDEVICE_OBJECT DataPort() { return data_port_; }
+    PDEVICE Dev() { return dev_; }
+    PSER_PORT SerPort() { return dev_->Port.SerPort; }
+    SER_SETTINGS& Settings() { return dev_->Port.SerPort->Settings; }
+
+  private:
+    DRIVER_OBJECT driver_{};
+    PDEVICE_OBJECT data_port_ = nullptr;
+    PDEVICE dev_ = nullptr;
+};
+
+// Bytes of the circular buffers the rig's serial port starts with.
+constexpr ULONG RigReceiveBufferSize = 4096;
+constexpr ULONG RigSendBufferSize = 2048;

@@ -1,0 +1,322 @@
+// The serial I/O controls sent by an application through the I/O manager:
+// settings stored and reported in the public structures' order, settings
+// handed to work items, purges, status and properties, and the requests
+// that are refused.
+#include "ioctl_rig.h"
+
+#include <cstring>
+#include <utility>
+
+using IoctlDispatch = IoctlTest;
+
+namespace {
+const std::vector<std::string> NoCalls;
+} // namespace
+
+TEST(IoctlCodeName, NamesEveryCodeByItsPlatformValue) {
+    const std::pair<ULONG, const char*> Codes[] = {
+        {IOCTL_SERIAL_SET_BAUD_RATE, "IOCTL_SERIAL_SET_BAUD_RATE"},
+        {IOCTL_SERIAL_SET_QUEUE_SIZE, "IOCTL_SERIAL_SET_QUEUE_SIZE"},
+        {IOCTL_SERIAL_SET_LINE_CONTROL, "IOCTL_SERIAL_SET_LINE_CONTROL"},
+        {IOCTL_SERIAL_SET_BREAK_ON, "IOCTL_SERIAL_SET_BREAK_ON"},
+        {IOCTL_SERIAL_SET_BREAK_OFF, "IOCTL_SERIAL_SET_BREAK_OFF"},
+        {IOCTL_SERIAL_IMMEDIATE_CHAR, "IOCTL_SERIAL_IMMEDIATE_CHAR"},
+        {IOCTL_SERIAL_SET_TIMEOUTS, "IOCTL_SERIAL_SET_TIMEOUTS"},
+        {IOCTL_SERIAL_GET_TIMEOUTS, "IOCTL_SERIAL_GET_TIMEOUTS"},
+        {IOCTL_SERIAL_SET_DTR, "IOCTL_SERIAL_SET_DTR"},
+        {IOCTL_SERIAL_CLR_DTR, "IOCTL_SERIAL_CLR_DTR"},
+        {IOCTL_SERIAL_RESET_DEVICE, "IOCTL_SERIAL_RESET_DEVICE"},
+        {IOCTL_SERIAL_SET_RTS, "IOCTL_SERIAL_SET_RTS"},
+        {IOCTL_SERIAL_CLR_RTS, "IOCTL_SERIAL_CLR_RTS"},
+        {IOCTL_SERIAL_SET_XOFF, "IOCTL_SERIAL_SET_XOFF"},
+        {IOCTL_SERIAL_SET_XON, "IOCTL_SERIAL_SET_XON"},
+        {IOCTL_SERIAL_GET_WAIT_MASK, "IOCTL_SERIAL_GET_WAIT_MASK"},
+        {IOCTL_SERIAL_SET_WAIT_MASK, "IOCTL_SERIAL_SET_WAIT_MASK"},
+        {IOCTL_SERIAL_WAIT_ON_MASK, "IOCTL_SERIAL_WAIT_ON_MASK"},
+        {IOCTL_SERIAL_PURGE, "IOCTL_SERIAL_PURGE"},
+        {IOCTL_SERIAL_GET_BAUD_RATE, "IOCTL_SERIAL_GET_BAUD_RATE"},
+        {IOCTL_SERIAL_GET_LINE_CONTROL, "IOCTL_SERIAL_GET_LINE_CONTROL"},
+        {IOCTL_SERIAL_GET_CHARS, "IOCTL_SERIAL_GET_CHARS"},
+        {IOCTL_SERIAL_SET_CHARS, "IOCTL_SERIAL_SET_CHARS"},
+        {IOCTL_SERIAL_GET_HANDFLOW, "IOCTL_SERIAL_GET_HANDFLOW"},
+        {IOCTL_SERIAL_SET_HANDFLOW, "IOCTL_SERIAL_SET_HANDFLOW"},
+        {IOCTL_SERIAL_GET_MODEMSTATUS, "IOCTL_SERIAL_GET_MODEMSTATUS"},
+        {IOCTL_SERIAL_GET_COMMSTATUS, "IOCTL_SERIAL_GET_COMMSTATUS"},
+        {IOCTL_SERIAL_XOFF_COUNTER, "IOCTL_SERIAL_XOFF_COUNTER"},
+        {IOCTL_SERIAL_GET_PROPERTIES, "IOCTL_SERIAL_GET_PROPERTIES"},
+        {IOCTL_SERIAL_GET_DTRRTS, "IOCTL_SERIAL_GET_DTRRTS"},
+        {IOCTL_SERIAL_LSRMST_INSERT, "IOCTL_SERIAL_LSRMST_INSERT"},
+        {IOCTL_SERIAL_CONFIG_SIZE, "IOCTL_SERIAL_CONFIG_SIZE"},
+        {IOCTL_SERIAL_GET_COMMCONFIG, "IOCTL_SERIAL_GET_COMMCONFIG"},
+        {IOCTL_SERIAL_SET_COMMCONFIG, "IOCTL_SERIAL_SET_COMMCONFIG"},
+        {IOCTL_SERIAL_GET_STATS, "IOCTL_SERIAL_GET_STATS"},
+        {IOCTL_SERIAL_CLEAR_STATS, "IOCTL_SERIAL_CLEAR_STATS"},
+        {IOCTL_SERIAL_GET_MODEM_CONTROL, "IOCTL_SERIAL_GET_MODEM_CONTROL"},
+        {IOCTL_SERIAL_SET_MODEM_CONTROL, "IOCTL_SERIAL_SET_MODEM_CONTROL"},
+        {IOCTL_SERIAL_SET_FIFO_CONTROL, "IOCTL_SERIAL_SET_FIFO_CONTROL"},
+        {0x370200, "IOCTL_SERENUM_EXPOSE_HARDWARE"},
+        {0x37020C, "IOCTL_SERENUM_GET_PORT_NAME"},
+        // The internal codes share the first four values and their names.
+        {IOCTL_SERIAL_INTERNAL_DO_WAIT_WAKE, "IOCTL_SERIAL_SET_BAUD_RATE"},
+        {IOCTL_SERIAL_INTERNAL_RESTORE_SETTINGS, "IOCTL_SERIAL_SET_BREAK_ON"},
+    };
+    for (const auto& [Code, Name] : Codes)
+        EXPECT_STREQ(IoctlCodeName(Code), Name) << std::hex << Code;
+    EXPECT_STREQ(IoctlCodeName(0), "Unknown IO Ctrl code");
+    EXPECT_STREQ(IoctlCodeName(0x1B00A0), "Unknown IO Ctrl code");
+}
+
+TEST_F(IoctlDispatch, BaudRateIsStoredAndSentToTheModemByAWorkItem) {
+    SERIAL_BAUD_RATE Rate = {115200};
+    IoctlResult Result = Set(IOCTL_SERIAL_SET_BAUD_RATE, Rate);
+    EXPECT_EQ(Result.Status, STATUS_SUCCESS);
+    EXPECT_EQ(Result.Information, 0u);
+    EXPECT_EQ(Calls(), std::vector<std::string>{"SendLineCoding"});
+    EXPECT_TRUE(Traced("ACM:COM3S: BaudRate: 115200\n"));
+    EXPECT_EQ(Get<SERIAL_BAUD_RATE>(IOCTL_SERIAL_GET_BAUD_RATE).BaudRate, 115200u);
+}
+
+TEST_F(IoctlDispatch, ShortBaudRateChangesNothingAndSendsNothing) {
+    SERIAL_BAUD_RATE Rate = {115200};
+    IoctlResult Result = Ioctl(IOCTL_SERIAL_SET_BAUD_RATE, &Rate, 3, 0);
+    EXPECT_EQ(Result.Status, STATUS_INVALID_PARAMETER);
+    EXPECT_TRUE(Traced("ACMReq 1769476 InBuffer to small:3 expected:4\n"));
+    EXPECT_EQ(Settings().BaudRate, 9600u);
+    EXPECT_EQ(Calls(), NoCalls);
+
+    Result = Ioctl(IOCTL_SERIAL_GET_BAUD_RATE, nullptr, 0, 3);
+    EXPECT_EQ(Result.Status, STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(Result.Information, 0u);
+    EXPECT_TRUE(Traced("ACMReq 1769552 OutBuffer to small:3 expected:4\n"));
+}
+
+TEST_F(IoctlDispatch, AFailedControlRequestFailsTheIrpButKeepsTheSetting) {
+    ControlRequestStatus = STATUS_UNSUCCESSFUL;
+    SERIAL_LINE_CONTROL Line = {2, 1, 7}; // StopBits, Parity, WordLength
+    EXPECT_EQ(Set(IOCTL_SERIAL_SET_LINE_CONTROL, Line).Status, STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(Calls(), std::vector<std::string>{"SendLineCoding"});
+    EXPECT_EQ(Settings().StopBits, 2);
+    EXPECT_EQ(Settings().Parity, 1);
+    EXPECT_EQ(Settings().WordLength, 7);
+    EXPECT_TRUE(Traced("ACM:COM3S: Parity: 1, StopBits: 2, WordLength: 7\n"));
+
+    ControlRequestStatus = STATUS_SUCCESS;
+    SERIAL_LINE_CONTROL Got = Get<SERIAL_LINE_CONTROL>(IOCTL_SERIAL_GET_LINE_CONTROL);
+    EXPECT_EQ(Got.StopBits, 2);
+    EXPECT_EQ(Got.Parity, 1);
+    EXPECT_EQ(Got.WordLength, 7);
+}
+
+TEST_F(IoctlDispatch, ControlLinesAndBreakGoThroughWorkItemsInOrder) {
+    const ULONG Codes[] = {IOCTL_SERIAL_SET_DTR,      IOCTL_SERIAL_SET_RTS,
+                           IOCTL_SERIAL_SET_BREAK_ON, IOCTL_SERIAL_SET_BREAK_OFF,
+                           IOCTL_SERIAL_CLR_DTR,      IOCTL_SERIAL_CLR_RTS};
+    std::vector<ULONG> DtrRts;
+    for (ULONG Code : Codes) {
+        IoctlResult Result = Ioctl(Code, nullptr, 0, 0);
+        EXPECT_EQ(Result.Status, STATUS_SUCCESS);
+        EXPECT_EQ(Result.Information, 0u);
+        DtrRts.push_back(Get<ULONG>(IOCTL_SERIAL_GET_DTRRTS));
+    }
+    EXPECT_EQ(Calls(), (std::vector<std::string>{"SetDTR", "SetRTS", "SendBreakOn", "SendBreakOff",
+                                                 "ClrDTR", "ClrRTS"}));
+    EXPECT_EQ(DtrRts, (std::vector<ULONG>{SERIAL_DTR_STATE, SERIAL_DTR_STATE | SERIAL_RTS_STATE, 3,
+                                          3, SERIAL_RTS_STATE, 0}));
+}
+
+TEST_F(IoctlDispatch, WithoutAWorkItemTheSettingIsStoredAndTheIrpSucceeds) {
+    Dev()->RefCount = 0; // the device is being removed: no work is accepted
+    SERIAL_BAUD_RATE Rate = {57600};
+    EXPECT_EQ(Set(IOCTL_SERIAL_SET_BAUD_RATE, Rate).Status, STATUS_SUCCESS);
+    EXPECT_EQ(Ioctl(IOCTL_SERIAL_SET_DTR, nullptr, 0, 0).Status, STATUS_SUCCESS);
+    EXPECT_EQ(Calls(), NoCalls);
+    EXPECT_EQ(Settings().BaudRate, 57600u);
+    Dev()->RefCount = 1;
+}
+
+TEST_F(IoctlDispatch, TimeoutsRoundTripThroughTheStoredOrder) {
+    SERIAL_TIMEOUTS Timeouts = {1, 2, 3, 4, 5}; // interval, multiplier, constant, w-mult, w-const
+    EXPECT_EQ(Set(IOCTL_SERIAL_SET_TIMEOUTS, Timeouts).Status, STATUS_SUCCESS);
+    EXPECT_EQ(Settings().ReadIntervalTimeout, 1u);
+    EXPECT_EQ(Settings().ReadTotalTimeoutMultiplier, 2u);
+    EXPECT_EQ(Settings().ReadTotalTimeoutConstant, 3u);
+    EXPECT_EQ(Settings().WriteTotalTimeoutMultiplier, 4u);
+    EXPECT_EQ(Settings().WriteTotalTimeoutConstant, 5u);
+    EXPECT_EQ(SerPort()->RcvQueue.TimeMode, (ULONG)INTERVALTIME_ON);
+
+    SERIAL_TIMEOUTS Got = Get<SERIAL_TIMEOUTS>(IOCTL_SERIAL_GET_TIMEOUTS);
+    EXPECT_EQ(memcmp(&Got, &Timeouts, sizeof(Got)), 0);
+    EXPECT_TRUE(Traced("ReadIntervalTimeout: 1, ReadTotalTimeoutConstant: 3, "
+                       "ReadTotalTimeoutMultiplier: 2\n"));
+
+    EXPECT_EQ(Ioctl(IOCTL_SERIAL_SET_TIMEOUTS, &Timeouts, 19, 0).Status, STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(Ioctl(IOCTL_SERIAL_GET_TIMEOUTS, nullptr, 0, 19).Status, STATUS_INVALID_PARAMETER);
+}
+
+TEST_F(IoctlDispatch, ReadsReturnAtOnceOnlyForMaximalIntervalAndNoTotalTimeout) {
+    SERIAL_TIMEOUTS Immediate = {0xFFFFFFFF, 0, 0, 0, 0};
+    Set(IOCTL_SERIAL_SET_TIMEOUTS, Immediate);
+    EXPECT_EQ(Get<SERIAL_STATUS>(IOCTL_SERIAL_GET_COMMSTATUS).WaitForImmediate, TRUE);
+    EXPECT_EQ(SerPort()->RcvQueue.TimeMode, (ULONG)INTERVALTIME_NOWAIT);
+
+    SERIAL_TIMEOUTS WithMultiplier = {0xFFFFFFFF, 1, 0, 0, 0};
+    Set(IOCTL_SERIAL_SET_TIMEOUTS, WithMultiplier);
+    EXPECT_EQ(Get<SERIAL_STATUS>(IOCTL_SERIAL_GET_COMMSTATUS).WaitForImmediate, FALSE);
+}
+
+TEST_F(IoctlDispatch, HandflowAndCharsRoundTrip) {
+    SERIAL_HANDFLOW HandFlow = {0x09, 0x80, 10, 20}; // ControlHandShake, FlowReplace, Xon, Xoff
+    EXPECT_EQ(Set(IOCTL_SERIAL_SET_HANDFLOW, HandFlow).Status, STATUS_SUCCESS);
+    EXPECT_EQ(Settings().XonLimit, 10u);
+    EXPECT_EQ(Settings().XoffLimit, 20u);
+    SERIAL_HANDFLOW GotFlow = Get<SERIAL_HANDFLOW>(IOCTL_SERIAL_GET_HANDFLOW);
+    EXPECT_EQ(memcmp(&GotFlow, &HandFlow, sizeof(GotFlow)), 0);
+    EXPECT_TRUE(
+        Traced("ControlHandShake: 00000009, FlowReplace 00000080, XoffLimit 20,XonLimit: 10\n"));
+    EXPECT_EQ(Ioctl(IOCTL_SERIAL_SET_HANDFLOW, &HandFlow, 15, 0).Status, STATUS_INVALID_PARAMETER);
+
+    SERIAL_CHARS Chars = {0x1A, 0x3F, 0x00, 0x7E, 0x11, 0x13};
+    EXPECT_EQ(Set(IOCTL_SERIAL_SET_CHARS, Chars).Status, STATUS_SUCCESS);
+    EXPECT_EQ(Settings().EventChar, 0x7E);
+    SERIAL_CHARS GotChars = Get<SERIAL_CHARS>(IOCTL_SERIAL_GET_CHARS);
+    EXPECT_EQ(memcmp(&GotChars, &Chars, sizeof(GotChars)), 0);
+    EXPECT_TRUE(Traced("EofChar: 1A, EventChar: 7E, ErrorChar: 3F, XonChar: 11, XoffChar: 13\n"));
+    EXPECT_EQ(Ioctl(IOCTL_SERIAL_GET_CHARS, nullptr, 0, 5).Status, STATUS_INVALID_PARAMETER);
+}
+
+TEST_F(IoctlDispatch, QueueSizeResizesOnlyTheBufferWhoseSizeChanged) {
+    SERIAL_QUEUE_SIZE Same = {RigReceiveBufferSize, RigSendBufferSize};
+    EXPECT_EQ(Set(IOCTL_SERIAL_SET_QUEUE_SIZE, Same).Status, STATUS_SUCCESS);
+    EXPECT_EQ(Calls(), NoCalls);
+    EXPECT_EQ(SerPort()->CircRcvBuf.Size, RigReceiveBufferSize);
+
+    SERIAL_QUEUE_SIZE SmallIn = {50, RigSendBufferSize};
+    Set(IOCTL_SERIAL_SET_QUEUE_SIZE, SmallIn);
+    EXPECT_EQ(Calls(), (std::vector<std::string>{"RcvPurge", "RcvScheduleDpc"}));
+    EXPECT_EQ(SerPort()->CircRcvBuf.Size, 100u) << "a buffer is never smaller than 100 bytes";
+    EXPECT_EQ(Settings().QueueIn, 50u);
+    EXPECT_EQ(SerPort()->CircSendBuf.Size, RigSendBufferSize);
+
+    Calls().clear();
+    SERIAL_QUEUE_SIZE BigOut = {50, 8000};
+    Set(IOCTL_SERIAL_SET_QUEUE_SIZE, BigOut);
+    EXPECT_EQ(Calls(), NoCalls);
+    EXPECT_EQ(SerPort()->CircSendBuf.Size, 8000u);
+    EXPECT_EQ(Get<SERIAL_COMMPROP>(IOCTL_SERIAL_GET_PROPERTIES).CurrentTxQueue, 8000u);
+    EXPECT_TRUE(Traced("ACM:COM3S: QueueIN: 50, QueueOUT: 8000\n"));
+
+    EXPECT_EQ(Ioctl(IOCTL_SERIAL_SET_QUEUE_SIZE, &BigOut, 7, 0).Status, STATUS_INVALID_PARAMETER);
+}
+
+TEST_F(IoctlDispatch, PurgeEmptiesBuffersAndPurgesPacketsInOrder) {
+    const UCHAR Bytes[10] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
+    KIRQL OldIrql;
+    DEVICE_LOCK(Dev(), &OldIrql);
+    CircBufWrite(&SerPort()->CircRcvBuf, Bytes, 10);
+    CircBufWrite(&SerPort()->CircSendBuf, Bytes, 7);
+    DEVICE_UNLOCK(Dev(), OldIrql);
+    SERIAL_STATUS Before = Get<SERIAL_STATUS>(IOCTL_SERIAL_GET_COMMSTATUS);
+    EXPECT_EQ(Before.AmountInInQueue, 10u);
+    EXPECT_EQ(Before.AmountInOutQueue, 7u);
+
+    ULONG ReceiveOnly = SERIAL_PURGE_RXCLEAR;
+    Set(IOCTL_SERIAL_PURGE, ReceiveOnly);
+    EXPECT_EQ(SerPort()->CircRcvBuf.Count, 0u);
+    EXPECT_EQ(SerPort()->CircSendBuf.Count, 7u);
+    EXPECT_EQ(Calls(), (std::vector<std::string>{"RcvPurge", "RcvScheduleDpc"}));
+
+    Calls().clear();
+    ULONG All = 0xF;
+    EXPECT_EQ(Set(IOCTL_SERIAL_PURGE, All).Status, STATUS_SUCCESS);
+    EXPECT_EQ(SerPort()->CircSendBuf.Count, 0u);
+    EXPECT_EQ(Calls(), (std::vector<std::string>{"RcvPurge", "RcvScheduleDpc", "SndPurge"}));
+    EXPECT_TRUE(Traced("ACM:COM3S:Mask: 0f\n"));
+    EXPECT_EQ(Ioctl(IOCTL_SERIAL_PURGE, &All, 3, 0).Status, STATUS_INVALID_PARAMETER);
+}
+
+TEST_F(IoctlDispatch, ModemStatusReportsChangedLinesOnce) {
+    Dev()->ModemStatus = 0x10; // CTS came on; DSR and DCD off
+    EXPECT_EQ(Get<ULONG>(IOCTL_SERIAL_GET_MODEMSTATUS), 0x11u);
+    EXPECT_EQ(Get<ULONG>(IOCTL_SERIAL_GET_MODEMSTATUS), 0x10u);
+    Dev()->ModemStatus = 0xA0; // CTS off, DSR and DCD on
+    EXPECT_EQ(Get<ULONG>(IOCTL_SERIAL_GET_MODEMSTATUS), 0xABu);
+    EXPECT_TRUE(Traced("ACM:COM3S: DispatchDeviceControl GetModemStatus (000000AB)\n"));
+    EXPECT_EQ(Ioctl(IOCTL_SERIAL_GET_MODEMSTATUS, nullptr, 0, 3).Status, STATUS_INVALID_PARAMETER);
+}
+
+TEST_F(IoctlDispatch, PropertiesNeedTheWhole64Bytes) {
+    IoctlResult Short = Ioctl(IOCTL_SERIAL_GET_PROPERTIES, nullptr, 0, 63);
+    EXPECT_EQ(Short.Status, STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(Short.Information, 0u);
+
+    IoctlResult Result = Ioctl(IOCTL_SERIAL_GET_PROPERTIES, nullptr, 0, 80);
+    EXPECT_EQ(Result.Status, STATUS_SUCCESS);
+    ASSERT_EQ(Result.Information, 64u);
+    SERIAL_COMMPROP Properties;
+    memcpy(&Properties, Result.Output.data(), sizeof(Properties));
+    EXPECT_EQ(Properties.PacketLength, 64);
+    EXPECT_EQ(Properties.PacketVersion, 2);
+    EXPECT_EQ(Properties.ServiceMask, 1u);
+    EXPECT_EQ(Properties.MaxBaud, 0x10000000u);
+    EXPECT_EQ(Properties.ProvSubType, 1u);
+    EXPECT_EQ(Properties.ProvCapabilities, 0xC7u);
+    EXPECT_EQ(Properties.SettableParams, 0x5Fu);
+    EXPECT_EQ(Properties.SettableBaud, 0x7FFFFu);
+    EXPECT_EQ(Properties.SettableData, 0x0008);
+    EXPECT_EQ(Properties.SettableStopParity, 0x0101);
+    EXPECT_EQ(Properties.CurrentTxQueue, RigSendBufferSize);
+    EXPECT_EQ(Properties.CurrentRxQueue, RigReceiveBufferSize);
+    EXPECT_EQ(Properties.ProvSpec1 | Properties.ProvSpec2 | Properties.MaxTxQueue, 0u);
+    EXPECT_EQ(Result.Output[64], 0xCC) << "nothing beyond the structure is written";
+}
+
+TEST_F(IoctlDispatch, StatisticsAreReportedAndCleared) {
+    Settings().ReceivedCount = 100;
+    Settings().TransmittedCount = 200;
+    Settings().FrameErrorCount = 1;
+    Settings().SerialOverrunErrorCount = 2;
+    Settings().BufferOverrunErrorCount = 3;
+    Settings().ParityErrorCount = 4;
+    SERIALPERF_STATS Stats = Get<SERIALPERF_STATS>(IOCTL_SERIAL_GET_STATS);
+    EXPECT_EQ(Stats.ReceivedCount, 100u);
+    EXPECT_EQ(Stats.TransmittedCount, 200u);
+    EXPECT_EQ(Stats.FrameErrorCount, 1u);
+    EXPECT_EQ(Stats.SerialOverrunErrorCount, 2u);
+    EXPECT_EQ(Stats.BufferOverrunErrorCount, 3u);
+    EXPECT_EQ(Stats.ParityErrorCount, 4u);
+    EXPECT_TRUE(Traced("ReceivedCount: 100, TransmittedCount: 200, BufferOverrunErrorCount: 3\n"));
+
+    EXPECT_EQ(Ioctl(IOCTL_SERIAL_CLEAR_STATS, nullptr, 0, 0).Status, STATUS_SUCCESS);
+    Stats = Get<SERIALPERF_STATS>(IOCTL_SERIAL_GET_STATS);
+    EXPECT_EQ(Stats.ReceivedCount + Stats.TransmittedCount + Stats.FrameErrorCount +
+                  Stats.SerialOverrunErrorCount + Stats.BufferOverrunErrorCount +
+                  Stats.ParityErrorCount,
+              0u);
+    EXPECT_EQ(Ioctl(IOCTL_SERIAL_GET_STATS, nullptr, 0, 23).Status, STATUS_INVALID_PARAMETER);
+}
+
+TEST_F(IoctlDispatch, ConfigSizeIsZeroAndNoOpCodesSucceed) {
+    EXPECT_EQ(Get<ULONG>(IOCTL_SERIAL_CONFIG_SIZE), 0u);
+    for (ULONG Code : {IOCTL_SERIAL_RESET_DEVICE, IOCTL_SERIAL_SET_XOFF, IOCTL_SERIAL_SET_XON}) {
+        IoctlResult Result = Ioctl(Code, nullptr, 0, 0);
+        EXPECT_EQ(Result.Status, STATUS_SUCCESS) << IoctlCodeName(Code);
+        EXPECT_EQ(Result.Information, 0u);
+    }
+    EXPECT_EQ(Calls(), NoCalls);
+}
+
+TEST_F(IoctlDispatch, CodesWithoutHandlerAreInvalidEvenWhenNamed) {
+    const ULONG Codes[] = {IOCTL_SERIAL_LSRMST_INSERT,       IOCTL_SERIAL_XOFF_COUNTER,
+                           IOCTL_SERIAL_GET_COMMCONFIG,      IOCTL_SERIAL_SET_MODEM_CONTROL,
+                           IOCTL_SERIAL_SET_FIFO_CONTROL,    0x370200,
+                           0x1B0007 /* between two codes */, 0x1B0000};
+    UCHAR Buffer[64] = {};
+    for (ULONG Code : Codes) {
+        IoctlResult Result = Ioctl(Code, Buffer, sizeof(Buffer), sizeof(Buffer));
+        EXPECT_EQ(Result.Status, STATUS_INVALID_PARAMETER) << std::hex << Code;
+        EXPECT_EQ(Result.Information, 0u);
+    }
+    EXPECT_TRUE(Traced("ACM:COM3S:Invalid IO Control Code 001B007C: IOCTL_SERIAL_LSRMST_INSERT\n"));
+    EXPECT_TRUE(Traced("ACM:COM3S:Invalid IO Control Code 001B0007: Unknown IO Ctrl code\n"));
+    EXPECT_TRUE(Traced("ACM:COM3S:]DispatchDeviceControl (c000000d)\n"));
+}
