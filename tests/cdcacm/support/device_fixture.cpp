@@ -88,6 +88,8 @@ NTSTATUS NTAPI DeviceFixture::OnComplete(PDEVICE_OBJECT, PIRP Irp, PVOID Context
     request->completion_order = ++*request->order_source;
     request->irp = nullptr;
     IoFreeIrp(Irp);
+    if (request->on_complete)
+        request->on_complete();
     KeSetEvent(&request->done, IO_NO_INCREMENT, FALSE);
     // The IRP was ours and is freed: the I/O manager must not touch it again.
     return STATUS_MORE_PROCESSING_REQUIRED;

@@ -26,6 +26,7 @@
 #include "cdcacm.h"
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -44,15 +45,16 @@ struct AppRequest {
     PIRP irp = nullptr;    // null once completed (the IRP is then freed)
     NTSTATUS returned = 0; // what IoCallDriver returned
     bool completed = false;
-    int completions = 0;              // times the completion routine ran
-    NTSTATUS status = 0;              // IoStatus.Status at completion
-    ULONG_PTR information = 0;        // IoStatus.Information at completion
-    bool pending_returned = false;    // the driver marked the IRP pending
-    int64_t completed_at_ms = -1;     // virtual time of the completion
-    uint64_t completion_order = 0;    // 1 for the first request completed in the test, ...
-    std::vector<uint8_t> buffer;      // the system buffer (buffered I/O)
-    KEVENT done;                      // signalled at completion
-    uint64_t* order_source = nullptr; // the fixture's completion counter
+    int completions = 0;               // times the completion routine ran
+    NTSTATUS status = 0;               // IoStatus.Status at completion
+    ULONG_PTR information = 0;         // IoStatus.Information at completion
+    bool pending_returned = false;     // the driver marked the IRP pending
+    int64_t completed_at_ms = -1;      // virtual time of the completion
+    uint64_t completion_order = 0;     // 1 for the first request completed in the test, ...
+    std::vector<uint8_t> buffer;       // the system buffer (buffered I/O)
+    std::function<void()> on_complete; // called inside the completion, if set
+    KEVENT done;                       // signalled at completion
+    uint64_t* order_source = nullptr;  // the fixture's completion counter
 
     // The bytes a read returned.
     std::vector<uint8_t> Data() const {

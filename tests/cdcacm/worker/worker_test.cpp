@@ -18,6 +18,7 @@ class Worker : public DeviceFixture {
         int64_t ran_at_ms = -1;
         uint64_t order = 0;
         LONG refs_during_run = 0;
+        bool mutex_free_at_completion = false;
     };
 
     static NTSTATUS Work(PVOID context) {
@@ -44,6 +45,9 @@ class Worker : public DeviceFixture {
     AppRequest* PendedControl(Probe* probe, BOOLEAN* queued) {
         AppRequest* request = Prepare(IRP_MJ_DEVICE_CONTROL, 4);
         probe->request = request;
+        request->on_complete = [this, probe] {
+            probe->mutex_free_at_completion = KeReadStateMutex(&dev_->DeviceMutex) == 1;
+        };
         driver_.MajorFunction[IRP_MJ_DEVICE_CONTROL] = DispatchToWorker;
         current_ = this;
         current_probe_ = probe;
@@ -84,7 +88,7 @@ TEST_F(Worker, IrpCompletesWithTheFunctionsStatusAfterTheMutexIsReleased) {
     EXPECT_FALSE(probe.irp_completed_during_run);
     EXPECT_EQ(request->status, STATUS_TIMEOUT);
     EXPECT_TRUE(request->pending_returned);
-    EXPECT_EQ(KeReadStateMutex(&dev_->DeviceMutex), 1) << "released before completion";
+    EXPECT_TRUE(probe.mutex_free_at_completion) << "released before the IRP completes";
     EXPECT_EQ(dev_->RefCount, 1);
     EXPECT_TRUE(LaterDoubles().deleted.empty());
 
