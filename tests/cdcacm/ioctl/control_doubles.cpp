@@ -3,7 +3,8 @@
 // receive engines. They are weak, so that the real operations take their
 // place once those modules are linked; they record each call and behave as
 // far as the dispatch can see (DTR and RTS change PcStatus, GetModemStatus
-// copies ModemStatus).
+// copies ModemStatus). The send engine's doubles come with the shared
+// device fixture.
 #include "ioctl_rig.h"
 
 #define TEST_DOUBLE __attribute__((weak))
@@ -58,26 +59,4 @@ TEST_DOUBLE VOID RcvScheduleDpc(PSNDRCV_PIPE) {
 }
 TEST_DOUBLE VOID SndPurge(PSNDRCV_PIPE) {
     Calls().push_back("SndPurge");
-}
-TEST_DOUBLE VOID DeleteDevice(PDEVICE_OBJECT) {
-    Calls().push_back("DeleteDevice");
-}
-
-// The send engine, for the write path of IMMEDIATE_CHAR: no bulk-out packet
-// is ever free, so bytes stay in the circular send buffer.
-TEST_DOUBLE BOOLEAN GetWriteBuffer(PDEVICE, PUCHAR*, PULONG, PUSB_PACKET*) {
-    return FALSE;
-}
-TEST_DOUBLE void ReturnWriteBuffer(PDEVICE, PUCHAR, PUSB_PACKET) {
-    ADD_FAILURE() << "no write buffer was handed out";
-}
-TEST_DOUBLE void SubmitWriteBuffer(PDEVICE, PUCHAR, ULONG, PUSB_PACKET) {
-    ADD_FAILURE() << "no write buffer was handed out";
-}
-TEST_DOUBLE VOID SndRcvCheckRcvQueue(PSNDRCV_PIPE) {
-    Calls().push_back("SndRcvCheckRcvQueue");
-}
-TEST_DOUBLE ULONG SndRcvIndicateData(PDEVICE, const UCHAR*, ULONG) {
-    ADD_FAILURE() << "nothing is received in these tests";
-    return 0;
 }

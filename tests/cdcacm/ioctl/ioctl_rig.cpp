@@ -19,52 +19,23 @@ ULONG PendingIoctl::Mask() const {
 }
 
 void IoctlTest::SetUp() {
-    DriverTest::SetUp();
+    DeviceFixture::SetUp();
     TraceMask = 0xFFFFFFFF; // every line, so that tests can look for the ones they expect
     Calls().clear();
     ControlRequestStatus = STATUS_SUCCESS;
-
     driver_.MajorFunction[IRP_MJ_DEVICE_CONTROL] = DispatchDeviceControl;
     driver_.MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL] = DispatchInternalDeviceControl;
-    UNICODE_STRING Name;
-    RtlInitUnicodeString(&Name, WSTR("\\Device\\korvadem0"));
-    ASSERT_EQ(IoCreateDevice(&driver_, sizeof(DEVICE), &Name, FILE_DEVICE_SERIAL_PORT, 0, FALSE,
-                             &data_port_),
-              STATUS_SUCCESS);
-    data_port_->Flags |= DO_BUFFERED_IO;
-    data_port_->Flags &= ~DO_DEVICE_INITIALIZING;
-
-    dev_ = (PDEVICE)data_port_->DeviceExtension;
-    dev_->Type = EXTENSION_TYPE_DEVICE;
-    dev_->DriverObject = &driver_;
-    dev_->Magic = DEVICE_MAGIC;
-    dev_->RefCount = 1;
     dev_->UsbDeviceEnabled = TRUE;
-    KeInitializeSpinLock(&dev_->Lock);
-    KeInitializeMutex(&dev_->DeviceMutex, 0);
-    CompleteQueueInit(&dev_->CompleteQueue);
     InitTimerObj(&dev_->WaitCancelTimer, DelayWaitCancelFnc, dev_, 100);
-
-    PPORT_OBJ Port = &dev_->Port;
-    Port->DeviceObject = data_port_;
-    Port->Device = dev_;
-    Port->PortName = (PWSTR)WSTR("COM3");
-    Port->Magic = PORT_OBJ_MAGIC;
-    IrpQueueInit(&Port->ReadIrpQueue);
-    IrpQueueInit(&Port->WriteIrpQueue);
-    ASSERT_EQ(AddPort(&Port->SerPort, dev_, RigReceiveBufferSize, RigSendBufferSize, 10, Port),
-              STATUS_SUCCESS);
     dbg().Clear();
 }
 
 void IoctlTest::TearDown() {
     if (dev_ != nullptr) {
-        KeCancelTimer(&dev_->WaitCancelTimer.Timer);
         EXPECT_EQ(dev_->Port.WaitIrp, nullptr) << "a test left a wait pending";
-        DeleteSerPort(dev_->Port.SerPort);
-        IoDeleteDevice(data_port_);
+        KeCancelTimer(&dev_->WaitCancelTimer.Timer);
     }
-    DriverTest::TearDown();
+    DeviceFixture::TearDown();
 }
 
 void IoctlTest::Start(PendingIoctl* Request, ULONG Code, const void* Input, ULONG InputLength,

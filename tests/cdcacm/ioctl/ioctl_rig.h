@@ -1,20 +1,20 @@
-// A data port whose IRP_MJ_DEVICE_CONTROL and IRP_MJ_INTERNAL_DEVICE_CONTROL
-// go to the I/O control dispatch, and helpers that send I/O controls to it
-// from the test's application thread the way a kernel client does
-// (IoBuildDeviceIoControlRequest, buffered I/O, wait on the event).
+// The shared data port with its IRP_MJ_DEVICE_CONTROL and
+// IRP_MJ_INTERNAL_DEVICE_CONTROL routed to the I/O control dispatch, the
+// wait-cancel timer armed with its callback and the USB device enabled, and
+// helpers that send I/O controls from the test's application thread the way
+// a kernel client does (IoBuildDeviceIoControlRequest, buffered I/O copied
+// back only on success, wait on the event).
 //
 // The CDC control requests and the receive/send purges are the doubles of
 // control_doubles.cpp: they record their calls in Calls().
 #pragma once
-
-#include "driver_test.h"
 
 // Tests take the device lock with the driver's macros, whose assertions
 // name a source file.
 #ifndef TRACE_FILE
 #define TRACE_FILE "tests/cdcacm/ioctl"
 #endif
-#include "cdcacm.h"
+#include "device_fixture.h"
 
 #include <cstdint>
 #include <string>
@@ -24,6 +24,10 @@
 std::vector<std::string>& Calls();
 // The status the control-request doubles return.
 extern NTSTATUS ControlRequestStatus;
+
+// Bytes of the circular buffers the rig's serial port starts with.
+constexpr ULONG RigReceiveBufferSize = 4096;
+constexpr ULONG RigSendBufferSize = 2048;
 
 struct IoctlResult {
     NTSTATUS Status;
@@ -45,8 +49,11 @@ struct PendingIoctl {
     ULONG Mask() const; // the first 32 bits of the output
 };
 
-class IoctlTest : public DriverTest {
+class IoctlTest : public DeviceFixture {
   protected:
+    Options DeviceOptions() override {
+        return Options{RigReceiveBufferSize, RigSendBufferSize, 10};
+    }
     void SetUp() override;
     void TearDown() override;
 
@@ -80,18 +87,8 @@ class IoctlTest : public DriverTest {
                                              << All.substr(All.size() > 600 ? All.size() - 600 : 0);
     }
 
-    PDRIVER_OBJECT Driver() { return &driver_; }
     PDEVICE_OBJECT DataPort() { return data_port_; }
     PDEVICE Dev() { return dev_; }
-    PSER_PORT SerPort() { return dev_->Port.SerPort; }
-    SER_SETTINGS& Settings() { return dev_->Port.SerPort->Settings; }
-
-  private:
-    DRIVER_OBJECT driver_{};
-    PDEVICE_OBJECT data_port_ = nullptr;
-    PDEVICE dev_ = nullptr;
+    PSER_PORT SerPort() { return ser_; }
+    SER_SETTINGS& Settings() { return ser_->Settings; }
 };
-
-// Bytes of the circular buffers the rig's serial port starts with.
-constexpr ULONG RigReceiveBufferSize = 4096;
-constexpr ULONG RigSendBufferSize = 2048;

@@ -320,3 +320,15 @@ TEST_F(IoctlDispatch, CodesWithoutHandlerAreInvalidEvenWhenNamed) {
     EXPECT_TRUE(Traced("ACM:COM3S:Invalid IO Control Code 001B0007: Unknown IO Ctrl code\n"));
     EXPECT_TRUE(Traced("ACM:COM3S:]DispatchDeviceControl (c000000d)\n"));
 }
+
+TEST_F(IoctlDispatch, ImmediateCharIsWrittenAsAOneByteWrite) {
+    const UCHAR Char = 'Z';
+    IoctlResult Result = Ioctl(IOCTL_SERIAL_IMMEDIATE_CHAR, &Char, 1, 0);
+    EXPECT_EQ(Result.Status, STATUS_SUCCESS);
+    ASSERT_EQ(SerPort()->CircSendBuf.Count, 1u);
+    EXPECT_EQ(*SerPort()->CircSendBuf.ReadPtr, 'Z');
+    EXPECT_TRUE(Traced("ACM:COM3S:[DispatchWrite len:1\n"));
+
+    EXPECT_EQ(Ioctl(IOCTL_SERIAL_IMMEDIATE_CHAR, nullptr, 0, 0).Status, STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(SerPort()->CircSendBuf.Count, 1u);
+}
