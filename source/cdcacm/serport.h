@@ -22,14 +22,6 @@
 #define SER_REQUEST_NOWAIT 0x2      // completed by the dispatcher itself (no-wait read)
 #define SER_REQUEST_CTS_GRANTED 0x4 // a write granted one more second while CTS was inactive
 
-// Wait-on-mask events this object raises (the WDK's ntddser.h defines them on Windows).
-#ifndef SERIAL_EV_RXCHAR
-#define SERIAL_EV_RXCHAR 0x0001
-#define SERIAL_EV_RXFLAG 0x0002
-#define SERIAL_EV_TXEMPTY 0x0004
-#define SERIAL_EV_RX80FULL 0x0400
-#endif
-
 // A ring of Size bytes in an allocation of Size + 1. Only Count decides
 // fullness. A buffer whose allocation failed has Size 0 and is both Full and
 // Empty, so that no byte enters or leaves it.
