@@ -296,3 +296,30 @@ TEST_F(IoctlDispatch, ImmediateCharIsWrittenAsAOneByteWrite) {
     EXPECT_EQ(Ioctl(IOCTL_SERIAL_IMMEDIATE_CHAR, nullptr, 0, 0).Status, STATUS_INVALID_PARAMETER);
     EXPECT_EQ(SerPort()->CircSendBuf.Count, 1u);
 }
+
+TEST_F(IoctlDispatch, TheAttachObjectReachesTheSameSettingsAndTracesA) {
+    PDEVICE_OBJECT AttachObject = nullptr;
+    ASSERT_EQ(IoCreateDevice(&driver_, sizeof(ATTACH_OBJ), nullptr, FILE_DEVICE_UNKNOWN, 0, FALSE,
+                             &AttachObject),
+              STATUS_SUCCESS);
+    PATTACH_OBJ Attach = (PATTACH_OBJ)AttachObject->DeviceExtension;
+    Attach->Type = EXTENSION_TYPE_ATTACH;
+    Attach->DeviceObject = AttachObject;
+    Attach->Device = Dev();
+    AttachObject->Flags = (AttachObject->Flags | DO_BUFFERED_IO) & ~DO_DEVICE_INITIALIZING;
+
+    KEVENT Event;
+    KeInitializeEvent(&Event, NotificationEvent, FALSE);
+    IO_STATUS_BLOCK IoStatus = {};
+    SERIAL_BAUD_RATE Rate = {};
+    PIRP Irp = IoBuildDeviceIoControlRequest(IOCTL_SERIAL_GET_BAUD_RATE, AttachObject, nullptr, 0,
+                                             &Rate, sizeof(Rate), FALSE, &Event, &IoStatus);
+    ASSERT_NE(Irp, nullptr);
+    if (IoCallDriver(AttachObject, Irp) == STATUS_PENDING)
+        KeWaitForSingleObject(&Event, Executive, KernelMode, FALSE, nullptr);
+    EXPECT_EQ(IoStatus.Status, STATUS_SUCCESS);
+    EXPECT_EQ(Rate.BaudRate, Settings().BaudRate);
+    EXPECT_TRUE(Traced("ACM:COM3A: [DispatchDeviceControl\n"));
+    EXPECT_TRUE(Traced("ACM:COM3A:]DispatchDeviceControl (0)\n"));
+    IoDeleteDevice(AttachObject);
+}
