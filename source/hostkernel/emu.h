@@ -136,7 +136,7 @@ inline constexpr const char* kIrpNoStackLocation = "IRP sent with no stack locat
 inline constexpr const char* kIrpNoOriginator =
     "IRP without an originator completed past its last completion routine";
 inline constexpr const char* kIrpBadFree =
-    "IRP freed that is still in use or not from IoAllocateIrp";
+    "IRP freed that IoAllocateIrp did not allocate, or with a cancel routine set";
 inline constexpr const char* kCancelLockHeld =
     "cancel routine returned holding the cancel spin lock";
 inline constexpr const char* kIrpLeak = "IRP still allocated or pending at teardown";

@@ -179,9 +179,9 @@ std::shared_ptr<PendingIo> File::Send(UCHAR major, ULONG code, const void* input
     info->finish = [raw](PIRP done) {
         PVOID buffer = done->AssociatedIrp.SystemBuffer;
         if (buffer && (done->Flags & IRP_DEALLOCATE_BUFFER)) {
-            if ((done->Flags & IRP_INPUT_OPERATION) && !IsError(done->IoStatus.Status))
-                memcpy(raw->output_.data(), buffer,
-                       std::min<size_t>(done->IoStatus.Information, raw->output_.size()));
+            size_t count = std::min<size_t>(done->IoStatus.Information, raw->output_.size());
+            if ((done->Flags & IRP_INPUT_OPERATION) && !IsError(done->IoStatus.Status) && count)
+                memcpy(raw->output_.data(), buffer, count);
             ExFreePoolWithTag(buffer, kSystemBufferTag);
         }
         raw->result_ = {done->IoStatus.Status, done->IoStatus.Information};
@@ -203,7 +203,9 @@ NTSTATUS File::SendSimple(UCHAR major) {
 IoResult File::Read(void* buffer, ULONG length) {
     auto request = ReadAsync(length);
     IoResult result = request->Wait();
-    memcpy(buffer, request->Output().data(), std::min<size_t>(result.information, length));
+    size_t count = std::min<size_t>(result.information, length);
+    if (count)
+        memcpy(buffer, request->Output().data(), count);
     return result;
 }
 
@@ -215,9 +217,9 @@ IoResult File::DeviceIoControl(ULONG code, const void* input, ULONG input_length
                                ULONG output_length) {
     auto request = DeviceIoControlAsync(code, input, input_length, output_length);
     IoResult result = request->Wait();
-    if (output)
-        memcpy(output, request->Output().data(),
-               std::min<size_t>(result.information, output_length));
+    size_t count = std::min<size_t>(result.information, output_length);
+    if (output && count)
+        memcpy(output, request->Output().data(), count);
     return result;
 }
 
@@ -225,9 +227,9 @@ IoResult File::InternalDeviceIoControl(ULONG code, const void* input, ULONG inpu
                                        void* output, ULONG output_length) {
     auto request = DeviceIoControlAsync(code, input, input_length, output_length, true);
     IoResult result = request->Wait();
-    if (output)
-        memcpy(output, request->Output().data(),
-               std::min<size_t>(result.information, output_length));
+    size_t count = std::min<size_t>(result.information, output_length);
+    if (output && count)
+        memcpy(output, request->Output().data(), count);
     return result;
 }
 

@@ -117,13 +117,6 @@ void IoFreeIrp(PIRP Irp) {
                   "IoFreeIrp on " + Describe(Irp) + ", which IoAllocateIrp did not allocate");
         return;
     }
-    if (Irp->CurrentLocation <= Irp->StackCount) {
-        Violation(rule::kIrpBadFree, "IoFreeIrp on " + Describe(Irp) +
-                                         " while a driver still holds it (stack location " +
-                                         std::to_string(Irp->CurrentLocation) + " of " +
-                                         std::to_string(Irp->StackCount) + ")");
-        return;
-    }
     if (Irp->CancelRoutine) {
         Violation(rule::kIrpBadFree,
                   "IoFreeIrp on " + Describe(Irp) + " with a cancel routine set");

@@ -1,0 +1,703 @@
+// The emulated I/O manager against tiny driver-shaped fakes: device objects
+// and stacks, the namespace, IRP completion order, pending, cancellation,
+// work items, buffered application requests, and every verifier rule on a
+// wrong routine next to the right one.
+#include "kernel_test.h"
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace {
+
+// Two fake drivers whose dispatch routines the test supplies.
+std::function<NTSTATUS(PDEVICE_OBJECT, PIRP)> g_lower;
+std::function<NTSTATUS(PDEVICE_OBJECT, PIRP)> g_upper;
+NTSTATUS NTAPI LowerDispatch(PDEVICE_OBJECT Device, PIRP Irp) {
+    return g_lower(Device, Irp);
+}
+NTSTATUS NTAPI UpperDispatch(PDEVICE_OBJECT Device, PIRP Irp) {
+    return g_upper(Device, Irp);
+}
+
+NTSTATUS Complete(PIRP Irp, NTSTATUS Status, ULONG_PTR Information = 0) {
+    Irp->IoStatus.Status = Status;
+    Irp->IoStatus.Information = Information;
+    IoCompleteRequest(Irp, IO_NO_INCREMENT);
+    return Status;
+}
+
+// Completion routines record their order through a context string list.
+struct Trail {
+    std::vector<std::string> calls;
+    std::vector<PDEVICE_OBJECT> devices;
+    std::vector<BOOLEAN> pending;
+    NTSTATUS answer = STATUS_SUCCESS;
+    std::string name;
+};
+NTSTATUS NTAPI Record(PDEVICE_OBJECT Device, PIRP Irp, PVOID Context) {
+    auto* trail = static_cast<Trail*>(Context);
+    trail->calls.push_back(trail->name);
+    trail->devices.push_back(Device);
+    trail->pending.push_back(Irp->PendingReturned);
+    return trail->answer;
+}
+
+class IoManagerTest : public KernelTest {
+  protected:
+    void SetUp() override {
+        KernelTest::SetUp();
+        lower_ = std::make_unique<hk::Driver>(u"\\Driver\\lower");
+        upper_ = std::make_unique<hk::Driver>(u"\\Driver\\upper");
+        for (auto& routine : lower_->Object()->MajorFunction)
+            routine = LowerDispatch;
+        for (auto& routine : upper_->Object()->MajorFunction)
+            routine = UpperDispatch;
+        g_lower = [](PDEVICE_OBJECT, PIRP Irp) { return Complete(Irp, STATUS_SUCCESS); };
+        g_upper = [](PDEVICE_OBJECT, PIRP Irp) { return Complete(Irp, STATUS_SUCCESS); };
+    }
+    void TearDown() override {
+        for (PDEVICE_OBJECT device : devices_)
+            if (hk::DeviceExists(device))
+                IoDeleteDevice(device);
+        lower_.reset();
+        upper_.reset();
+        KernelTest::TearDown();
+    }
+    PDEVICE_OBJECT Create(hk::Driver& driver, const char16_t* name = nullptr, ULONG flags = 0,
+                          BOOLEAN exclusive = FALSE) {
+        UNICODE_STRING unicode;
+        if (name)
+            RtlInitUnicodeString(&unicode, name);
+        PDEVICE_OBJECT device = nullptr;
+        EXPECT_EQ(IoCreateDevice(driver.Object(), 32, name ? &unicode : nullptr,
+                                 FILE_DEVICE_SERIAL_PORT, FILE_DEVICE_SECURE_OPEN, exclusive,
+                                 &device),
+                  STATUS_SUCCESS);
+        device->Flags |= flags;
+        device->Flags &= ~DO_DEVICE_INITIALIZING;
+        devices_.push_back(device);
+        return device;
+    }
+    // A lower device with an upper one attached on it, as a function driver
+    // sits on its bus driver's device.
+    void Stack() {
+        pdo_ = Create(*lower_);
+        fdo_ = Create(*upper_, u"\\Device\\upper0", DO_BUFFERED_IO);
+        IoAttachDeviceToDeviceStack(fdo_, pdo_);
+    }
+    void Unstack() { IoDetachDevice(pdo_); }
+
+    std::unique_ptr<hk::Driver> lower_, upper_;
+    std::vector<PDEVICE_OBJECT> devices_;
+    PDEVICE_OBJECT pdo_ = nullptr, fdo_ = nullptr;
+};
+
+TEST_F(IoManagerTest, CreateDeviceNamesExtensionsAndCollisions) {
+    UNICODE_STRING name;
+    RtlInitUnicodeString(&name, u"\\Device\\Port0");
+    PDEVICE_OBJECT named = nullptr;
+    ASSERT_EQ(IoCreateDevice(upper_->Object(), 40, &name, FILE_DEVICE_SERIAL_PORT,
+                             FILE_DEVICE_SECURE_OPEN, TRUE, &named),
+              STATUS_SUCCESS);
+    EXPECT_EQ(named->Flags & (DO_DEVICE_INITIALIZING | DO_EXCLUSIVE | DO_DEVICE_HAS_NAME),
+              ULONG(DO_DEVICE_INITIALIZING | DO_EXCLUSIVE | DO_DEVICE_HAS_NAME));
+    EXPECT_EQ(named->StackSize, 1);
+    EXPECT_EQ(named->DeviceType, ULONG(FILE_DEVICE_SERIAL_PORT));
+    EXPECT_EQ(named->Characteristics, ULONG(FILE_DEVICE_SECURE_OPEN));
+    EXPECT_EQ(named->DriverObject, upper_->Object());
+    EXPECT_EQ(upper_->Object()->DeviceObject, named);
+    auto* extension = static_cast<const UCHAR*>(named->DeviceExtension);
+    EXPECT_EQ(std::count(extension, extension + 40, 0), 40);
+    EXPECT_EQ(hk::FindDevice(u"\\device\\PORT0"), named);
+
+    RtlInitUnicodeString(&name, u"\\DEVICE\\port0");
+    PDEVICE_OBJECT clash = reinterpret_cast<PDEVICE_OBJECT>(1);
+    EXPECT_EQ(IoCreateDevice(upper_->Object(), 0, &name, FILE_DEVICE_SERIAL_PORT, 0, FALSE, &clash),
+              STATUS_OBJECT_NAME_COLLISION);
+    EXPECT_EQ(clash, nullptr);
+
+    PDEVICE_OBJECT unnamed = nullptr;
+    ASSERT_EQ(IoCreateDevice(upper_->Object(), 0, nullptr, FILE_DEVICE_UNKNOWN, 0, FALSE, &unnamed),
+              STATUS_SUCCESS);
+    EXPECT_EQ(unnamed->DeviceExtension, nullptr);
+    EXPECT_EQ(unnamed->Flags & DO_DEVICE_HAS_NAME, 0u);
+    EXPECT_EQ(upper_->Object()->DeviceObject, unnamed);
+    EXPECT_EQ(unnamed->NextDevice, named);
+
+    IoDeleteDevice(named);
+    EXPECT_EQ(hk::FindDevice(u"\\Device\\Port0"), nullptr);
+    EXPECT_EQ(upper_->Object()->DeviceObject, unnamed);
+    EXPECT_EQ(IoCreateDevice(upper_->Object(), 0, &name, FILE_DEVICE_SERIAL_PORT, 0, FALSE, &named),
+              STATUS_SUCCESS);
+    IoDeleteDevice(named);
+    IoDeleteDevice(unnamed);
+}
+
+TEST_F(IoManagerTest, AttachSetsStackSizesAndReturnsTheTopOfTheStack) {
+    PDEVICE_OBJECT pdo = Create(*lower_);
+    PDEVICE_OBJECT fdo = Create(*upper_);
+    PDEVICE_OBJECT filter = Create(*upper_);
+    EXPECT_EQ(IoAttachDeviceToDeviceStack(fdo, pdo), pdo);
+    EXPECT_EQ(fdo->StackSize, 2);
+    EXPECT_EQ(IoAttachDeviceToDeviceStack(filter, pdo), fdo); // lands on the top
+    EXPECT_EQ(filter->StackSize, 3);
+    EXPECT_EQ(IoGetAttachedDevice(pdo), filter);
+    {
+        hk::ExpectViolation expect(hk::rule::kDeviceDeletedAttached);
+        IoDetachDevice(fdo);
+        IoDetachDevice(pdo);
+        EXPECT_EQ(expect.Count(), 0u);
+        IoAttachDeviceToDeviceStack(fdo, pdo);
+        IoDeleteDevice(fdo); // still on pdo
+        EXPECT_EQ(expect.Count(), 1u);
+    }
+    EXPECT_EQ(pdo->AttachedDevice, fdo); // the dangling link the bug leaves behind
+    pdo->AttachedDevice = nullptr;
+}
+
+TEST_F(IoManagerTest, SymbolicLinksResolveAndCollide) {
+    PDEVICE_OBJECT port = Create(*upper_, u"\\Device\\modem3");
+    UNICODE_STRING link, target;
+    RtlInitUnicodeString(&link, u"\\DosDevices\\COM5");
+    RtlInitUnicodeString(&target, u"\\Device\\modem3");
+    EXPECT_EQ(IoCreateSymbolicLink(&link, &target), STATUS_SUCCESS);
+    EXPECT_EQ(IoCreateSymbolicLink(&link, &target), STATUS_OBJECT_NAME_COLLISION);
+    EXPECT_EQ(hk::FindDevice(u"\\??\\com5"), port);
+    EXPECT_EQ(hk::SymbolicLinkTarget(u"\\DosDevices\\COM5"), u"\\Device\\modem3");
+    hk::File file;
+    EXPECT_EQ(file.Open(u"\\??\\COM5"), STATUS_SUCCESS);
+    file.Close();
+    EXPECT_EQ(IoDeleteSymbolicLink(&link), STATUS_SUCCESS);
+    EXPECT_EQ(IoDeleteSymbolicLink(&link), STATUS_OBJECT_NAME_NOT_FOUND);
+    EXPECT_FALSE(hk::SymbolicLinkExists(u"\\DosDevices\\COM5"));
+    EXPECT_EQ(file.Open(u"\\DosDevices\\COM5"), STATUS_OBJECT_NAME_NOT_FOUND);
+}
+
+TEST_F(IoManagerTest, CompletionRoutinesRunInStackOrderUntilMoreProcessingRequired) {
+    Stack();
+    Trail upper_trail, top_trail;
+    upper_trail.name = "upper";
+    top_trail.name = "top";
+    PIRP held = nullptr;
+    g_upper = [&](PDEVICE_OBJECT, PIRP Irp) {
+        IoCopyCurrentIrpStackLocationToNext(Irp);
+        IoSetCompletionRoutine(Irp, Record, &upper_trail, TRUE, TRUE, TRUE);
+        return IoCallDriver(pdo_, Irp);
+    };
+    g_lower = [&](PDEVICE_OBJECT, PIRP Irp) { return Complete(Irp, STATUS_SUCCESS, 7); };
+
+    PIRP irp = IoAllocateIrp(CCHAR(fdo_->StackSize + 1), FALSE);
+    IoSetNextIrpStackLocation(irp); // the originator's own location
+    IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
+    top_trail.answer = STATUS_MORE_PROCESSING_REQUIRED;
+    IoSetCompletionRoutine(irp, Record, &top_trail, TRUE, TRUE, TRUE);
+    EXPECT_EQ(IoCallDriver(fdo_, irp), STATUS_SUCCESS);
+    ASSERT_EQ(upper_trail.calls.size(), 1u);
+    ASSERT_EQ(top_trail.calls.size(), 1u);
+    EXPECT_EQ(upper_trail.devices[0], fdo_);
+    EXPECT_EQ(irp->IoStatus.Information, 7u);
+
+    // The upper routine keeps the IRP; the originator's routine waits until
+    // the upper driver completes it again.
+    upper_trail.answer = STATUS_MORE_PROCESSING_REQUIRED;
+    g_upper = [&](PDEVICE_OBJECT, PIRP Irp) {
+        IoCopyCurrentIrpStackLocationToNext(Irp);
+        IoSetCompletionRoutine(Irp, Record, &upper_trail, TRUE, TRUE, TRUE);
+        IoCallDriver(pdo_, Irp);
+        held = Irp;
+        IoMarkIrpPending(Irp);
+        return STATUS_PENDING;
+    };
+    IoReuseIrp(irp, STATUS_SUCCESS);
+    IoSetNextIrpStackLocation(irp);
+    IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
+    IoSetCompletionRoutine(irp, Record, &top_trail, TRUE, TRUE, TRUE);
+    EXPECT_EQ(IoCallDriver(fdo_, irp), STATUS_PENDING);
+    EXPECT_EQ(upper_trail.calls.size(), 2u);
+    EXPECT_EQ(top_trail.calls.size(), 1u);
+    Complete(held, STATUS_UNSUCCESSFUL);
+    ASSERT_EQ(top_trail.calls.size(), 2u);
+    EXPECT_TRUE(top_trail.pending[1]); // the upper driver's pending mark reached the top
+    EXPECT_EQ(top_trail.devices[1], nullptr);
+    IoFreeIrp(irp);
+    Unstack();
+}
+
+TEST_F(IoManagerTest, CompletionRoutineFlagsSelectSuccessErrorAndCancel) {
+    Stack();
+    struct Case {
+        BOOLEAN on_success, on_error, on_cancel;
+        NTSTATUS status;
+        BOOLEAN cancel;
+        size_t calls;
+    };
+    const Case cases[] = {
+        {TRUE, FALSE, FALSE, STATUS_SUCCESS, FALSE, 1},
+        {TRUE, FALSE, FALSE, STATUS_UNSUCCESSFUL, FALSE, 0},
+        {FALSE, TRUE, FALSE, STATUS_UNSUCCESSFUL, FALSE, 1},
+        {FALSE, TRUE, FALSE, STATUS_SUCCESS, FALSE, 0},
+        {FALSE, FALSE, TRUE, STATUS_CANCELLED, TRUE, 1},
+        {FALSE, FALSE, TRUE, STATUS_CANCELLED, FALSE, 0},
+    };
+    for (const Case& c : cases) {
+        Trail trail;
+        trail.answer = STATUS_MORE_PROCESSING_REQUIRED;
+        Trail last;
+        last.answer = STATUS_MORE_PROCESSING_REQUIRED;
+        g_lower = [&](PDEVICE_OBJECT, PIRP Irp) {
+            Irp->Cancel = c.cancel;
+            return Complete(Irp, c.status);
+        };
+        g_upper = [&](PDEVICE_OBJECT, PIRP Irp) {
+            IoCopyCurrentIrpStackLocationToNext(Irp);
+            IoSetCompletionRoutine(Irp, Record, &trail, c.on_success, c.on_error, c.on_cancel);
+            return IoCallDriver(pdo_, Irp);
+        };
+        trail.answer = STATUS_SUCCESS;
+        PIRP irp = IoAllocateIrp(CCHAR(fdo_->StackSize + 1), FALSE);
+        IoSetNextIrpStackLocation(irp);
+        IoSetCompletionRoutine(irp, Record, &last, TRUE, TRUE, TRUE);
+        IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_READ;
+        IoCallDriver(fdo_, irp);
+        EXPECT_EQ(trail.calls.size(), c.calls)
+            << "status " << c.status << " cancel " << int(c.cancel);
+        EXPECT_EQ(last.calls.size(), 1u); // a skipped routine does not stop the unwinding
+        IoFreeIrp(irp);
+    }
+    Unstack();
+}
+
+TEST_F(IoManagerTest, OverlappedReadCompletesLaterInVirtualTimeWithBufferedCopyBack) {
+    Stack();
+    static PIRP parked;
+    static KTIMER timer;
+    static KDPC dpc;
+    parked = nullptr;
+    g_upper = [](PDEVICE_OBJECT, PIRP Irp) {
+        PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Irp);
+        if (stack->MajorFunction != IRP_MJ_READ)
+            return Complete(Irp, STATUS_SUCCESS);
+        EXPECT_EQ(stack->Parameters.Read.Length, 16u);
+        EXPECT_NE(Irp->Flags & IRP_BUFFERED_IO, 0u);
+        IoMarkIrpPending(Irp);
+        parked = Irp;
+        KeInitializeDpc(
+            &dpc,
+            [](PKDPC, PVOID, PVOID, PVOID) {
+                memcpy(parked->AssociatedIrp.SystemBuffer, "hello, world! ??", 16);
+                Complete(parked, STATUS_SUCCESS, 5); // only five bytes go back
+            },
+            nullptr);
+        KeInitializeTimer(&timer);
+        LARGE_INTEGER due;
+        due.QuadPart = -50 * 10000;
+        KeSetTimer(&timer, due, &dpc);
+        return STATUS_PENDING;
+    };
+    hk::File file;
+    ASSERT_EQ(file.Open(u"\\Device\\upper0"), STATUS_SUCCESS);
+    int64_t start = kernel().NowMs();
+    auto read = file.ReadAsync(16);
+    EXPECT_FALSE(read->Done());
+    EXPECT_NE(read->Irp(), nullptr);
+    hk::IoResult result = read->Wait();
+    EXPECT_EQ(kernel().NowMs() - start, 50);
+    EXPECT_EQ(result.status, STATUS_SUCCESS);
+    EXPECT_EQ(result.information, 5u);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(read->Output().data()), 16),
+              std::string("hello") + std::string(11, '\0'));
+    EXPECT_EQ(read->Irp(), nullptr);
+    file.Close();
+    EXPECT_EQ(hk::LiveIrps(), 0u);
+    Unstack();
+}
+
+TEST_F(IoManagerTest, FileRequestsReachTheTopOfTheStackInOrder) {
+    Stack();
+    PDEVICE_OBJECT filter = Create(*upper_, nullptr, DO_BUFFERED_IO); // filters copy the flags
+    IoAttachDeviceToDeviceStack(filter, fdo_);
+    std::vector<std::string> seen;
+    g_upper = [&](PDEVICE_OBJECT Device, PIRP Irp) {
+        PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Irp);
+        EXPECT_EQ(Device, filter);
+        EXPECT_EQ(Irp->StackCount, 3);
+        EXPECT_NE(stack->FileObject, nullptr);
+        seen.push_back(std::to_string(stack->MajorFunction));
+        if (stack->MajorFunction == IRP_MJ_DEVICE_CONTROL) {
+            auto* buffer = static_cast<ULONG*>(Irp->AssociatedIrp.SystemBuffer);
+            EXPECT_EQ(stack->Parameters.DeviceIoControl.InputBufferLength, 4u);
+            EXPECT_EQ(stack->Parameters.DeviceIoControl.OutputBufferLength, 8u);
+            buffer[1] = buffer[0] + 1;
+            return Complete(Irp, STATUS_SUCCESS, 8);
+        }
+        if (stack->MajorFunction == IRP_MJ_WRITE) {
+            EXPECT_EQ(memcmp(Irp->AssociatedIrp.SystemBuffer, "abc", 3), 0);
+            return Complete(Irp, STATUS_SUCCESS, stack->Parameters.Write.Length);
+        }
+        return Complete(Irp, STATUS_SUCCESS);
+    };
+    hk::File file;
+    ASSERT_EQ(file.Open(fdo_), STATUS_SUCCESS);
+    EXPECT_EQ(file.Write("abc", 3).information, 3u);
+    ULONG in = 41, out[2] = {0, 0};
+    hk::IoResult result = file.DeviceIoControl(IOCTL_SERIAL_GET_BAUD_RATE, &in, 4, out, 8);
+    EXPECT_EQ(result.information, 8u);
+    EXPECT_EQ(out[1], 42u);
+    file.Close();
+    EXPECT_EQ(seen, (std::vector<std::string>{"0", "4", "14", "18", "2"}));
+    IoDetachDevice(fdo_);
+    Unstack();
+}
+
+TEST_F(IoManagerTest, ExclusiveDeviceOpensOnceAndFailedCreateLeavesItClosed) {
+    PDEVICE_OBJECT port = Create(*upper_, u"\\Device\\excl", 0, TRUE);
+    NTSTATUS answer = STATUS_DEVICE_NOT_CONNECTED;
+    g_upper = [&](PDEVICE_OBJECT, PIRP Irp) { return Complete(Irp, answer); };
+    hk::File first, second;
+    EXPECT_EQ(first.Open(port), STATUS_DEVICE_NOT_CONNECTED);
+    EXPECT_FALSE(first.IsOpen());
+    answer = STATUS_SUCCESS;
+    EXPECT_EQ(first.Open(port), STATUS_SUCCESS);
+    EXPECT_EQ(second.Open(port), STATUS_ACCESS_DENIED);
+    EXPECT_EQ(hk::DeviceReferences(port), 1);
+    first.Close();
+    EXPECT_EQ(second.Open(port), STATUS_SUCCESS);
+}
+
+TEST_F(IoManagerTest, BuiltDeviceControlSetsTheEventFillsTheStatusAndIsFreed) {
+    Stack();
+    g_lower = [](PDEVICE_OBJECT, PIRP Irp) {
+        PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Irp);
+        EXPECT_EQ(stack->MajorFunction, IRP_MJ_INTERNAL_DEVICE_CONTROL);
+        memcpy(Irp->AssociatedIrp.SystemBuffer, "\x01\x02\x03\x04", 4);
+        IoMarkIrpPending(Irp);
+        Complete(Irp, STATUS_SUCCESS, 4);
+        return STATUS_PENDING;
+    };
+    KEVENT event;
+    KeInitializeEvent(&event, NotificationEvent, FALSE);
+    IO_STATUS_BLOCK iosb{};
+    UCHAR out[4] = {};
+    PIRP irp = IoBuildDeviceIoControlRequest(CTL_CODE(FILE_DEVICE_UNKNOWN, 5, METHOD_BUFFERED, 0),
+                                             pdo_, nullptr, 0, out, 4, TRUE, &event, &iosb);
+    ASSERT_NE(irp, nullptr);
+    EXPECT_EQ(IoCallDriver(pdo_, irp), STATUS_PENDING);
+    EXPECT_EQ(KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr), STATUS_SUCCESS);
+    EXPECT_EQ(iosb.Status, STATUS_SUCCESS);
+    EXPECT_EQ(iosb.Information, 4u);
+    EXPECT_EQ(out[3], 4);
+    EXPECT_EQ(hk::LiveIrps(), 0u);
+    Unstack();
+}
+
+// Cancel routines of a fake driver that parks one IRP.
+PIRP g_parked;
+int g_cancel_calls;
+KIRQL g_cancel_irql;
+VOID NTAPI CancelParked(PDEVICE_OBJECT, PIRP Irp) {
+    ++g_cancel_calls;
+    g_cancel_irql = Irp->CancelIrql;
+    IoReleaseCancelSpinLock(Irp->CancelIrql);
+    g_parked = nullptr;
+    Complete(Irp, STATUS_CANCELLED);
+}
+VOID NTAPI CancelKeepingTheLock(PDEVICE_OBJECT, PIRP Irp) {
+    ++g_cancel_calls;
+    g_parked = nullptr;
+    Irp->IoStatus.Status = STATUS_CANCELLED;
+    IoCompleteRequest(Irp, IO_NO_INCREMENT);
+}
+
+// The cancel-safe queueing idiom: set the routine, then look at Cancel.
+NTSTATUS Park(PIRP Irp, PDRIVER_CANCEL routine) {
+    IoMarkIrpPending(Irp);
+    KIRQL irql;
+    IoAcquireCancelSpinLock(&irql);
+    IoSetCancelRoutine(Irp, routine);
+    if (Irp->Cancel && IoSetCancelRoutine(Irp, nullptr)) {
+        IoReleaseCancelSpinLock(irql);
+        Complete(Irp, STATUS_CANCELLED);
+        return STATUS_PENDING;
+    }
+    g_parked = Irp;
+    IoReleaseCancelSpinLock(irql);
+    return STATUS_PENDING;
+}
+
+TEST_F(IoManagerTest, CancelCallsTheRoutineUnderTheCancelLockOrOnlyMarksTheIrp) {
+    PDEVICE_OBJECT port = Create(*upper_, u"\\Device\\cancel", DO_BUFFERED_IO);
+    g_cancel_calls = 0;
+    PDRIVER_CANCEL routine = CancelParked;
+    g_upper = [&](PDEVICE_OBJECT, PIRP Irp) {
+        if (IoGetCurrentIrpStackLocation(Irp)->MajorFunction != IRP_MJ_READ)
+            return Complete(Irp, STATUS_SUCCESS);
+        if (!routine) {
+            IoMarkIrpPending(Irp);
+            g_parked = Irp;
+            return STATUS_PENDING;
+        }
+        return Park(Irp, routine);
+    };
+    hk::File file;
+    ASSERT_EQ(file.Open(port), STATUS_SUCCESS);
+    auto read = file.ReadAsync(4);
+    KIRQL old;
+    KeRaiseIrql(DISPATCH_LEVEL, &old);
+    EXPECT_TRUE(file.Cancel(*read));
+    KeLowerIrql(old);
+    EXPECT_EQ(g_cancel_calls, 1);
+    EXPECT_EQ(g_cancel_irql, DISPATCH_LEVEL);
+    EXPECT_EQ(read->Wait().status, STATUS_CANCELLED);
+
+    routine = nullptr; // no cancel routine: only the flag is set
+    read = file.ReadAsync(4);
+    EXPECT_FALSE(file.Cancel(*read));
+    EXPECT_TRUE(g_parked->Cancel);
+    EXPECT_FALSE(read->Done());
+    Complete(g_parked, STATUS_SUCCESS);
+    EXPECT_EQ(read->Wait().status, STATUS_SUCCESS);
+
+    routine = CancelKeepingTheLock;
+    read = file.ReadAsync(4);
+    {
+        hk::ExpectViolation expect(hk::rule::kCancelLockHeld);
+        EXPECT_TRUE(file.Cancel(*read));
+        EXPECT_EQ(expect.Count(), 1u);
+    }
+    EXPECT_EQ(read->Wait().status, STATUS_CANCELLED);
+    EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
+    file.Close();
+}
+
+TEST_F(IoManagerTest, IrpCancelledBeforeItWasQueuedNeverSeesItsCancelRoutine) {
+    Stack();
+    g_cancel_calls = 0;
+    g_lower = [](PDEVICE_OBJECT, PIRP Irp) { return Park(Irp, CancelParked); };
+    Trail trail;
+    trail.answer = STATUS_MORE_PROCESSING_REQUIRED;
+    PIRP irp = IoAllocateIrp(pdo_->StackSize, FALSE);
+    IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_READ;
+    IoSetCompletionRoutine(irp, Record, &trail, TRUE, TRUE, TRUE);
+    EXPECT_FALSE(IoCancelIrp(irp)); // nobody holds it yet
+    EXPECT_TRUE(irp->Cancel);
+    g_parked = nullptr;
+    EXPECT_EQ(IoCallDriver(pdo_, irp), STATUS_PENDING);
+    EXPECT_EQ(g_cancel_calls, 0);
+    EXPECT_EQ(g_parked, nullptr);
+    EXPECT_EQ(trail.calls.size(), 1u);
+    EXPECT_EQ(irp->IoStatus.Status, STATUS_CANCELLED);
+    IoFreeIrp(irp);
+    Unstack();
+}
+
+struct WorkLog {
+    std::vector<int> order;
+    std::vector<KIRQL> irqls;
+    std::vector<PKTHREAD> threads;
+    PIO_WORKITEM items[3];
+};
+WorkLog g_work;
+VOID NTAPI LogWork(PDEVICE_OBJECT Device, PVOID Context) {
+    int index = int(reinterpret_cast<intptr_t>(Context));
+    g_work.order.push_back(index);
+    g_work.irqls.push_back(KeGetCurrentIrql());
+    g_work.threads.push_back(KeGetCurrentThread());
+    EXPECT_GE(hk::DeviceReferences(Device), 1);
+    IoFreeWorkItem(g_work.items[index]); // freeing itself from its routine is allowed
+}
+
+TEST_F(IoManagerTest, WorkItemsRunInOrderAtPassiveOnTheWorkerAndHoldTheDevice) {
+    g_work = WorkLog{};
+    PDEVICE_OBJECT port = Create(*upper_);
+    for (auto& item : g_work.items)
+        item = IoAllocateWorkItem(port);
+    KIRQL old;
+    KeRaiseIrql(DISPATCH_LEVEL, &old);
+    for (intptr_t i = 0; i < 3; ++i)
+        IoQueueWorkItem(g_work.items[i], LogWork, DelayedWorkQueue, reinterpret_cast<PVOID>(i));
+    KeLowerIrql(old);
+    EXPECT_EQ(hk::DeviceReferences(port), 3);
+    IoDeleteDevice(port); // the queued items keep it alive
+    EXPECT_TRUE(hk::DeviceExists(port));
+    EXPECT_TRUE(g_work.order.empty());
+    kernel().Sleep(1);
+    EXPECT_EQ(g_work.order, (std::vector<int>{0, 1, 2}));
+    EXPECT_EQ(g_work.irqls, (std::vector<KIRQL>(3, PASSIVE_LEVEL)));
+    EXPECT_NE(g_work.threads[0], KeGetCurrentThread());
+    EXPECT_FALSE(hk::DeviceExists(port));
+}
+
+VOID NTAPI Nothing(PDEVICE_OBJECT, PVOID) {}
+
+TEST_F(IoManagerTest, WorkItemQueuedTwiceOrFreedWhileQueuedIsReported) {
+    PDEVICE_OBJECT port = Create(*upper_);
+    PIO_WORKITEM item = IoAllocateWorkItem(port);
+    hk::ExpectViolation expect(hk::rule::kWorkItemMisuse);
+    IoQueueWorkItem(item, Nothing, DelayedWorkQueue, nullptr);
+    IoQueueWorkItem(item, Nothing, DelayedWorkQueue, nullptr);
+    EXPECT_EQ(expect.Count(), 1u);
+    IoFreeWorkItem(item);
+    EXPECT_EQ(expect.Count(), 2u);
+    kernel().Sleep(1);
+    IoQueueWorkItem(item, Nothing, DelayedWorkQueue, nullptr);
+    kernel().Sleep(1);
+    IoFreeWorkItem(item);
+    EXPECT_EQ(expect.Count(), 2u);
+}
+
+// Dispatch routines that break one rule each, next to the right variant.
+TEST_F(IoManagerTest, PendingStatusMustMatchThePendingMark) {
+    PDEVICE_OBJECT port = Create(*upper_, nullptr, DO_BUFFERED_IO);
+    int mode = 0;
+    g_upper = [&](PDEVICE_OBJECT, PIRP Irp) -> NTSTATUS {
+        if (IoGetCurrentIrpStackLocation(Irp)->MajorFunction != IRP_MJ_WRITE)
+            return Complete(Irp, STATUS_SUCCESS);
+        if (mode == 1) // pending without the mark
+            g_parked = Irp;
+        else
+            IoMarkIrpPending(Irp);
+        if (mode == 2) { // marked, completed, but the status returned is not pending
+            Complete(Irp, STATUS_SUCCESS);
+            return STATUS_SUCCESS;
+        }
+        if (mode == 0) {
+            Complete(Irp, STATUS_SUCCESS); // marked and completed at once: fine
+            return STATUS_PENDING;
+        }
+        return STATUS_PENDING;
+    };
+    hk::File file;
+    ASSERT_EQ(file.Open(port), STATUS_SUCCESS);
+    hk::ExpectViolation expect(hk::rule::kPendingMismatch);
+    EXPECT_EQ(file.Write("x", 1).status, STATUS_SUCCESS);
+    EXPECT_EQ(expect.Count(), 0u);
+    mode = 1;
+    auto write = file.WriteAsync("x", 1);
+    EXPECT_EQ(expect.Count(), 1u);
+    Complete(g_parked, STATUS_SUCCESS);
+    EXPECT_TRUE(write->Done());
+    mode = 2;
+    file.Write("x", 1);
+    EXPECT_EQ(expect.Count(), 2u);
+    file.Close();
+}
+
+TEST_F(IoManagerTest, CompletionMistakesAreReported) {
+    PDEVICE_OBJECT port = Create(*upper_, nullptr, DO_BUFFERED_IO);
+    int mode = 0;
+    g_upper = [&](PDEVICE_OBJECT, PIRP Irp) -> NTSTATUS {
+        if (IoGetCurrentIrpStackLocation(Irp)->MajorFunction != IRP_MJ_READ)
+            return Complete(Irp, STATUS_SUCCESS);
+        switch (mode) {
+        case 1: // twice; the IRP is freed, so only the call itself comes back
+            Complete(Irp, STATUS_SUCCESS);
+            IoCompleteRequest(Irp, IO_NO_INCREMENT);
+            return STATUS_SUCCESS;
+        case 2: // with STATUS_PENDING, then properly
+            Complete(Irp, STATUS_PENDING);
+            return Complete(Irp, STATUS_SUCCESS);
+        case 3: // with the cancel routine still set
+            IoSetCancelRoutine(Irp, CancelParked);
+            return Complete(Irp, STATUS_SUCCESS);
+        case 4: { // IRQL left raised by the dispatch routine
+            KIRQL old;
+            KeRaiseIrql(DISPATCH_LEVEL, &old);
+            return Complete(Irp, STATUS_SUCCESS);
+        }
+        default:
+            return Complete(Irp, STATUS_SUCCESS);
+        }
+    };
+    hk::File file;
+    ASSERT_EQ(file.Open(port), STATUS_SUCCESS);
+    const char* rules[] = {nullptr, hk::rule::kIrpCompletedTwice, hk::rule::kIrpCompletedPending,
+                           hk::rule::kIrpCompletedWithCancelRoutine, hk::rule::kIrqlNotRestored};
+    for (mode = 0; mode <= 4; ++mode) {
+        const char* rule = rules[mode] ? rules[mode] : hk::rule::kIrpCompletedTwice;
+        hk::ExpectViolation expect(rule);
+        EXPECT_EQ(file.Read(nullptr, 0).status, STATUS_SUCCESS);
+        EXPECT_EQ(expect.Count(), mode == 0 ? 0u : 1u) << "mode " << mode;
+    }
+    EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
+    file.Close();
+}
+
+NTSTATUS NTAPI RaiseAndKeep(PDEVICE_OBJECT, PIRP, PVOID) {
+    KIRQL old;
+    KeRaiseIrql(DISPATCH_LEVEL, &old);
+    return STATUS_MORE_PROCESSING_REQUIRED;
+}
+
+TEST_F(IoManagerTest, CompletionRoutineMustRestoreTheIrql) {
+    PDEVICE_OBJECT port = Create(*lower_);
+    PIRP irp = IoAllocateIrp(1, FALSE);
+    IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_READ;
+    IoSetCompletionRoutine(irp, RaiseAndKeep, nullptr, TRUE, TRUE, TRUE);
+    hk::ExpectViolation expect(hk::rule::kIrqlNotRestored);
+    IoCallDriver(port, irp);
+    EXPECT_EQ(expect.Count(), 1u);
+    EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
+    IoFreeIrp(irp);
+}
+
+TEST_F(IoManagerTest, DriverIrpMisuseIsReported) {
+    PDEVICE_OBJECT port = Create(*lower_);
+    {
+        hk::ExpectViolation expect(hk::rule::kIrpNoOriginator);
+        PIRP irp = IoAllocateIrp(1, FALSE); // no routine takes it back
+        IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_READ;
+        IoCallDriver(port, irp);
+        EXPECT_EQ(expect.Count(), 1u);
+        IoFreeIrp(irp);
+    }
+    {
+        hk::ExpectViolation expect(hk::rule::kIrpNoStackLocation);
+        PIRP irp = IoAllocateIrp(1, FALSE);
+        IoSetNextIrpStackLocation(irp);
+        EXPECT_EQ(IoCallDriver(port, irp), STATUS_INVALID_PARAMETER);
+        EXPECT_EQ(expect.Count(), 1u);
+        IoSkipCurrentIrpStackLocation(irp);
+        IoFreeIrp(irp);
+    }
+    {
+        hk::ExpectViolation expect(hk::rule::kIrpUnknown);
+        PIRP irp = IoAllocateIrp(1, FALSE);
+        IoFreeIrp(irp);
+        IoCancelIrp(irp); // a freed IRP: the verifier sees it before memory is touched
+        EXPECT_EQ(expect.Count(), 1u);
+    }
+    {
+        hk::ExpectViolation expect(hk::rule::kIrpBadFree);
+        alignas(16) UCHAR memory[512];
+        auto irp = reinterpret_cast<PIRP>(memory);
+        ASSERT_LE(IoSizeOfIrp(2), sizeof(memory));
+        IoInitializeIrp(irp, IoSizeOfIrp(2), 2);
+        EXPECT_EQ(irp->CurrentLocation, 3);
+        EXPECT_EQ(IoGetNextIrpStackLocation(irp),
+                  reinterpret_cast<PIO_STACK_LOCATION>(memory + sizeof(IRP)) + 1);
+        IoFreeIrp(irp); // not from IoAllocateIrp
+        EXPECT_EQ(expect.Count(), 1u);
+    }
+}
+
+TEST_F(IoManagerTest, LeftoversAreReportedAtTeardown) {
+    hk::ExpectViolation irps(hk::rule::kIrpLeak);
+    hk::ExpectViolation items(hk::rule::kWorkItemLeak);
+    hk::ExpectViolation devices(hk::rule::kDeviceLeak);
+    hk::ExpectViolation pool(hk::rule::kPoolLeak);
+    hk::Driver driver;
+    PDEVICE_OBJECT port = nullptr;
+    ASSERT_EQ(IoCreateDevice(driver.Object(), 0, nullptr, FILE_DEVICE_UNKNOWN, 0, FALSE, &port),
+              STATUS_SUCCESS);
+    IoAllocateIrp(2, FALSE);
+    IoAllocateWorkItem(port);
+    Restart({});
+    EXPECT_EQ(irps.Count(), 1u);
+    EXPECT_EQ(items.Count(), 1u);
+    EXPECT_EQ(devices.Count(), 1u);
+    EXPECT_EQ(pool.Count(), 0u); // the I/O manager took its blocks back
+    driver.Object()->DeviceObject = nullptr;
+}
+
+} // namespace
