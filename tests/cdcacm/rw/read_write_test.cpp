@@ -85,6 +85,17 @@ TEST_F(ReadWrite, WriteThatFitsCompletesInFullBeforeAnyByteReachesUsb) {
     EXPECT_TRUE(IsListEmpty(&port_->WriteIrpQueue.Irps));
 }
 
+TEST_F(ReadWrite, PppTraceDumpsTheFirst32BytesOfAWrite) {
+    TraceMask |= TL_PPP;
+    Write(std::string(40, 'A'));
+    EXPECT_EQ(dbg().Count("ACM:COM3S:[DispatchWrite len:40"), 1u);
+    EXPECT_TRUE(dbg().Contains("...")) << "more than 32 bytes";
+    dbg().Clear();
+    Write(std::string(32, 'B'));
+    EXPECT_EQ(dbg().Count("ACM:COM3S:[DispatchWrite len:32"), 1u);
+    EXPECT_FALSE(dbg().Contains("..."));
+}
+
 TEST_F(ReadWrite, BurstOfFinishedReadsCompletesInQueueOrder) {
     AppRequest* first = Read(2);
     AppRequest* second = Read(2);
