@@ -83,6 +83,9 @@ struct _PPP_DEFRAMER {
     ULONG Sequence; // the low 5 bits number the next packet
 };
 
+static_assert(offsetof(PPP_DEFRAMER, Buffer) == offsetof(PPP_DEFRAMER, Header) + PPP_HEADER_SIZE,
+              "a packet goes out from Header through the content in one piece");
+
 extern const USHORT PppFcsTable[256];
 
 // Continues an FCS over Length bytes (start with PPP_FCS_INITIAL, complement
