@@ -1,0 +1,42 @@
+#!/bin/sh
+# Builds the fuzzers (host-fuzz preset, clang, libFuzzer) and runs each one
+# for SECONDS (default 20) on a copy of its seed corpus, so that the run
+# adds nothing to the repository. Exits non-zero when a fuzzer finds a
+# crash; the reproducer is kept and its path printed.
+#
+# Usage: scripts/fuzz.sh [SECONDS]
+set -eu
+
+seconds=${1:-20}
+root=$(cd "$(dirname "$0")/.." && pwd)
+build=${CDCACM_FUZZ_BUILD:-$root/build/host-fuzz}
+targets="ppp_framer ppp_deframer"
+
+cmake --preset host-fuzz -S "$root" -B "$build" >/dev/null
+for target in $targets; do
+    cmake --build "$build" -j2 --target "${target}_fuzzer"
+done
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/cdcacm-fuzz.XXXXXX")
+status=0
+for target in $targets; do
+    corpus="$work/$target/corpus"
+    artifacts="$work/$target/artifacts"
+    mkdir -p "$corpus" "$artifacts"
+    cp "$root/tests/fuzz/corpus/$target/"* "$corpus/"
+    echo "== $target: ${seconds}s"
+    if ! "$build/tests/fuzz/${target}_fuzzer" -max_total_time="$seconds" -max_len=12000 \
+        -print_final_stats=1 -artifact_prefix="$artifacts/" "$corpus" \
+        >"$work/$target/log" 2>&1; then
+        tail -n 60 "$work/$target/log"
+        echo "== $target: CRASH, reproducers in $artifacts" >&2
+        status=1
+    else
+        grep -E "^(#[0-9]+ +DONE|stat::number_of_executed_units)" "$work/$target/log" || true
+    fi
+done
+
+if [ "$status" -eq 0 ]; then
+    rm -rf "$work"
+fi
+exit "$status"
