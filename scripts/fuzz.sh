@@ -17,6 +17,8 @@ for target in $targets; do
     cmake --build "$build" -j2 --target "${target}_fuzzer"
 done
 
+# One seed makes a run repeatable (as far as a time limit allows).
+seed=${CDCACM_FUZZ_SEED:-1}
 work=$(mktemp -d "${TMPDIR:-/tmp}/cdcacm-fuzz.XXXXXX")
 status=0
 for target in $targets; do
@@ -25,11 +27,11 @@ for target in $targets; do
     mkdir -p "$corpus" "$artifacts"
     cp "$root/tests/fuzz/corpus/$target/"* "$corpus/"
     echo "== $target: ${seconds}s"
-    if ! "$build/tests/fuzz/${target}_fuzzer" -max_total_time="$seconds" -max_len=12000 \
+    if ! "$build/tests/fuzz/${target}_fuzzer" -max_total_time="$seconds" -seed="$seed" -max_len=12000 \
         -print_final_stats=1 -artifact_prefix="$artifacts/" "$corpus" \
         >"$work/$target/log" 2>&1; then
         tail -n 60 "$work/$target/log"
-        echo "== $target: CRASH, reproducers in $artifacts" >&2
+        echo "== $target: CRASH (seed $seed), reproducers in $artifacts" >&2
         status=1
     else
         grep -E "^(#[0-9]+ +DONE|stat::number_of_executed_units)" "$work/$target/log" || true
