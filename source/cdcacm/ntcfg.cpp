@@ -52,7 +52,9 @@ ULONG CfgGetParameter(HANDLE Key, ULONG CfgParam) {
         return 0;
     }
     const CFG_PARAM_REC* Rec = &CfgParamTable[CfgParam];
-    TRACE_ASSERT(CfgParam == Rec->Idx);
+    // clang-format off
+    TRACE_ASSERT(CfgParam==Rec->Idx);
+    // clang-format on
     return CfgReadDword(Key, Rec->Name, Rec->Default, Rec->WriteDefault);
 }
 
