@@ -42,10 +42,15 @@ NTSTATUS IrpQueueInsert(PIRP_QUEUE Queue, PIRP Irp) {
         return STATUS_CANCELLED;
     }
     // When the cancel routine is already running it waits for the device
-    // lock, which our caller holds until the request is in its timed queue,
-    // so it finds the request there. The IRP is marked pending only once it
-    // is certain to be returned pending: a cancelled IRP completed above goes
-    // back to the caller with its own status.
+    // lock, which our caller holds. A read's request is in its timed queue
+    // before that lock is released, so the cancel routine finds it; a
+    // write's request reaches its queue only in SendRequest, after the
+    // release, so a cancel in that window finds nothing and the write
+    // finishes normally.
+    // The IRP is marked pending only once it is certain to be returned
+    // pending: a dispatch routine that marked its IRP pending must return
+    // STATUS_PENDING, and a cancelled IRP completed above goes back to the
+    // caller with STATUS_CANCELLED.
     IoMarkIrpPending(Irp);
     Irp->Tail.Overlay.DriverContext[IRP_QUEUE_CONTEXT] = Queue;
     InsertTailList(&Queue->Irps, &Irp->Tail.Overlay.ListEntry);
