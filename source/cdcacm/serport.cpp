@@ -6,12 +6,13 @@
 //
 // Environment: up to DISPATCH_LEVEL. SendRequest, SerPortSend and
 // SerPortEnable are called without the device lock and take it themselves;
-// IndicateReadBuffer is called with it held. AddPort, SerPortInit and
-// DeleteSerPort run when the port object is created or deleted, with no
-// request in flight.
+// IndicateReadBuffer is called with it held. AddPort and SerPortInit run
+// when the port object is created, DeleteSerPort when it is deleted; it takes
+// the device lock to cancel the requests still queued.
 // Locks: the device spin lock (WrContext->Lock, with CheckLock) guards the
 // port, its queues, buffers and settings, the PPP deframer and the device's
-// FlagSent. The port has no lock of its own.
+// FlagSent, except that transparent mode marks FlagSent after each
+// submission with the lock released. The port has no lock of its own.
 #define TRACE_FILE "source/cdcacm/serport"
 #include "cdcacm.h"
 
