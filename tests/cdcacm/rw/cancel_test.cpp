@@ -38,20 +38,6 @@ TEST_F(Cancel, PendingReadCompletesWithTheBytesAlreadyMoved) {
     EXPECT_TRUE(dbg().Contains("ACM:COM3S:IrpQueue_IrpCancelRoutine"));
 }
 
-TEST_F(Cancel, LaterReadOfSeveralIsCancelledWithoutBytes) {
-    AppRequest* first = Read(4);
-    AppRequest* second = Read(4);
-    Receive("ab");
-    DeviceFixture::Cancel(second);
-    ASSERT_TRUE(Wait(second, 0));
-    EXPECT_EQ(second->status, STATUS_CANCELLED);
-    EXPECT_EQ(second->information, 0u) << "only the head request holds bytes";
-    EXPECT_FALSE(first->completed);
-    Receive("cd");
-    ASSERT_TRUE(Wait(first));
-    EXPECT_EQ(first->Data(), Bytes({'a', 'b', 'c', 'd'}));
-}
-
 TEST_F(CancelSmallSendBuffer, PendingWriteCompletesWithTheBytesBuffered) {
     AppRequest* write = Write(Bytes(40, 'w'));
     ASSERT_EQ(write->returned, STATUS_PENDING);

@@ -33,15 +33,6 @@ TEST_F(ReadTimeouts, TotalTimeoutFiresOnTheEleventhTickOfAHundredMilliseconds) {
     EXPECT_EQ(read->Data(), Bytes({'a', 'b'}));
 }
 
-TEST_F(ReadTimeouts, MultiplierAddsPerRequestedByte) {
-    SetReadTimeouts(0, 5, 20); // 20 + 5 * 4 = 40 ms
-    AppRequest* read = Read(4);
-    ASSERT_TRUE(Wait(read, 200));
-    EXPECT_EQ(Elapsed(read), 50);
-    EXPECT_EQ(read->status, STATUS_TIMEOUT);
-    EXPECT_EQ(read->information, 0u);
-}
-
 TEST_F(ReadTimeouts, IntervalRunsOnlyOnceBytesArriveAndRestartsWithEachArrival) {
     SetReadTimeouts(30, 0, 0);
     AppRequest* read = Read(10);
@@ -59,17 +50,6 @@ TEST_F(ReadTimeouts, IntervalRunsOnlyOnceBytesArriveAndRestartsWithEachArrival) 
     EXPECT_EQ(read->status, STATUS_TIMEOUT);
     EXPECT_EQ(read->Data(), Bytes({'a', 'b'}));
     EXPECT_EQ(Elapsed(read), 270) << "the fourth tick after the last byte";
-}
-
-TEST_F(ReadTimeouts, ReadWithoutTimeoutsWaitsForItsWholeLength) {
-    SetReadTimeouts(0, 0, 0);
-    AppRequest* read = Read(3);
-    Receive("ab");
-    RunFor(5000);
-    EXPECT_FALSE(read->completed);
-    Receive("c");
-    ASSERT_TRUE(Wait(read, 0));
-    EXPECT_EQ(read->status, STATUS_SUCCESS);
 }
 
 TEST_F(ReadTimeouts, StoppedTimerNoLongerTicks) {

@@ -138,10 +138,13 @@ TEST_F(Worker, QueuedWorkKeepsARemovedDeviceUntilItHasRun) {
     BOOLEAN queued = FALSE;
     AppRequest* request = PendedControl(&probe, &queued);
     ASSERT_TRUE(queued);
+    bool deleted_before_completion = true;
+    request->on_complete = [&] { deleted_before_completion = !LaterDoubles().deleted.empty(); };
     // Removal drops the data port's own reference; the work item's remains.
     EXPECT_EQ(InterlockedDecrement(&dev_->RefCount), 1);
 
     ASSERT_TRUE(Wait(request));
+    EXPECT_FALSE(deleted_before_completion) << "the IRP completes before the data port goes";
     EXPECT_EQ(probe.refs_during_run, 1);
     EXPECT_EQ(dev_->RefCount, 0);
     ASSERT_EQ(LaterDoubles().deleted.size(), 1u) << "the work item deleted the data port";
