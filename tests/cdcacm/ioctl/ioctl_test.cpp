@@ -198,6 +198,51 @@ TEST_F(IoctlDispatch, PurgeEmptiesBuffersAndPurgesPacketsInOrder) {
     EXPECT_EQ(Ioctl(IOCTL_SERIAL_PURGE, &All, 3, 0).Status, STATUS_INVALID_PARAMETER);
 }
 
+TEST_F(IoctlDispatch, PurgeAbortsPendingReadsBeforePendingWrites) {
+    AppRequest* PendingRead = Read(10);
+    AppRequest* PendingWrite = Write(std::vector<uint8_t>(RigSendBufferSize + 10, 0x55));
+    ASSERT_FALSE(PendingRead->completed);
+    ASSERT_FALSE(PendingWrite->completed);
+
+    ULONG Aborts = SERIAL_PURGE_TXABORT | SERIAL_PURGE_RXABORT;
+    EXPECT_EQ(Set(IOCTL_SERIAL_PURGE, Aborts).Status, STATUS_SUCCESS);
+    ASSERT_TRUE(Wait(PendingRead));
+    ASSERT_TRUE(Wait(PendingWrite));
+    EXPECT_EQ(PendingRead->status, STATUS_CANCELLED);
+    EXPECT_EQ(PendingWrite->status, STATUS_CANCELLED);
+    EXPECT_LT(PendingRead->completion_order, PendingWrite->completion_order);
+    EXPECT_EQ(SerPort()->CircSendBuf.Count, RigSendBufferSize) << "aborting empties no buffer";
+    EXPECT_EQ(Calls(), NoCalls);
+}
+
+TEST_F(IoctlDispatch, CommStatusCountsABulkOutPacketAtTheStack) {
+    const UCHAR Bytes[5] = {1, 2, 3, 4, 5};
+    KIRQL OldIrql;
+    DEVICE_LOCK(Dev(), &OldIrql);
+    CircBufWrite(&SerPort()->CircRcvBuf, Bytes, 3);
+    CircBufWrite(&SerPort()->CircSendBuf, Bytes, 5);
+    DEVICE_UNLOCK(Dev(), OldIrql);
+    USB_PACKET_POOL SendPool = {};
+    SendPool.Magic = USB_PACKET_POOL_MAGIC;
+    SendPool.PacketCount = 1;
+    SendPool.Count = 1;
+    PUSB_PACKET_POOL OldPool = Dev()->WritePipe.Pool;
+    Dev()->WritePipe.Pool = &SendPool;
+
+    EXPECT_EQ(Get<SERIAL_STATUS>(IOCTL_SERIAL_GET_COMMSTATUS).AmountInOutQueue, 5u);
+    SendPool.Count = 0; // the one packet is out
+    SERIAL_STATUS Status = Get<SERIAL_STATUS>(IOCTL_SERIAL_GET_COMMSTATUS);
+    Dev()->WritePipe.Pool = OldPool;
+    EXPECT_EQ(Status.AmountInInQueue, 3u);
+    EXPECT_EQ(Status.AmountInOutQueue, 6u);
+    EXPECT_EQ(Status.Errors | Status.HoldReasons, 0u);
+    EXPECT_EQ(Status.EofReceived, FALSE);
+    EXPECT_TRUE(Traced("ACM:COM3S:IOCTL_SERIAL_GET_COMMSTATUS: AmountInInQueue: 3, "
+                       "AmountInOutQueue: 6, EofReceived: 0, Errors: 0, HoldResons: 0, "
+                       "WaitForImmediate 0\n"));
+    EXPECT_EQ(Ioctl(IOCTL_SERIAL_GET_COMMSTATUS, nullptr, 0, 19).Status, STATUS_INVALID_PARAMETER);
+}
+
 TEST_F(IoctlDispatch, ModemStatusReportsChangedLinesOnce) {
     Dev()->ModemStatus = 0x10; // CTS came on; DSR and DCD off
     EXPECT_EQ(Get<ULONG>(IOCTL_SERIAL_GET_MODEMSTATUS), 0x11u);
