@@ -174,3 +174,24 @@ TEST_F(WaitOnMask, RemovalCompletesTheWaitWithDeviceRemoved) {
     // A failed buffered request copies nothing back to the caller.
     EXPECT_EQ(Wait.Mask(), 0xCCCCCCCCu);
 }
+
+TEST_F(WaitOnMask, TraceLinesFollowTheirMaskBits) {
+    TraceMask = TL_ERROR;
+    EXPECT_EQ(Ioctl(IOCTL_SERIAL_WAIT_ON_MASK, nullptr, 0, sizeof(ULONG)).Status,
+              STATUS_INVALID_PARAMETER);
+    EXPECT_TRUE(Traced("ACM:COM3S:IOCTL_SERIAL_WAIT_ON_MASK: failing request, WaitMask==zero\n"));
+    EXPECT_FALSE(Traced("DispatchDeviceControl"));
+
+    TraceMask = TL_INFO | TL_ASSERT;
+    SetMask(SERIAL_EV_RXCHAR);
+    PendingIoctl Wait;
+    StartWait(&Wait);
+    EXPECT_EQ(DispatchDeviceControl(DataPort(), Wait.Irp), STATUS_PENDING);
+    EXPECT_TRUE(Traced("ACM:COM3S:Upper driver sends the same WaitIrp again\n"));
+    IoCancelIrp(Wait.Irp);
+    ASSERT_TRUE(Wait.Wait(200));
+    EXPECT_TRUE(Traced("ACM:COM3:DelayWaitCancelFnc\n"));
+    for (const char* WaitLine : {"Mask: ", "Store new wait IRP", "WaitIrp_IrpCancelRoutine",
+                                 "IndicateWaitEvent", "Complete Wait IRP"})
+        EXPECT_FALSE(Traced(WaitLine)) << WaitLine << " belongs to the wait-event bit";
+}
