@@ -546,7 +546,8 @@ static BOOLEAN GetProperties(PIOCTL_REQUEST Request) {
     Properties->SettableParams = SERIAL_SP_PARITY | SERIAL_SP_BAUD | SERIAL_SP_DATABITS |
                                  SERIAL_SP_STOPBITS | SERIAL_SP_HANDSHAKING |
                                  SERIAL_SP_CARRIER_DETECT;
-    // Every fixed rate from 75 to 57600 baud; any rate is passed to the modem.
+    // All 19 fixed-rate bits (SERIAL_BAUD_075 up to SERIAL_BAUD_57600, the
+    // highest bit), not SERIAL_BAUD_USER; any rate is passed to the modem.
     Properties->SettableBaud = (SERIAL_BAUD_57600 << 1) - SERIAL_BAUD_075;
     Properties->SettableData = SERIAL_DATABITS_8;
     Properties->SettableStopParity = SERIAL_STOPBITS_10 | SERIAL_PARITY_NONE;
