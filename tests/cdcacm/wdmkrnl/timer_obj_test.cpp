@@ -10,7 +10,6 @@ struct CallbackLog {
     std::vector<int64_t> times_ms;
     std::vector<PTIMER_OBJ> objects;
     std::vector<KIRQL> irqls;
-    int rearm = 0; // how many more times the callback arms its timer again
 };
 
 VOID LogCallback(PTIMER_OBJ TimerObj, PVOID Context) {
@@ -18,10 +17,6 @@ VOID LogCallback(PTIMER_OBJ TimerObj, PVOID Context) {
     log->times_ms.push_back(hk::Kernel::Current().NowMs());
     log->objects.push_back(TimerObj);
     log->irqls.push_back(KeGetCurrentIrql());
-    if (log->rearm > 0) {
-        --log->rearm;
-        KeSetTimer(&TimerObj->Timer, TimerObj->DueTime, &TimerObj->Dpc);
-    }
 }
 
 class TimerObjTest : public DriverTest {
@@ -58,23 +53,6 @@ TEST_F(TimerObjTest, FiringCallsTheCallbackWithTheObjectAndContextAtDispatchLeve
     EXPECT_EQ(log.irqls, std::vector<KIRQL>{DISPATCH_LEVEL});
     kernel().Sleep(2000); // one-shot: it does not fire again
     EXPECT_EQ(log.times_ms.size(), 1u);
-}
-
-TEST_F(TimerObjTest, ACallbackThatArmsAgainMakesAPeriod) {
-    InitTimerObj(&timer, LogCallback, &log, 10);
-    log.rearm = 3;
-    KeSetTimer(&timer.Timer, timer.DueTime, &timer.Dpc);
-    kernel().Sleep(100);
-    EXPECT_EQ(log.times_ms, (std::vector<int64_t>{10, 20, 30, 40}));
-}
-
-TEST_F(TimerObjTest, CancelledTimerNeverCallsBack) {
-    InitTimerObj(&timer, LogCallback, &log, 100);
-    KeSetTimer(&timer.Timer, timer.DueTime, &timer.Dpc);
-    kernel().Sleep(50);
-    EXPECT_TRUE(KeCancelTimer(&timer.Timer));
-    kernel().Sleep(200);
-    EXPECT_TRUE(log.times_ms.empty());
 }
 
 TEST_F(TimerObjTest, TwoObjectsKeepTheirOwnContexts) {
