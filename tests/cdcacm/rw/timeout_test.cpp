@@ -82,4 +82,32 @@ TEST_F(QueueTimer, StopWithNoTimerPendingReturnsAtOnce) {
     EXPECT_FALSE(dbg().Contains("PwrSetDevicePowerState KeWaitForSingleObject"));
 }
 
+TEST_F(QueueTimer, StopGivesUpAfterOneSecondOnATickThatNeverEnds) {
+    dev_->TimerPending = 1; // a tick that never finishes
+    int64_t before = kernel().NowMs();
+    StopTimer(dev_);
+    EXPECT_EQ(kernel().NowMs() - before, 1000);
+    EXPECT_TRUE(dbg().Contains("ACM:COM3:PwrSetDevicePowerState KeWaitForSingleObject 1"));
+    dev_->TimerPending = 0;
+}
+
+TEST_F(QueueTimer, TickThatFindsTheTimerArmedByAStartDuringItCountsItOnce) {
+    StartTimer(dev_);
+    // The timer fires: its tick now stands for the one pending count.
+    ASSERT_TRUE(KeCancelTimer(&dev_->QueueTimer.Timer));
+    // An open on another processor starts the timer while the tick runs.
+    StartTimer(dev_);
+    ASSERT_EQ(dev_->TimerPending, 2);
+    KIRQL irql;
+    KeRaiseIrql(DISPATCH_LEVEL, &irql);
+    TimerDpcRoutine(&dev_->QueueTimer, dev_);
+    KeLowerIrql(irql);
+    EXPECT_EQ(dev_->TimerPending, 1) << "one armed timer, counted once";
+
+    int64_t before = kernel().NowMs();
+    StopTimer(dev_);
+    EXPECT_EQ(dev_->TimerPending, 0);
+    EXPECT_EQ(kernel().NowMs(), before) << "nothing left to wait for";
+}
+
 } // namespace
