@@ -513,8 +513,9 @@ static BOOLEAN GetCommStatus(PIOCTL_REQUEST Request) {
     Status->HoldReasons = 0;
     Status->AmountInInQueue = SerPort->CircRcvBuf.Count;
     Status->AmountInOutQueue = SerPort->CircSendBuf.Count;
-    // A bulk-out packet at the USB stack holds at least one more byte.
-    if (PTRVALID(SendPool, USB_PACKET_POOL) && SendPool->Count != SendPool->PacketCount)
+    // A bulk-out packet at the USB stack holds at least one more byte. The
+    // send pool exists from the device's creation to its deletion.
+    if (SendPool->Count != SendPool->PacketCount)
         Status->AmountInOutQueue++;
     Status->EofReceived = FALSE;
     Status->WaitForImmediate = Request->Port->WaitForImmediate;

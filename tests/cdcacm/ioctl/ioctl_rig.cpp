@@ -27,6 +27,10 @@ void IoctlTest::SetUp() {
     driver_.MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL] = DispatchInternalDeviceControl;
     dev_->UsbDeviceEnabled = TRUE;
     InitTimerObj(&dev_->WaitCancelTimer, DelayWaitCancelFnc, dev_, 100);
+    send_pool_.Magic = USB_PACKET_POOL_MAGIC;
+    send_pool_.PacketCount = 1;
+    send_pool_.Count = 1;
+    dev_->WritePipe.Pool = &send_pool_;
     dbg().Clear();
 }
 
@@ -34,6 +38,7 @@ void IoctlTest::TearDown() {
     if (dev_ != nullptr) {
         EXPECT_EQ(dev_->Port.WaitIrp, nullptr) << "a test left a wait pending";
         KeCancelTimer(&dev_->WaitCancelTimer.Timer);
+        dev_->WritePipe.Pool = nullptr;
     }
     DeviceFixture::TearDown();
 }

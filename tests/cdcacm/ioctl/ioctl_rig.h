@@ -87,6 +87,10 @@ class IoctlTest : public DeviceFixture {
                                              << All.substr(All.size() > 600 ? All.size() - 600 : 0);
     }
 
+    // The send engine's packet pool as far as GET_COMMSTATUS reads it: one
+    // packet, free unless a test takes it.
+    USB_PACKET_POOL send_pool_{};
+
     PDEVICE_OBJECT DataPort() { return data_port_; }
     PDEVICE Dev() { return dev_; }
     PSER_PORT SerPort() { return ser_; }

@@ -222,17 +222,10 @@ TEST_F(IoctlDispatch, CommStatusCountsABulkOutPacketAtTheStack) {
     CircBufWrite(&SerPort()->CircRcvBuf, Bytes, 3);
     CircBufWrite(&SerPort()->CircSendBuf, Bytes, 5);
     DEVICE_UNLOCK(Dev(), OldIrql);
-    USB_PACKET_POOL SendPool = {};
-    SendPool.Magic = USB_PACKET_POOL_MAGIC;
-    SendPool.PacketCount = 1;
-    SendPool.Count = 1;
-    PUSB_PACKET_POOL OldPool = Dev()->WritePipe.Pool;
-    Dev()->WritePipe.Pool = &SendPool;
 
     EXPECT_EQ(Get<SERIAL_STATUS>(IOCTL_SERIAL_GET_COMMSTATUS).AmountInOutQueue, 5u);
-    SendPool.Count = 0; // the one packet is out
+    send_pool_.Count = 0; // the one packet is out
     SERIAL_STATUS Status = Get<SERIAL_STATUS>(IOCTL_SERIAL_GET_COMMSTATUS);
-    Dev()->WritePipe.Pool = OldPool;
     EXPECT_EQ(Status.AmountInInQueue, 3u);
     EXPECT_EQ(Status.AmountInOutQueue, 6u);
     EXPECT_EQ(Status.Errors | Status.HoldReasons, 0u);
