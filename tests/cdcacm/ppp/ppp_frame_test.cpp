@@ -215,6 +215,15 @@ TEST_F(PppTest, ConvertersReportAnUnknownState) {
     EXPECT_TRUE(dbg().Contains("source/cdcacm/ppp_frame("));
 }
 
+TEST_F(PppTest, FramerReportsAFlagOrEscapeLeftUnescaped) {
+    // Only a corrupted table can let them through; the framer says so.
+    rig_->Framer().EscapeTable[0x7D] = 0;
+    rig_->Framer().EscapeTable[0x7E] = 0;
+    rig_->FeedModem(ModemPacketBytes(0, {0x7D, 0x7E}));
+    EXPECT_EQ(dbg().Count("ACM:ASSERTION FAILED: (c!= 0x7d)"), 1u);
+    EXPECT_EQ(dbg().Count("ACM:ASSERTION FAILED: (c!= 0x7e)"), 1u);
+}
+
 // ---------------------------------------------------------------- deframer
 
 TEST_F(PppTest, DeFramerTurnsTheFirstHostFrameIntoPacketZero) {
