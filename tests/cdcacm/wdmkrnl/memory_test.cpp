@@ -109,12 +109,6 @@ TEST_F(MemoryTest, BlockWithoutTheMagicIsReportedAndNotFreed) {
     EXPECT_EQ(MemoryCounter, 0u);
 }
 
-TEST_F(MemoryTest, AssertionLinesNeedTheirMaskBit) {
-    TraceSetMask(TL_ERROR);
-    MemFree(nullptr);
-    EXPECT_TRUE(TraceLines().empty());
-}
-
 TEST_F(MemoryTest, ZeroBytesIsReportedButStillGivesABlock) {
     void* block = MemAlloc(0, kTag);
     EXPECT_TRUE(Asserted("NumberOfBytes!=0"));
