@@ -14,7 +14,7 @@
 // for the device object a request came through: "A" for the attach object,
 // "S" for the data port.
 #define DEVOBJ_LETTER(DeviceObject)                                                                \
-    (*(const ULONG*)(DeviceObject)->DeviceExtension == EXTENSION_TYPE_ATTACH ? WSTR("A")         \
+    (*(const ULONG*)(DeviceObject)->DeviceExtension == EXTENSION_TYPE_ATTACH ? WSTR("A")           \
                                                                              : WSTR("S"))
 
 DRIVER_DISPATCH DispatchRead;
