@@ -149,7 +149,7 @@ static BOOLEAN OutputTooShort(PIOCTL_REQUEST Request, ULONG Needed) {
 }
 
 static BOOLEAN InvalidCode(PIOCTL_REQUEST Request) {
-    TRACE(TL_IOCTL, "%P:%S%S:Invalid IO Control Code %D: %s\n", DEV_PORT_NAME(Request->Dev),
+    TRACE(TL_ERROR, "%P:%S%S:Invalid IO Control Code %D: %s\n", DEV_PORT_NAME(Request->Dev),
           Request->Via, Request->Code, IoctlCodeName(Request->Code));
     Request->Status = STATUS_INVALID_PARAMETER;
     return FALSE;
@@ -457,7 +457,7 @@ static BOOLEAN SetChars(PIOCTL_REQUEST Request) {
 }
 
 static BOOLEAN GetHandflow(PIOCTL_REQUEST Request) {
-    if (OutputTooShort(Request, sizeof(SERIAL_CHARS)))
+    if (OutputTooShort(Request, sizeof(SERIAL_HANDFLOW)))
         return FALSE;
     PSER_SETTINGS Settings = &Request->SerPort->Settings;
     PSERIAL_HANDFLOW HandFlow = (PSERIAL_HANDFLOW)Request->Buffer;
