@@ -509,6 +509,8 @@ static BOOLEAN GetCommStatus(PIOCTL_REQUEST Request) {
     PSER_PORT SerPort = Request->SerPort;
     PUSB_PACKET_POOL SendPool = Request->Dev->WritePipe.Pool;
     PSERIAL_STATUS Status = (PSERIAL_STATUS)Request->Buffer;
+    // The structure has padding; clear it so no stale buffer bytes reach the caller.
+    RtlZeroMemory(Status, sizeof(SERIAL_STATUS));
     Status->Errors = 0;
     Status->HoldReasons = 0;
     Status->AmountInInQueue = SerPort->CircRcvBuf.Count;
