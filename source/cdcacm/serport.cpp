@@ -115,8 +115,9 @@ NTSTATUS AddPort(PSER_PORT* Port, PDEVICE WrContext, ULONG RcvBufferSize, ULONG 
     NewPort->WrContext = WrContext;
     NewPort->Stopped = FALSE;
 
-    if (!CircBufAlloc(&NewPort->CircSendBuf, SndBufferSize) ||
-        !CircBufAlloc(&NewPort->CircRcvBuf, RcvBufferSize)) {
+    BOOLEAN SendAllocated = CircBufAlloc(&NewPort->CircSendBuf, SndBufferSize);
+    BOOLEAN RcvAllocated = CircBufAlloc(&NewPort->CircRcvBuf, RcvBufferSize);
+    if (!SendAllocated || !RcvAllocated) {
         CircBufFree(&NewPort->CircSendBuf);
         CircBufFree(&NewPort->CircRcvBuf);
         MemFree(NewPort);

@@ -119,6 +119,7 @@ TEST_P(AddPortFailure, LeavesNothingAllocated) {
               GetParam().traced);
     if (GetParam().traced) {
         EXPECT_EQ(port, nullptr);
+        EXPECT_EQ(knob.calls, 2u) << "both buffers are asked for before the failure is handled";
     }
 }
 
