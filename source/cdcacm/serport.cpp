@@ -47,11 +47,14 @@ void CircBufFree(PCIRC_BUF Buf) {
     Buf->Buffer = NULL;
 }
 
+// A buffer without room (its allocation failed) stays full: the send
+// queue's copy loop would spin on a buffer that is neither full nor able to
+// take a byte.
 void CircBufReset(PCIRC_BUF Buf) {
     Buf->Count = 0;
     Buf->ReadPtr = Buf->WritePtr = Buf->Start;
     Buf->Empty = TRUE;
-    Buf->Full = FALSE;
+    Buf->Full = Buf->Size == 0;
 }
 
 // Empty is cleared only when a byte really entered, and Full (in CircBufRead)

@@ -93,6 +93,9 @@ TEST_F(CircBufTest, FailedAllocationIsFullAndEmptyForever) {
     EXPECT_EQ(CircBufRead(&buf, data.data(), 3), 0u);
     EXPECT_TRUE(buf.Full);
     EXPECT_TRUE(buf.Empty);
+    CircBufReset(&buf); // as a purge does
+    EXPECT_TRUE(buf.Full) << "a reset must not open a buffer that has no room";
+    EXPECT_TRUE(buf.Empty);
     CircBufFree(&buf);
 }
 
@@ -158,6 +161,9 @@ TEST_F(SerialTest, FailedResizeLeavesRequestsWaiting) {
     SerPortSetSndBufferSize(port, 500);
     EXPECT_TRUE(HasLine(dbg(), "ACMCould'nt allocate CircRcvBuf!"));
     EXPECT_TRUE(HasLine(dbg(), "ACMCould'nt allocate CircSendBuf!"));
+    // A purge resets the buffers; the write below must still wait, not spin.
+    CircBufReset(&port->CircRcvBuf);
+    CircBufReset(&port->CircSendBuf);
 
     PSER_REQUEST read = NewRead(5);
     AddRead(read);
