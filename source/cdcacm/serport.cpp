@@ -313,6 +313,8 @@ void SerPortSend(PSER_PORT Port, BOOLEAN NewRequest) {
         SEND_CHUNK Chunk = {};
         BOOLEAN Transparent = FALSE;
         DEVICE_LOCK(Port->WrContext, &OldIrql);
+        // The PPP state is read under the lock at every packet: a mode switch
+        // between two packets of one pass applies from the next packet on.
         switch (Dev->PppState) {
         case PPP_STATE_OFF:
             Transparent = TRUE;
