@@ -20,6 +20,7 @@ void KeInitializeEvent(PRKEVENT Event, EVENT_TYPE Type, BOOLEAN State) {
 }
 
 LONG KeSetEvent(PRKEVENT Event, KPRIORITY, BOOLEAN) {
+    Sched().PreemptionPoint();
     LONG previous = Event->Header.SignalState;
     Event->Header.SignalState = 1;
     Sched().Signal(&Event->Header);
@@ -49,6 +50,7 @@ void KeInitializeMutex(PRKMUTEX Mutex, ULONG) {
 }
 
 LONG KeReleaseMutex(PRKMUTEX Mutex, BOOLEAN) {
+    Sched().PreemptionPoint();
     auto* self = reinterpret_cast<PKTHREAD>(Sched().Current());
     if (Mutex->OwnerThread != self || Mutex->Header.SignalState > 0) {
         hk::Kernel::Current().verifier().Violation(hk::rule::kMutexNotOwned,
@@ -69,6 +71,7 @@ LONG KeReadStateMutex(PRKMUTEX Mutex) {
 
 NTSTATUS KeWaitForSingleObject(PVOID Object, KWAIT_REASON, KPROCESSOR_MODE, BOOLEAN,
                                PLARGE_INTEGER Timeout) {
+    Sched().PreemptionPoint();
     return Sched().Wait(static_cast<DISPATCHER_HEADER*>(Object), Timeout, STATUS_TIMEOUT);
 }
 

@@ -108,6 +108,8 @@ inline constexpr const char* kSpinLockAtDpcLevel =
     "spin lock at DPC level acquired below DISPATCH_LEVEL";
 inline constexpr const char* kSpinLockNotHeld = "spin lock released while not held";
 inline constexpr const char* kSpinLockRecursive = "spin lock acquired while already held";
+inline constexpr const char* kSpinDeadlock =
+    "spin lock held by a context that cannot release it: the processors deadlock";
 inline constexpr const char* kIrqlNotRestored = "IRQL not restored by a callback";
 inline constexpr const char* kIrqlDirection =
     "KeRaiseIrql to a lower or KeLowerIrql to a higher IRQL";
@@ -251,9 +253,33 @@ class Registry {
     std::unique_ptr<Impl> impl_;
 };
 
+// The interleaving mode: instead of one processor that switches threads
+// only where they block, up to `processors` contexts run at DISPATCH_LEVEL at
+// once, and every call of driver code into the platform (locks, interlocked
+// operations, IoCallDriver, IoCompleteRequest, events, timers, pool, ...) is a
+// preemption point where a seeded choice may switch to another context, run a
+// queued DPC beside a spin-lock holder or let a timer due within `max_jump_us`
+// fire as an interrupt. Several system worker threads run work items. The
+// choices follow random context priorities that drop at each switch
+// (probabilistic concurrency testing), so rare orders come up in few runs;
+// one seed replays one interleaving exactly.
+struct InterleaveOptions {
+    bool enabled = false;
+    unsigned processors = 2;     // 1 or 2
+    unsigned worker_threads = 3; // system worker threads
+    int64_t max_jump_us = 100;   // how far a preemption point may move the clock
+};
+
 struct KernelOptions {
     uint64_t seed = 1;
     bool real_time = false; // wait for the wall clock instead of jumping to the next deadline
+    InterleaveOptions interleave = {};
+
+    // HK_SEED=<n> and HK_INTERLEAVE=on|cpus=<1|2>,workers=<n>,jump_us=<n>;
+    // the defaults where they are unset. A malformed value aborts with its text.
+    static KernelOptions FromEnvironment();
+    // The environment assignments that reproduce this machine.
+    std::string Replay() const;
 };
 
 namespace detail {
@@ -289,7 +315,8 @@ class Kernel {
     int64_t NowMs() const { return Now() / 10000; }
     // The calling application thread sleeps for ms of (virtual) time.
     void Sleep(int64_t ms);
-    // Runs fn on the system worker thread at PASSIVE_LEVEL, in order.
+    // Runs fn on a system worker thread at PASSIVE_LEVEL: in queue order,
+    // one at a time, unless the interleaving mode runs several workers.
     void QueueSystemWork(std::function<void()> fn);
     // From any OS thread: fn runs on the emulated processor at DISPATCH_LEVEL
     // as soon as it is idle (external input such as a pty or a signal).
@@ -306,7 +333,7 @@ class Kernel {
     std::unique_ptr<detail::Scheduler> scheduler_;
     std::unique_ptr<detail::IoManager> io_;
     std::unique_ptr<detail::EmuThread> main_;
-    std::unique_ptr<class Thread> worker_;
+    std::vector<std::unique_ptr<class Thread>> workers_;
     std::list<std::function<void()>> work_;
     KEVENT work_event_;
     bool stopping_ = false;

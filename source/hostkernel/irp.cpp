@@ -126,6 +126,7 @@ void IoFreeIrp(PIRP Irp) {
 }
 
 NTSTATUS FASTCALL IofCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
+    Sched().PreemptionPoint();
     CheckIoIrql("IofCallDriver", DISPATCH_LEVEL);
     auto info = KnownIrp("IofCallDriver", Irp);
     if (!info)
@@ -175,6 +176,7 @@ NTSTATUS FASTCALL IofCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
 }
 
 void FASTCALL IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost) {
+    Sched().PreemptionPoint();
     UNREFERENCED_PARAMETER(PriorityBoost);
     CheckIoIrql("IofCompleteRequest", DISPATCH_LEVEL);
     auto info = KnownIrp("IofCompleteRequest", Irp);
@@ -241,6 +243,7 @@ void IoReleaseCancelSpinLock(KIRQL Irql) {
 }
 
 BOOLEAN IoCancelIrp(PIRP Irp) {
+    Sched().PreemptionPoint();
     CheckIoIrql("IoCancelIrp", DISPATCH_LEVEL);
     if (!KnownIrp("IoCancelIrp", Irp))
         return FALSE;
@@ -257,7 +260,7 @@ BOOLEAN IoCancelIrp(PIRP Irp) {
                                 ? IoGetCurrentIrpStackLocation(Irp)->DeviceObject
                                 : nullptr;
     routine(device, Irp);
-    if (Io().cancel_lock != 0) {
+    if (Io().cancel_lock == KSPIN_LOCK(Sched().Current())) {
         Violation(
             rule::kCancelLockHeld,
             "the cancel routine must release it with IoReleaseCancelSpinLock(Irp->CancelIrql)");

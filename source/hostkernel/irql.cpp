@@ -1,5 +1,7 @@
-// IRQL and spin locks of the one emulated processor. A spin lock's value
-// records whether it is held, so misuse is caught without a side table.
+// IRQL and spin locks of the emulated processors. A spin lock's value is the
+// context holding it (0 when free), so misuse is caught without a side table;
+// in the interleaving mode a context that finds a lock held by another spins
+// until the holder releases it. Acquire and release are preemption points.
 #include "hostkernel/scheduler.h"
 
 using hk::detail::Sched;
@@ -52,10 +54,16 @@ void KeInitializeSpinLock(PKSPIN_LOCK SpinLock) {
 }
 
 static void MarkHeld(PKSPIN_LOCK SpinLock) {
-    if (*SpinLock != 0)
+    auto self = KSPIN_LOCK(Sched().Current());
+    if (*SpinLock == self)
+        Violation(hk::rule::kSpinLockRecursive, "the holder spins on it forever (lock " +
+                                                    std::to_string(uintptr_t(SpinLock)) + ")");
+    else if (*SpinLock != 0 && Sched().Interleaving())
+        Sched().SpinUntilReleased(SpinLock);
+    else if (*SpinLock != 0)
         Violation(hk::rule::kSpinLockRecursive, "on one processor this deadlocks (lock " +
                                                     std::to_string(uintptr_t(SpinLock)) + ")");
-    *SpinLock = 1;
+    *SpinLock = self;
 }
 
 static void MarkReleased(PKSPIN_LOCK SpinLock) {
@@ -65,6 +73,7 @@ static void MarkReleased(PKSPIN_LOCK SpinLock) {
 }
 
 KIRQL FASTCALL KfAcquireSpinLock(PKSPIN_LOCK SpinLock) {
+    Sched().PreemptionPoint();
     KIRQL old = Sched().Irql();
     if (old > DISPATCH_LEVEL)
         Violation(hk::rule::kSpinLockIrql, "at IRQL " + std::to_string(old));
@@ -77,9 +86,11 @@ KIRQL FASTCALL KfAcquireSpinLock(PKSPIN_LOCK SpinLock) {
 void FASTCALL KfReleaseSpinLock(PKSPIN_LOCK SpinLock, KIRQL NewIrql) {
     MarkReleased(SpinLock);
     KeLowerIrql(NewIrql);
+    Sched().PreemptionPoint();
 }
 
 void KeAcquireSpinLockAtDpcLevel(PKSPIN_LOCK SpinLock) {
+    Sched().PreemptionPoint();
     if (Sched().Irql() != DISPATCH_LEVEL)
         Violation(hk::rule::kSpinLockAtDpcLevel, "at IRQL " + std::to_string(Sched().Irql()));
     MarkHeld(SpinLock);
@@ -87,6 +98,12 @@ void KeAcquireSpinLockAtDpcLevel(PKSPIN_LOCK SpinLock) {
 
 void KeReleaseSpinLockFromDpcLevel(PKSPIN_LOCK SpinLock) {
     MarkReleased(SpinLock);
+    Sched().PreemptionPoint();
+}
+
+void HkPreemptionPoint(void) {
+    if (hk::Kernel::Exists())
+        Sched().PreemptionPoint();
 }
 
 void HkCheckPagedCode(const char* File, int Line) {

@@ -130,25 +130,32 @@ BOOLEAN KeReadStateTimer(PKTIMER Timer);
 void KeQuerySystemTime(PLARGE_INTEGER CurrentTime);
 ULONGLONG KeQueryInterruptTime(void);
 
-// Interlocked operations.
+// Interlocked operations. Each is a preemption point of the interleaving mode.
+void HkPreemptionPoint(void);
 inline LONG InterlockedIncrement(LONG volatile* Addend) {
+    HkPreemptionPoint();
     return __atomic_add_fetch(Addend, 1, __ATOMIC_SEQ_CST);
 }
 inline LONG InterlockedDecrement(LONG volatile* Addend) {
+    HkPreemptionPoint();
     return __atomic_sub_fetch(Addend, 1, __ATOMIC_SEQ_CST);
 }
 inline LONG InterlockedExchange(LONG volatile* Target, LONG Value) {
+    HkPreemptionPoint();
     return __atomic_exchange_n(Target, Value, __ATOMIC_SEQ_CST);
 }
 inline LONG InterlockedExchangeAdd(LONG volatile* Addend, LONG Value) {
+    HkPreemptionPoint();
     return __atomic_fetch_add(Addend, Value, __ATOMIC_SEQ_CST);
 }
 inline LONG InterlockedCompareExchange(LONG volatile* Destination, LONG Exchange, LONG Comparand) {
+    HkPreemptionPoint();
     __atomic_compare_exchange_n(Destination, &Comparand, Exchange, false, __ATOMIC_SEQ_CST,
                                 __ATOMIC_SEQ_CST);
     return Comparand;
 }
 inline PVOID InterlockedExchangePointer(PVOID volatile* Target, PVOID Value) {
+    HkPreemptionPoint();
     return __atomic_exchange_n(Target, Value, __ATOMIC_SEQ_CST);
 }
 

@@ -1,15 +1,71 @@
-// One emulated machine: its lifetime, the system worker thread and the
-// application threads, and the checks made when it is torn down.
+// One emulated machine: its options, its lifetime, the system worker threads
+// and the application threads, and the checks made when it is torn down.
 #include "hostkernel/iomgr.h"
 #include "hostkernel/scheduler.h"
 
 #include <cstdlib>
+#include <sstream>
 
 namespace hk {
 
 namespace {
 Kernel* g_current = nullptr;
 } // namespace
+
+KernelOptions KernelOptions::FromEnvironment() {
+    KernelOptions options;
+    auto fail = [](const std::string& what) {
+        std::fprintf(stderr, "hostkernel: %s\n", what.c_str());
+        std::exit(2);
+    };
+    auto number = [&](const std::string& name, const std::string& text) -> uint64_t {
+        try {
+            size_t used = 0;
+            uint64_t value = std::stoull(text, &used);
+            if (used == text.size())
+                return value;
+        } catch (const std::exception&) {
+        }
+        fail(name + " wants a number, not '" + text + "'");
+        return 0;
+    };
+    if (const char* seed = std::getenv("HK_SEED"); seed && *seed)
+        options.seed = number("HK_SEED", seed);
+    const char* mode = std::getenv("HK_INTERLEAVE");
+    if (!mode || !*mode || std::string(mode) == "off")
+        return options;
+    options.interleave.enabled = true;
+    if (std::string(mode) == "on")
+        return options;
+    std::stringstream fields(mode);
+    std::string field;
+    while (std::getline(fields, field, ',')) {
+        auto equals = field.find('=');
+        std::string key = field.substr(0, equals);
+        std::string value = equals == std::string::npos ? "" : field.substr(equals + 1);
+        if (key == "cpus")
+            options.interleave.processors = unsigned(number("cpus", value));
+        else if (key == "workers")
+            options.interleave.worker_threads = unsigned(number("workers", value));
+        else if (key == "jump_us")
+            options.interleave.max_jump_us = int64_t(number("jump_us", value));
+        else
+            fail("HK_INTERLEAVE takes on, off or cpus=N,workers=N,jump_us=N; not '" + field + "'");
+    }
+    if (options.interleave.processors < 1 || options.interleave.processors > 2 ||
+        options.interleave.worker_threads < 1)
+        fail("HK_INTERLEAVE wants 1 or 2 cpus and at least one worker");
+    return options;
+}
+
+std::string KernelOptions::Replay() const {
+    std::string text = "HK_SEED=" + std::to_string(seed);
+    if (interleave.enabled)
+        text += " HK_INTERLEAVE=cpus=" + std::to_string(interleave.processors) +
+                ",workers=" + std::to_string(interleave.worker_threads) +
+                ",jump_us=" + std::to_string(interleave.max_jump_us);
+    return text;
+}
 
 Kernel& Kernel::Current() {
     if (!g_current) {
@@ -31,14 +87,19 @@ Kernel::Kernel(KernelOptions options) : options_(options), rng_(options.seed) {
     g_current = this;
     pool_ = std::make_unique<Pool>(rng_);
     registry_ = std::make_unique<Registry>(rng_);
-    scheduler_ = std::make_unique<detail::Scheduler>(*this, options.real_time);
+    scheduler_ = std::make_unique<detail::Scheduler>(*this, options);
     io_ = std::make_unique<detail::IoManager>(*this);
     main_ = std::make_unique<detail::EmuThread>();
     main_->name = "main";
     KeInitializeEvent(&main_->done, NotificationEvent, FALSE);
     scheduler_->Adopt(main_.get());
     KeInitializeEvent(&work_event_, SynchronizationEvent, FALSE);
-    worker_ = std::make_unique<Thread>("system worker", [this] { WorkerLoop(); });
+    unsigned workers = options.interleave.enabled ? options.interleave.worker_threads : 1;
+    for (unsigned n = 0; n < workers; ++n)
+        workers_.push_back(std::make_unique<Thread>(
+            n == 0 ? "system worker" : "system worker " + std::to_string(n + 1),
+            [this] { WorkerLoop(); }));
+    scheduler_->StartDpcContexts();
 }
 
 Kernel::~Kernel() {
@@ -55,7 +116,9 @@ Kernel::~Kernel() {
     }
     stopping_ = true;
     KeSetEvent(&work_event_, 0, FALSE);
-    worker_->Join();
+    for (auto& worker : workers_)
+        worker->Join();
+    scheduler_->StopDpcContexts();
     scheduler_->CheckTeardown(main_.get(), nullptr);
     io_->CheckTeardown();
     registry_->CheckTeardown();
@@ -64,7 +127,7 @@ Kernel::~Kernel() {
         verifier_.Violation(rule::kPoolLeak, std::to_string(leaked.blocks) + " block(s), " +
                                                  std::to_string(leaked.bytes) + " byte(s)\n" +
                                                  pool_->LeakReport());
-    worker_.reset();
+    workers_.clear();
     io_.reset();
     pool_.reset();
     g_current = nullptr;
@@ -101,8 +164,10 @@ void Kernel::WorkerLoop() {
                 scheduler_->SetIrql(PASSIVE_LEVEL);
             }
         }
-        if (stopping_)
+        if (stopping_) {
+            KeSetEvent(&work_event_, 0, FALSE); // wakes the next worker to end
             return;
+        }
         KeWaitForSingleObject(&work_event_, Executive, KernelMode, FALSE, nullptr);
     }
 }

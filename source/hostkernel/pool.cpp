@@ -101,13 +101,16 @@ std::string Pool::LeakReport() const {
 } // namespace hk
 
 PVOID ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULONG Tag) {
+    hk::detail::Sched().PreemptionPoint();
     return hk::Kernel::Current().pool().Allocate(PoolType, NumberOfBytes, Tag);
 }
 
 void ExFreePool(PVOID P) {
+    hk::detail::Sched().PreemptionPoint();
     hk::Kernel::Current().pool().Free(P, 0, false);
 }
 
 void ExFreePoolWithTag(PVOID P, ULONG Tag) {
+    hk::detail::Sched().PreemptionPoint();
     hk::Kernel::Current().pool().Free(P, Tag, true);
 }

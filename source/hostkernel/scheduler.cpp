@@ -1,9 +1,11 @@
 // The deterministic scheduler. Emulated threads are real OS threads, but only
-// the one in current_ runs; the others sleep on their condition variable. A
-// switch happens only when the running thread waits, delays or finishes.
+// the one in current_ runs; the others sleep on their condition variable. By
+// default a switch happens only when the running thread waits, delays or
+// finishes (the interleaving mode, interleave.cpp, adds preemption points).
 // When no thread is ready, the blocking thread itself plays the idle loop:
 // it moves the clock to the next timed event, fires what is due and runs the
-// DPCs at DISPATCH_LEVEL, then looks for a ready thread again.
+// DPCs at DISPATCH_LEVEL (in the interleaving mode the processors' DPC
+// contexts run them), then looks for a ready thread again.
 #include "hostkernel/scheduler.h"
 
 #include <cstdlib>
@@ -15,9 +17,22 @@ Scheduler& Sched() {
     return Kernel::Current().scheduler();
 }
 
-Scheduler::Scheduler(Kernel& kernel, bool real_time)
-    : kernel_(kernel), real_time_(real_time), wall_start_(std::chrono::steady_clock::now()) {
+Scheduler::Scheduler(Kernel& kernel, const KernelOptions& options)
+    : kernel_(kernel), real_time_(options.real_time), interleave_(options.interleave),
+      choices_(options.seed * 0x9E3779B97F4A7C15ULL + 1),
+      wall_start_(std::chrono::steady_clock::now()) {
     InitializeListHead(&dpc_queue_);
+    if (interleave_.enabled) {
+        if (real_time_ || interleave_.processors < 1 || interleave_.processors > 2) {
+            std::fputs("hostkernel: the interleaving mode takes 1 or 2 processors and virtual "
+                       "time\n",
+                       stderr);
+            std::abort();
+        }
+        // Some runs switch rarely and reach deep into one order, others often.
+        static constexpr double kSwitchChances[] = {0.02, 0.1, 0.35};
+        switch_chance_ = kSwitchChances[choices_() % 3];
+    }
 }
 
 Scheduler::~Scheduler() = default;
@@ -29,12 +44,16 @@ int64_t Scheduler::WallNow() const {
 
 void Scheduler::Adopt(EmuThread* thread) {
     thread->state = EmuThread::State::Running;
+    if (interleave_.enabled)
+        thread->priority = RandomPriority();
     threads_.push_back(thread);
     current_ = thread;
 }
 
 void Scheduler::Start(EmuThread* thread) {
     threads_.push_back(thread);
+    if (interleave_.enabled)
+        thread->priority = RandomPriority();
     MakeReady(thread);
     thread->os = std::thread([this, thread] {
         {
@@ -68,12 +87,23 @@ void Scheduler::MakeReady(EmuThread* thread) {
     ready_.push_back(thread);
 }
 
+EmuThread* Scheduler::TakeNextReady() {
+    auto chosen = ready_.begin();
+    if (interleave_.enabled) {
+        for (auto it = ready_.begin(); it != ready_.end(); ++it)
+            if ((*it)->priority > (*chosen)->priority && FitsOnProcessors(*it, false))
+                chosen = it;
+    }
+    EmuThread* next = *chosen;
+    ready_.erase(chosen);
+    return next;
+}
+
 void Scheduler::Block() {
     EmuThread* self = current_;
     for (;;) {
         if (!ready_.empty()) {
-            EmuThread* next = ready_.front();
-            ready_.pop_front();
+            EmuThread* next = TakeNextReady();
             if (next == self) {
                 self->state = EmuThread::State::Running;
                 return;
@@ -98,8 +128,8 @@ void Scheduler::SwitchTo(EmuThread* self, EmuThread* next) {
 
 void Scheduler::Deadlock() {
     std::ostringstream text;
-    text << "deadlock: every emulated thread waits and no timer is pending (seed " << kernel_.Seed()
-         << ", virtual time " << now_ / 10000 << " ms)\n";
+    text << "deadlock: every emulated thread waits and no timer is pending (replay: "
+         << kernel_.Options().Replay() << ", virtual time " << now_ / 10000 << " ms)\n";
     for (const EmuThread* thread : threads_) {
         const char* state = thread->state == EmuThread::State::Waiting    ? "waiting"
                             : thread->state == EmuThread::State::Finished ? "finished"
@@ -128,7 +158,8 @@ bool Scheduler::RunPosted() {
     current_->irql = DISPATCH_LEVEL;
     for (auto& fn : work) {
         fn();
-        RunDpcQueue();
+        if (!interleave_.enabled)
+            RunDpcQueue();
     }
     current_->irql = saved;
     return true;
@@ -159,6 +190,11 @@ bool Scheduler::RunIdle() {
         return false;
     }
     now_ = std::max(now_, timed_.begin()->first.first);
+    FireDue();
+    return true;
+}
+
+void Scheduler::FireDue() {
     KIRQL saved = current_->irql;
     current_->irql = DISPATCH_LEVEL;
     // Everything due at this instant expires before the DPCs run, as in one
@@ -168,9 +204,9 @@ bool Scheduler::RunIdle() {
         timed_.erase(timed_.begin());
         Fire(entry);
     }
-    RunDpcQueue();
+    if (!interleave_.enabled)
+        RunDpcQueue();
     current_->irql = saved;
-    return true;
 }
 
 void Scheduler::Fire(const Timed& entry) {
@@ -271,6 +307,9 @@ NTSTATUS Scheduler::Wait(DISPATCHER_HEADER* object, const LARGE_INTEGER* timeout
     }
     self->state = EmuThread::State::Waiting;
     Block();
+    // A thread woken by the clock interrupt resumes after the DPCs it queued.
+    if (interleave_.enabled && self->irql < DISPATCH_LEVEL)
+        AwaitDpcs();
     return self->wait_status;
 }
 
@@ -305,6 +344,8 @@ bool Scheduler::InsertDpc(KDPC* dpc, PVOID argument1, PVOID argument2) {
     dpc->SystemArgument1 = argument1;
     dpc->SystemArgument2 = argument2;
     InsertTailList(&dpc_queue_, &dpc->DpcListEntry);
+    if (interleave_.enabled)
+        WakeDpcContext();
     DeliverDpcs();
     return true;
 }
@@ -318,6 +359,11 @@ bool Scheduler::RemoveDpc(KDPC* dpc) {
 }
 
 void Scheduler::DeliverDpcs() {
+    if (interleave_.enabled) {
+        if (current_->irql < DISPATCH_LEVEL)
+            AwaitDpcs();
+        return;
+    }
     if (current_->irql >= DISPATCH_LEVEL || IsListEmpty(&dpc_queue_))
         return;
     KIRQL saved = current_->irql;

@@ -1,5 +1,6 @@
-// The emulated processor: one IRQL, a deterministic scheduler that lets
-// exactly one emulated thread run at a time, the virtual clock with its
+// The emulated processors: a deterministic scheduler that lets exactly one
+// emulated context (thread, or in the interleaving mode a processor's DPC
+// context) run at a time, each context's IRQL, the virtual clock with its
 // queue of timed events, and the DPC queue. Internal to the stand-in.
 #pragma once
 
@@ -9,6 +10,7 @@
 #include <condition_variable>
 #include <deque>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <unordered_map>
@@ -39,11 +41,17 @@ struct EmuThread {
     std::function<void()> body;
     std::thread os;
     KEVENT done{};
+    // Interleaving mode.
+    int64_t priority = 0;        // the highest ready context runs at a switch
+    bool dpc_context = false;    // a processor's DPC context
+    KDPC* running_dpc = nullptr; // the DPC it is running
+    bool awaiting_dpcs = false;  // lowered its IRQL and waits for the DPCs to drain
+    volatile KSPIN_LOCK* spinning_on = nullptr;
 };
 
 class Scheduler {
   public:
-    Scheduler(Kernel& kernel, bool real_time);
+    Scheduler(Kernel& kernel, const KernelOptions& options);
     ~Scheduler();
 
     EmuThread* Current() const { return current_; }
@@ -79,6 +87,18 @@ class Scheduler {
 
     void Post(std::function<void()> fn);
 
+    // Interleaving mode (interleave.cpp); each is a no-op when it is off.
+    bool Interleaving() const { return interleave_.enabled; }
+    // A call from driver code into the platform: a seeded choice may fire a
+    // timer that is nearly due, switch to another context or run a DPC.
+    void PreemptionPoint();
+    // The current context found the spin lock held by another context: it
+    // spins, which here hands the processor to the holder until it releases.
+    void SpinUntilReleased(volatile KSPIN_LOCK* lock);
+    void StartDpcContexts();
+    // Lets queued and running DPCs finish, then ends the DPC contexts.
+    void StopDpcContexts();
+
     // Verifier hooks.
     void CheckFreed(const void* block, size_t bytes);
     void CheckTeardown(const EmuThread* main, const EmuThread* worker);
@@ -98,11 +118,29 @@ class Scheduler {
     void Fire(const Timed& entry);
     void RunDpcQueue();
     void SwitchTo(EmuThread* self, EmuThread* next);
+    EmuThread* TakeNextReady(); // FIFO, or the highest priority when interleaving
+    // Interleaving mode.
+    bool FitsOnProcessors(const EmuThread* next, bool current_keeps_processor) const;
+    void Preempt(EmuThread* next);
+    bool Chance();
+    int64_t RandomPriority();
+    void FireDue();
+    void DpcContextLoop(EmuThread* self);
+    void WakeDpcContext();
+    void AwaitDpcs();
+    bool DpcsIdle() const;
     [[noreturn]] void Deadlock();
     int64_t WallNow() const;
 
     Kernel& kernel_;
     bool real_time_;
+    InterleaveOptions interleave_;
+    std::mt19937_64 choices_;  // every interleaving decision, from the seed
+    double switch_chance_ = 0; // drawn per run, so some runs switch rarely
+    int64_t lowest_priority_ = 0;
+    std::vector<std::unique_ptr<EmuThread>> dpc_contexts_;
+    KEVENT dpc_work_{};
+    bool dpc_stopping_ = false;
     std::mutex mutex_; // guards current_ during hand-offs and posted_
     std::condition_variable idle_cv_;
     EmuThread* current_ = nullptr;

@@ -15,6 +15,7 @@ void KeInitializeDpc(PRKDPC Dpc, PKDEFERRED_ROUTINE DeferredRoutine, PVOID Defer
 }
 
 BOOLEAN KeInsertQueueDpc(PRKDPC Dpc, PVOID SystemArgument1, PVOID SystemArgument2) {
+    Sched().PreemptionPoint();
     return Sched().InsertDpc(Dpc, SystemArgument1, SystemArgument2);
 }
 
@@ -41,6 +42,7 @@ void KeInitializeTimer(PKTIMER Timer) {
 }
 
 BOOLEAN KeSetTimerEx(PKTIMER Timer, LARGE_INTEGER DueTime, LONG Period, PKDPC Dpc) {
+    Sched().PreemptionPoint();
     return Sched().SetTimer(Timer, DueTime.QuadPart, Period, Dpc);
 }
 
@@ -49,6 +51,7 @@ BOOLEAN KeSetTimer(PKTIMER Timer, LARGE_INTEGER DueTime, PKDPC Dpc) {
 }
 
 BOOLEAN KeCancelTimer(PKTIMER Timer) {
+    Sched().PreemptionPoint();
     return Sched().CancelTimer(Timer);
 }
 

@@ -22,7 +22,7 @@ void Verifier::Violation(const char* rule_name, const std::string& detail) {
     }
     std::string message = std::string("driver verifier: ") + rule_name + ": " + detail;
     if (Kernel::Exists())
-        message += " (seed " + std::to_string(Kernel::Current().Seed()) + ")";
+        message += " (replay: " + Kernel::Current().Options().Replay() + ")";
     handler_(rule_name, message);
 }
 

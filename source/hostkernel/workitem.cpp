@@ -2,6 +2,7 @@
 // order at PASSIVE_LEVEL. A queued work item holds a reference on its device
 // object, so the device survives IoDeleteDevice until the item has run.
 #include "hostkernel/iomgr.h"
+#include "hostkernel/scheduler.h"
 
 #include <cstdlib>
 
@@ -45,7 +46,8 @@ PIO_WORKITEM IoAllocateWorkItem(PDEVICE_OBJECT DeviceObject) {
 
 void IoQueueWorkItem(PIO_WORKITEM IoWorkItem, PIO_WORKITEM_ROUTINE WorkerRoutine,
                      WORK_QUEUE_TYPE QueueType, PVOID Context) {
-    UNREFERENCED_PARAMETER(QueueType); // one worker thread serves every queue, in order
+    Sched().PreemptionPoint();
+    UNREFERENCED_PARAMETER(QueueType); // the system workers serve every queue alike
     CheckIoIrql("IoQueueWorkItem", DISPATCH_LEVEL);
     KnownWorkItem("IoQueueWorkItem", IoWorkItem);
     if (IoWorkItem->queued) {

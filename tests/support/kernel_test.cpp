@@ -2,14 +2,16 @@
 
 namespace {
 void InstallFailureHandler(hk::Kernel& kernel) {
-    // The verifier's message already names the seed that reproduces the run.
+    // The verifier's message already names the options that reproduce the run.
     kernel.verifier().SetHandler(
         [](const std::string&, const std::string& message) { ADD_FAILURE() << message; });
 }
 } // namespace
 
 void KernelTest::SetUp() {
-    kernel_ = std::make_unique<hk::Kernel>();
+    // HK_SEED and HK_INTERLEAVE let a campaign run every test under other
+    // seeds and the interleaving mode.
+    kernel_ = std::make_unique<hk::Kernel>(hk::KernelOptions::FromEnvironment());
     InstallFailureHandler(*kernel_);
 }
 
