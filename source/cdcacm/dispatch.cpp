@@ -8,7 +8,8 @@
 // caller's thread; CompleteRequest at DISPATCH_LEVEL.
 // Locks: the dispatch routines take the device lock (DEVICE.Lock) for the
 // pool, IRP-queue and timed-queue steps and release it before SendRequest
-// and before completing an IRP themselves. CompleteRequest runs with the
+// (the write takes it once more afterwards, for a cancel that came in
+// between) and before completing an IRP themselves. CompleteRequest runs with the
 // device lock held by its caller and therefore never completes an IRP
 // directly.
 #define TRACE_FILE "source/cdcacm/dispatch"
@@ -140,6 +141,17 @@ NTSTATUS NTAPI DispatchWrite(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     // Even a request completed inside SendRequest reaches its IRP through the
     // completion DPC, so its result is not needed here.
     SendRequest(Port->SerPort, Request);
+
+    // A cancel that came while the lock was released above found the request
+    // in neither timed queue and was lost, leaving a write that may never
+    // finish. While the request still waits in the send queue its IRP is not
+    // completed, so its cancel flag may be read; it is then cancelled here,
+    // through the normal path, and a cancel routine still on its way finds
+    // nothing.
+    DEVICE_LOCK(Dev, &OldIrql);
+    if (SqueueHoldsIrp(&Port->SerPort->SndQueue, Irp) && Irp->Cancel)
+        SqueueCancel(&Port->SerPort->SndQueue, Irp);
+    DEVICE_UNLOCK(Dev, OldIrql);
     TRACE(TL_RW, "%P:%S%S:]DispatchWrite (%D)\n", DEV_PORT_NAME(Dev), Letter, STATUS_PENDING);
     return STATUS_PENDING;
 }

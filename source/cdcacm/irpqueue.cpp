@@ -46,7 +46,7 @@ NTSTATUS IrpQueueInsert(PIRP_QUEUE Queue, PIRP Irp) {
     // before that lock is released, so the cancel routine finds it; a
     // write's request reaches its queue only in SendRequest, after the
     // release, so a cancel in that window finds nothing and the write
-    // finishes normally.
+    // dispatch cancels the request itself once it is queued.
     // The IRP is marked pending only once it is certain to be returned
     // pending: a dispatch routine that marked its IRP pending must return
     // STATUS_PENDING, and a cancelled IRP completed above goes back to the

@@ -11,8 +11,7 @@
 // the device lock to cancel the requests still queued.
 // Locks: the device spin lock (WrContext->Lock, with CheckLock) guards the
 // port, its queues, buffers and settings, the PPP deframer and the device's
-// FlagSent, except that transparent mode marks FlagSent after each
-// submission with the lock released. The port has no lock of its own.
+// FlagSent. The port has no lock of its own.
 #define TRACE_FILE "source/cdcacm/serport"
 #include "cdcacm.h"
 
@@ -207,8 +206,9 @@ typedef struct _SEND_CHUNK {
     PUSB_PACKET Packet; // NULL: nothing to submit
     PUCHAR Buffer;
     ULONG Length;
-    BOOLEAN More;      // another step may find more to send
-    BOOLEAN FlagTaken; // starting mode consumed the host's frame flag
+    BOOLEAN More;         // another step may find more to send
+    BOOLEAN FlagTaken;    // starting mode consumed the host's frame flag
+    BOOLEAN EndsWithFlag; // transparent mode: the chunk's last byte is a flag
 } SEND_CHUNK;
 
 // Transparent mode, one step under the lock: refill the send buffer from the
@@ -232,6 +232,16 @@ static void SendTransparentStep(PSER_PORT Port, SEND_CHUNK* Chunk) {
     Chunk->Buffer = Buffer;
     Chunk->Length = Length;
     Chunk->More = TRUE;
+    // The host's byte stream is at a frame boundary after a flag. FlagSent
+    // follows the stream here, under the lock, where the bytes leave the
+    // buffer: set later, outside the lock, a mode switch could read a stale
+    // value. For the same reason the event is cleared here; it is signalled
+    // only once the chunk that ends in the flag has been submitted, so that
+    // a switch never overtakes it.
+    Chunk->EndsWithFlag = Buffer[Length - 1] == PPP_FLAG;
+    Dev->FlagSent = Chunk->EndsWithFlag;
+    if (!Chunk->EndsWithFlag)
+        KeClearEvent(&Dev->FlagSentEvent);
 }
 
 // Starting mode, one step under the lock: transparent bytes up to the host's
@@ -311,13 +321,11 @@ void SerPortSend(PSER_PORT Port, BOOLEAN NewRequest) {
 
     for (;;) {
         SEND_CHUNK Chunk = {};
-        BOOLEAN Transparent = FALSE;
         DEVICE_LOCK(Port->WrContext, &OldIrql);
         // The PPP state is read under the lock at every packet: a mode switch
         // between two packets of one pass applies from the next packet on.
         switch (Dev->PppState) {
         case PPP_STATE_OFF:
-            Transparent = TRUE;
             SendTransparentStep(Port, &Chunk);
             break;
         case PPP_STATE_STARTING:
@@ -335,17 +343,14 @@ void SerPortSend(PSER_PORT Port, BOOLEAN NewRequest) {
         DEVICE_UNLOCK(Port->WrContext, OldIrql);
 
         if (Chunk.Packet != NULL) {
-            // Read the last byte before the packet is gone.
-            UCHAR LastByte = Chunk.Buffer[Chunk.Length - 1];
             Sent += Chunk.Length;
             SubmitWriteBuffer(Dev, Chunk.Buffer, Chunk.Length, Chunk.Packet);
-            if (Transparent) {
-                // The host's byte stream is at a frame boundary after a flag.
-                Dev->FlagSent = LastByte == PPP_FLAG;
+            if (Chunk.EndsWithFlag) {
+                // Unless a later chunk has moved the stream on meanwhile.
+                DEVICE_LOCK(Port->WrContext, &OldIrql);
                 if (Dev->FlagSent)
                     KeSetEvent(&Dev->FlagSentEvent, 0, FALSE);
-                else
-                    KeClearEvent(&Dev->FlagSentEvent);
+                DEVICE_UNLOCK(Port->WrContext, OldIrql);
             }
         }
         if (Chunk.FlagTaken)

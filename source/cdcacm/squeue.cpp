@@ -217,6 +217,13 @@ void SqueueFlush(PSQUEUE Queue) {
         SqueueComplete(Queue, Head, STATUS_CANCELLED, Queue->CurCount);
 }
 
+BOOLEAN SqueueHoldsIrp(PSQUEUE Queue, PIRP Irp) {
+    for (PLIST_ENTRY Entry = Queue->List.Flink; Entry != &Queue->List; Entry = Entry->Flink)
+        if (CONTAINING_RECORD(Entry, SER_REQUEST, ListEntry)->Irp == Irp)
+            return TRUE;
+    return FALSE;
+}
+
 BOOLEAN SqueueCancel(PSQUEUE Queue, PIRP Irp) {
     ULONG Count = Queue->CurCount;
     for (PLIST_ENTRY Entry = Queue->List.Flink; Entry != &Queue->List; Entry = Entry->Flink) {

@@ -37,3 +37,6 @@ NTSTATUS SqueueWrite(PSQUEUE Queue, PCIRC_BUF CircBuf);
 void SqueueTimerTick(PSQUEUE Queue);
 void SqueueFlush(PSQUEUE Queue);
 BOOLEAN SqueueCancel(PSQUEUE Queue, PIRP Irp);
+// TRUE while a request of the IRP waits in the queue (its IRP is then not
+// completed yet).
+BOOLEAN SqueueHoldsIrp(PSQUEUE Queue, PIRP Irp);

@@ -24,6 +24,19 @@ static VOID CopyPortName(PDEVICE Dev, WCHAR* Copy) {
     Copy[Index] = 0;
 }
 
+// Takes a device reference unless the count has reached 0. The test and the
+// increment are one interlocked step: apart, a last reference dropped between
+// them would let work be queued for a device that is being deleted.
+static LONG IncRefUnlessDeleted(PDEVICE Dev) {
+    for (;;) {
+        LONG Count = Dev->RefCount;
+        if (Count == 0)
+            return 0;
+        if (InterlockedCompareExchange(&Dev->RefCount, Count + 1, Count) == Count)
+            return Count + 1;
+    }
+}
+
 BOOLEAN WorkerQueue(PDEVICE Dev, WORKER_FUNCTION Function, PVOID Context, PIRP Irp) {
     // A device whose references are all gone is being deleted.
     if (Dev->RefCount == 0)
@@ -38,6 +51,12 @@ BOOLEAN WorkerQueue(PDEVICE Dev, WORKER_FUNCTION Function, PVOID Context, PIRP I
             MemFree(Rec);
         return FALSE;
     }
+    LONG Count = IncRefUnlessDeleted(Dev);
+    if (Count == 0) {
+        IoFreeWorkItem(WorkItem);
+        MemFree(Rec);
+        return FALSE;
+    }
     if (Irp != NULL)
         IoMarkIrpPending(Irp);
 
@@ -46,7 +65,6 @@ BOOLEAN WorkerQueue(PDEVICE Dev, WORKER_FUNCTION Function, PVOID Context, PIRP I
     Rec->Function = Function;
     Rec->Context = Context;
     Rec->Irp = Irp;
-    LONG Count = InterlockedIncrement(&Dev->RefCount);
     TRACE(TL_REF, "%P:%S:IncRef: %i, %s(%d)\n", DEV_PORT_NAME(Dev), Count, TRACE_FILE, __LINE__);
     IoQueueWorkItem(WorkItem, _WorkerFuntion, DelayedWorkQueue, Rec);
     return TRUE;

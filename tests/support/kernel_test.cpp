@@ -11,7 +11,8 @@ void InstallFailureHandler(hk::Kernel& kernel) {
 void KernelTest::SetUp() {
     // HK_SEED and HK_INTERLEAVE let a campaign run every test under other
     // seeds and the interleaving mode.
-    kernel_ = std::make_unique<hk::Kernel>(hk::KernelOptions::FromEnvironment());
+    kernel_ =
+        std::make_unique<hk::Kernel>(next_options_.value_or(hk::KernelOptions::FromEnvironment()));
     InstallFailureHandler(*kernel_);
 }
 

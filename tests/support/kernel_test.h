@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <optional>
 
 class KernelTest : public ::testing::Test {
   protected:
@@ -14,9 +15,13 @@ class KernelTest : public ::testing::Test {
     void TearDown() override;
     // Recreates the kernel with other options (a seed, real time).
     void Restart(hk::KernelOptions options);
+    // The options the next SetUp builds its kernel with, instead of the
+    // environment's (a test that tears down and sets up again per seed).
+    void UseOptions(hk::KernelOptions options) { next_options_ = options; }
     hk::Kernel& kernel() { return *kernel_; }
     hk::Debugger& dbg() { return kernel_->Dbg(); }
 
   private:
     std::unique_ptr<hk::Kernel> kernel_;
+    std::optional<hk::KernelOptions> next_options_;
 };
