@@ -71,6 +71,7 @@ NTSTATUS NTAPI DispatchRead(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
         if (IrpQueueInsert(&Port->ReadIrpQueue, Irp) == STATUS_CANCELLED) {
             DPoolPut(Request);
             DEVICE_UNLOCK(Dev, OldIrql);
+            CompleteIrpNow(Irp, STATUS_CANCELLED, 0);
             return STATUS_CANCELLED;
         }
     } else {
@@ -132,6 +133,7 @@ NTSTATUS NTAPI DispatchWrite(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     if (IrpQueueInsert(&Port->WriteIrpQueue, Irp) == STATUS_CANCELLED) {
         DPoolPut(Request);
         DEVICE_UNLOCK(Dev, OldIrql);
+        CompleteIrpNow(Irp, STATUS_CANCELLED, 0);
         return STATUS_CANCELLED;
     }
     FillRequest(Request, Irp, Port, Length, 0);
