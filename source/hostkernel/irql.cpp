@@ -1,5 +1,6 @@
 // IRQL and spin locks of the one emulated processor. A spin lock's value
 // records whether it is held, so misuse is caught without a side table.
+#include "hostkernel/checks.h"
 #include "hostkernel/scheduler.h"
 
 using hk::detail::Sched;
@@ -48,6 +49,8 @@ KIRQL KeRaiseIrqlToDpcLevel(void) {
 }
 
 void KeInitializeSpinLock(PKSPIN_LOCK SpinLock) {
+    hk::detail::CheckNonPaged(SpinLock, "a spin lock");
+    hk::detail::LockInitialized(SpinLock, sizeof *SpinLock);
     *SpinLock = 0;
 }
 
@@ -55,12 +58,14 @@ static void MarkHeld(PKSPIN_LOCK SpinLock) {
     if (*SpinLock != 0)
         Violation(hk::rule::kSpinLockRecursive, "on one processor this deadlocks (lock " +
                                                     std::to_string(uintptr_t(SpinLock)) + ")");
+    hk::detail::SpinLockTaken(SpinLock);
     *SpinLock = 1;
 }
 
 static void MarkReleased(PKSPIN_LOCK SpinLock) {
     if (*SpinLock == 0)
         Violation(hk::rule::kSpinLockNotHeld, "lock " + std::to_string(uintptr_t(SpinLock)));
+    hk::detail::SpinLockGiven(SpinLock);
     *SpinLock = 0;
 }
 

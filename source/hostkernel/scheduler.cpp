@@ -6,6 +6,8 @@
 // DPCs at DISPATCH_LEVEL, then looks for a ready thread again.
 #include "hostkernel/scheduler.h"
 
+#include "hostkernel/checks.h"
+
 #include <cstdlib>
 #include <sstream>
 
@@ -48,6 +50,7 @@ void Scheduler::Start(EmuThread* thread) {
                                                                      std::to_string(thread->irql));
             thread->irql = PASSIVE_LEVEL;
         }
+        CheckNoMutexHeld(("thread '" + thread->name + "'").c_str(), true);
         KeSetEvent(&thread->done, 0, FALSE);
         thread->state = EmuThread::State::Finished;
         Block();

@@ -189,7 +189,7 @@ TEST_F(IoManagerTest, CompletionRoutinesRunInStackOrderUntilMoreProcessingRequir
 
     PIRP irp = IoAllocateIrp(CCHAR(fdo_->StackSize + 1), FALSE);
     IoSetNextIrpStackLocation(irp); // the originator's own location
-    IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
+    IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_WRITE;
     top_trail.answer = STATUS_MORE_PROCESSING_REQUIRED;
     IoSetCompletionRoutine(irp, Record, &top_trail, TRUE, TRUE, TRUE);
     EXPECT_EQ(IoCallDriver(fdo_, irp), STATUS_SUCCESS);
@@ -211,7 +211,7 @@ TEST_F(IoManagerTest, CompletionRoutinesRunInStackOrderUntilMoreProcessingRequir
     };
     IoReuseIrp(irp, STATUS_SUCCESS);
     IoSetNextIrpStackLocation(irp);
-    IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
+    IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_WRITE;
     IoSetCompletionRoutine(irp, Record, &top_trail, TRUE, TRUE, TRUE);
     EXPECT_EQ(IoCallDriver(fdo_, irp), STATUS_PENDING);
     EXPECT_EQ(upper_trail.calls.size(), 2u);
@@ -462,8 +462,10 @@ TEST_F(IoManagerTest, CancelCallsTheRoutineUnderTheCancelLockOrOnlyMarksTheIrp) 
     read = file.ReadAsync(4);
     {
         hk::ExpectViolation expect(hk::rule::kCancelLockHeld);
+        hk::ExpectViolation completed(hk::rule::kCompletedUnderSpinLock);
         EXPECT_TRUE(file.Cancel(*read));
         EXPECT_EQ(expect.Count(), 1u);
+        EXPECT_EQ(completed.Count(), 1u);
     }
     EXPECT_EQ(read->Wait().status, STATUS_CANCELLED);
     EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
