@@ -273,6 +273,14 @@ NTSTATUS FASTCALL IofCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
                      static_cast<void*>(DeviceObject));
         std::abort();
     }
+    // A driver running for this IRP may send it one location down (or the
+    // same one, having skipped its own); further down it is still away.
+    const IoManager::Frame* caller = Io().InnermostFrame(Irp);
+    if (caller && Irp->CurrentLocation - 1 < CCHAR(caller->index)) {
+        Violation(rule::kIrpReusedInFlight,
+                  Describe(Irp) + " sent again while a lower driver still holds it");
+        return STATUS_INVALID_DEVICE_REQUEST;
+    }
     if (Irp->CurrentLocation <= 1) {
         Violation(rule::kIrpNoStackLocation,
                   Describe(Irp) + " of " + std::to_string(Irp->StackCount) +
@@ -282,13 +290,7 @@ NTSTATUS FASTCALL IofCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     if (Irp->CancelRoutine)
         Violation(rule::kIrpSentWithCancelRoutine,
                   Describe(Irp) + " sent on with its cancel routine still set");
-    // A driver running for this IRP may send it one location down (or the
-    // same one, having skipped its own); further down it is still away.
     size_t index = size_t(Irp->CurrentLocation - 2);
-    const IoManager::Frame* caller = Io().InnermostFrame(Irp);
-    if (caller && index + 1 < caller->index)
-        Violation(rule::kIrpReusedInFlight,
-                  Describe(Irp) + " sent again while a lower driver still holds it");
     IoSetNextIrpStackLocation(Irp);
     PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Irp);
     stack->DeviceObject = DeviceObject;

@@ -5,6 +5,7 @@
 #include "kernel_test.h"
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -324,7 +325,8 @@ TEST_F(IoManagerTest, FileRequestsReachTheTopOfTheStackInOrder) {
         EXPECT_EQ(Irp->StackCount, 3);
         EXPECT_NE(stack->FileObject, nullptr);
         seen.push_back(std::to_string(stack->MajorFunction));
-        if (stack->MajorFunction == IRP_MJ_DEVICE_CONTROL) {
+        if (stack->MajorFunction == IRP_MJ_DEVICE_CONTROL &&
+            stack->Parameters.DeviceIoControl.IoControlCode == IOCTL_SERIAL_GET_BAUD_RATE) {
             auto* buffer = static_cast<ULONG*>(Irp->AssociatedIrp.SystemBuffer);
             EXPECT_EQ(stack->Parameters.DeviceIoControl.InputBufferLength, 4u);
             EXPECT_EQ(stack->Parameters.DeviceIoControl.OutputBufferLength, 8u);
@@ -700,6 +702,307 @@ TEST_F(IoManagerTest, LeftoversAreReportedAtTeardown) {
     EXPECT_EQ(devices.Count(), 1u);
     EXPECT_EQ(pool.Count(), 0u); // the I/O manager took its blocks back
     driver.Object()->DeviceObject = nullptr;
+}
+
+// Each dispatch rule on a wrong routine, next to the right one. The upper
+// driver sits on the lower one; the lower completes with STATUS_SUCCESS and
+// 0 bytes unless the case parks its IRP.
+TEST_F(IoManagerTest, DispatchResultRules) {
+    Stack();
+    struct Case {
+        const char* rule; // null: the right routine, which no rule may flag
+        std::function<NTSTATUS(PIRP)> upper;
+    };
+    auto forward = [&](PIRP Irp) {
+        IoCopyCurrentIrpStackLocationToNext(Irp);
+        return IoCallDriver(pdo_, Irp);
+    };
+    const Case cases[] = {
+        {nullptr, [](PIRP Irp) { return Complete(Irp, STATUS_UNSUCCESSFUL); }},
+        {hk::rule::kDispatchStatusMismatch,
+         [](PIRP Irp) {
+             Complete(Irp, STATUS_UNSUCCESSFUL);
+             return STATUS_SUCCESS;
+         }},
+        {hk::rule::kDispatchNotCompleted,
+         [](PIRP Irp) {
+             g_parked = Irp;
+             return STATUS_SUCCESS;
+         }},
+        {nullptr, forward},
+        {nullptr,
+         [&](PIRP Irp) { // marked before forwarding: STATUS_PENDING whatever the lower says
+             IoMarkIrpPending(Irp);
+             forward(Irp);
+             return STATUS_PENDING;
+         }},
+        {hk::rule::kForwardStatus,
+         [&](PIRP Irp) {
+             forward(Irp);
+             return STATUS_UNSUCCESSFUL;
+         }},
+        {hk::rule::kForwardStatus,
+         [&](PIRP Irp) {
+             IoSkipCurrentIrpStackLocation(Irp);
+             IoCallDriver(pdo_, Irp);
+             return STATUS_PENDING;
+         }},
+        {hk::rule::kCompletedUnderSpinLock,
+         [](PIRP Irp) {
+             KSPIN_LOCK lock;
+             KeInitializeSpinLock(&lock);
+             KIRQL irql;
+             KeAcquireSpinLock(&lock, &irql);
+             Complete(Irp, STATUS_SUCCESS);
+             KeReleaseSpinLock(&lock, irql);
+             return STATUS_SUCCESS;
+         }},
+    };
+    hk::File file;
+    ASSERT_EQ(file.Open(fdo_), STATUS_SUCCESS);
+    for (const Case& c : cases) {
+        g_parked = nullptr;
+        g_upper = [&](PDEVICE_OBJECT, PIRP Irp) { return c.upper(Irp); };
+        std::optional<hk::ExpectViolation> expect;
+        if (c.rule)
+            expect.emplace(c.rule);
+        auto write = file.WriteAsync("x", 1);
+        if (g_parked)
+            Complete(g_parked, STATUS_SUCCESS);
+        write->Wait();
+        if (c.rule) {
+            EXPECT_EQ(expect->Count(), 1u) << c.rule;
+        }
+    }
+    g_upper = [](PDEVICE_OBJECT, PIRP Irp) { return Complete(Irp, STATUS_SUCCESS); };
+    file.Close();
+    Unstack();
+}
+
+// The I/O manager copies Information bytes of a buffered request back: more
+// than the output buffer holds is reported, not clamped. The system buffer
+// past the input holds pool garbage, not zeros.
+TEST_F(IoManagerTest, InformationBeyondTheOutputBufferIsReported) {
+    PDEVICE_OBJECT port = Create(*upper_, nullptr, DO_BUFFERED_IO);
+    ULONG_PTR answer = 0;
+    g_upper = [&](PDEVICE_OBJECT, PIRP Irp) {
+        PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Irp);
+        if (stack->MajorFunction == IRP_MJ_DEVICE_CONTROL &&
+            stack->Parameters.DeviceIoControl.IoControlCode == IOCTL_SERIAL_GET_BAUD_RATE) {
+            auto* buffer = static_cast<const UCHAR*>(Irp->AssociatedIrp.SystemBuffer);
+            EXPECT_EQ(buffer[0], 'i');
+            EXPECT_EQ(buffer[3], hk::Pool::kNewFill);
+        }
+        return Complete(Irp, STATUS_SUCCESS, answer);
+    };
+    hk::File file;
+    ASSERT_EQ(file.Open(port), STATUS_SUCCESS);
+    UCHAR out[8];
+    hk::ExpectViolation expect(hk::rule::kInformationOverflow);
+    for (ULONG_PTR information : {4, 5}) {
+        answer = information;
+        file.Read(out, 4);
+        file.DeviceIoControl(IOCTL_SERIAL_GET_BAUD_RATE, "in", 2, out, 4);
+        file.DeviceIoControl(CTL_CODE(FILE_DEVICE_SERIAL_PORT, 1, METHOD_NEITHER, 0), nullptr, 0,
+                             out, 4); // not buffered: the driver copied it itself
+    }
+    EXPECT_EQ(expect.Count(), 2u);
+    answer = 0;
+    file.Close();
+}
+
+// A driver-allocated IRP parked by the lower driver belongs to it until it
+// comes back: the originator may not free, reinitialize, reuse or resend it,
+// nor may a driver that sent it on set its cancel routine.
+TEST_F(IoManagerTest, AnIrpALowerDriverHoldsIsNotTheSendersToTouch) {
+    Stack();
+    g_parked = nullptr;
+    g_lower = [](PDEVICE_OBJECT, PIRP Irp) {
+        IoMarkIrpPending(Irp);
+        IoSetCancelRoutine(Irp, CancelParked); // the holder may
+        IoSetCancelRoutine(Irp, nullptr);
+        g_parked = Irp;
+        return STATUS_PENDING;
+    };
+    int mode = 0;
+    g_upper = [&](PDEVICE_OBJECT, PIRP Irp) {
+        IoMarkIrpPending(Irp);
+        IoCopyCurrentIrpStackLocationToNext(Irp);
+        IoCallDriver(pdo_, Irp);
+        if (mode == 1)
+            IoSetCancelRoutine(Irp, CancelParked);
+        if (mode == 2)
+            IoCallDriver(pdo_, Irp);
+        return STATUS_PENDING;
+    };
+    Trail trail;
+    trail.answer = STATUS_MORE_PROCESSING_REQUIRED;
+    alignas(16) UCHAR memory[1024];
+    auto own = reinterpret_cast<PIRP>(memory);
+    ASSERT_LE(IoSizeOfIrp(fdo_->StackSize), sizeof(memory));
+    struct Case {
+        const char* rule;
+        std::function<void(PIRP)> misuse; // while the lower driver holds the IRP
+        int mode = 0;
+        bool own_memory = false;
+    };
+    const Case cases[] = {
+        {hk::rule::kIrpOwnedByLower, [](PIRP Irp) { IoFreeIrp(Irp); }},
+        {hk::rule::kIrpReusedInFlight, [](PIRP Irp) { IoReuseIrp(Irp, STATUS_SUCCESS); }},
+        {hk::rule::kIrpOwnedByLower,
+         [](PIRP Irp) { IoInitializeIrp(Irp, Irp->Size, Irp->StackCount); }, 0, true},
+        {hk::rule::kIrpOwnedByLower, [](PIRP) {}, 1},
+        {hk::rule::kIrpReusedInFlight, [](PIRP) {}, 2},
+    };
+    for (const Case& c : cases) {
+        mode = c.mode;
+        PIRP irp = own;
+        if (c.own_memory)
+            IoInitializeIrp(own, IoSizeOfIrp(fdo_->StackSize), fdo_->StackSize);
+        else
+            irp = IoAllocateIrp(fdo_->StackSize, FALSE);
+        IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_WRITE;
+        IoSetCompletionRoutine(irp, Record, &trail, TRUE, TRUE, TRUE);
+        hk::ExpectViolation expect(c.rule);
+        IoCallDriver(fdo_, irp);
+        c.misuse(irp);
+        EXPECT_EQ(expect.Count(), 1u) << c.rule << " mode " << c.mode;
+        IoSetCancelRoutine(g_parked, nullptr);
+        Complete(g_parked, STATUS_SUCCESS);
+        if (!c.own_memory)
+            IoFreeIrp(irp); // back now: allowed
+    }
+    Unstack();
+}
+
+TEST_F(IoManagerTest, IrpLifecycleMistakesOfTheOriginator) {
+    PDEVICE_OBJECT port = Create(*lower_);
+    {
+        hk::ExpectViolation expect(hk::rule::kIrpSentWithCancelRoutine);
+        hk::ExpectViolation reported(hk::rule::kIrpCompletedWithCancelRoutine);
+        Trail trail;
+        trail.answer = STATUS_MORE_PROCESSING_REQUIRED;
+        PIRP irp = IoAllocateIrp(1, FALSE);
+        IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_READ;
+        IoSetCompletionRoutine(irp, Record, &trail, TRUE, TRUE, TRUE);
+        IoSetCancelRoutine(irp, CancelParked);
+        IoCallDriver(port, irp);
+        EXPECT_EQ(expect.Count(), 1u);
+        IoFreeIrp(irp);
+    }
+    {
+        hk::ExpectViolation expect(hk::rule::kIrpInitializeAllocated);
+        PIRP irp = IoAllocateIrp(2, FALSE);
+        IoInitializeIrp(irp, IoSizeOfIrp(2), 2);
+        EXPECT_EQ(expect.Count(), 1u);
+        IoFreeIrp(irp);
+    }
+}
+
+// Regression: IoReuseIrp on a built control IRP left it without its
+// finishing step, and completing it threw std::bad_function_call.
+TEST_F(IoManagerTest, ReuseOfABuiltIrpIsReportedAndTheIrpStillFinishes) {
+    PDEVICE_OBJECT port = Create(*lower_);
+    KEVENT event;
+    KeInitializeEvent(&event, NotificationEvent, FALSE);
+    IO_STATUS_BLOCK iosb{};
+    PIRP irp = IoBuildDeviceIoControlRequest(CTL_CODE(FILE_DEVICE_UNKNOWN, 5, METHOD_NEITHER, 0),
+                                             port, nullptr, 0, nullptr, 0, TRUE, &event, &iosb);
+    hk::ExpectViolation expect(hk::rule::kIrpReuseNotOwn);
+    IoReuseIrp(irp, STATUS_SUCCESS);
+    EXPECT_EQ(expect.Count(), 1u);
+    IoCallDriver(port, irp);
+    EXPECT_EQ(KeReadStateEvent(&event), 1);
+    EXPECT_EQ(iosb.Status, STATUS_SUCCESS);
+}
+
+NTSTATUS NTAPI CompleteAgain(PDEVICE_OBJECT, PIRP Irp, PVOID) {
+    IoCompleteRequest(Irp, IO_NO_INCREMENT);
+    return STATUS_SUCCESS;
+}
+
+// Regression: a completion routine that completed its IRP again made the
+// completion loop walk the IRP its inner completion had freed.
+TEST_F(IoManagerTest, ACompletionRoutineCompletingAgainIsCompletedTwice) {
+    Stack();
+    hk::File file;
+    ASSERT_EQ(file.Open(fdo_), STATUS_SUCCESS);
+    g_upper = [&](PDEVICE_OBJECT, PIRP Irp) {
+        IoCopyCurrentIrpStackLocationToNext(Irp);
+        IoSetCompletionRoutine(Irp, CompleteAgain, nullptr, TRUE, TRUE, TRUE);
+        return IoCallDriver(pdo_, Irp);
+    };
+    hk::ExpectViolation expect(hk::rule::kIrpCompletedTwice);
+    EXPECT_EQ(file.Write("x", 1).status, STATUS_SUCCESS);
+    EXPECT_EQ(expect.Count(), 1u);
+    g_upper = [](PDEVICE_OBJECT, PIRP Irp) { return Complete(Irp, STATUS_SUCCESS); };
+    file.Close();
+    Unstack();
+}
+
+// Regression: the leak report read the major function past the IRP block of
+// an IRP completed past its top location, and called it "not sent".
+TEST_F(IoManagerTest, LeakReportOfACompletedIrpStaysInsideIt) {
+    PDEVICE_OBJECT port = Create(*lower_);
+    PIRP irp = IoAllocateIrp(1, FALSE);
+    IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_READ;
+    {
+        hk::ExpectViolation expect(hk::rule::kIrpNoOriginator);
+        IoCallDriver(port, irp); // no routine takes it back, and nobody frees it
+    }
+    IoDeleteDevice(port);
+    std::string report;
+    kernel().verifier().SetHandler([&](const std::string& rule, const std::string& message) {
+        if (rule == hk::rule::kIrpLeak)
+            report = message;
+    });
+    Restart({});
+    EXPECT_NE(report.find("[completed, never freed]"), std::string::npos) << report;
+}
+
+NTSTATUS NTAPI PassOnPending(PDEVICE_OBJECT, PIRP Irp, PVOID Context) {
+    static_cast<std::vector<KIRQL>*>(Context)->push_back(KeGetCurrentIrql());
+    if (Irp->PendingReturned)
+        IoMarkIrpPending(Irp);
+    return STATUS_SUCCESS;
+}
+
+// The seeded lower driver completes inline or later from a DPC; a correct
+// pass-through driver above it is silent either way, and its completion
+// routine runs at DISPATCH_LEVEL when the completion comes from the DPC.
+TEST_F(IoManagerTest, SeededLowerDriverCompletesInlineOrFromADpc) {
+    std::vector<KIRQL> inline_irqls, late_irqls;
+    for (uint64_t seed = 1; seed <= 8; ++seed) {
+        Restart({.seed = seed});
+        Stack();
+        std::vector<KIRQL> irqls;
+        NTSTATUS returned = 0;
+        g_lower = [](PDEVICE_OBJECT, PIRP Irp) {
+            return hk::CompleteAsLowerDriver(Irp, STATUS_SUCCESS, 1);
+        };
+        g_upper = [&](PDEVICE_OBJECT, PIRP Irp) {
+            if (IoGetCurrentIrpStackLocation(Irp)->MajorFunction != IRP_MJ_READ)
+                return Complete(Irp, STATUS_SUCCESS);
+            IoCopyCurrentIrpStackLocationToNext(Irp);
+            IoSetCompletionRoutine(Irp, PassOnPending, &irqls, TRUE, TRUE, TRUE);
+            return returned = IoCallDriver(pdo_, Irp);
+        };
+        hk::File file;
+        ASSERT_EQ(file.Open(fdo_), STATUS_SUCCESS);
+        UCHAR byte;
+        EXPECT_EQ(file.Read(&byte, 1).information, 1u);
+        file.Close();
+        ASSERT_EQ(irqls.size(), 1u);
+        (returned == STATUS_PENDING ? late_irqls : inline_irqls).push_back(irqls[0]);
+        Unstack();
+        for (PDEVICE_OBJECT device : devices_)
+            IoDeleteDevice(device);
+        devices_.clear();
+    }
+    EXPECT_FALSE(inline_irqls.empty());
+    EXPECT_FALSE(late_irqls.empty());
+    EXPECT_EQ(inline_irqls, std::vector<KIRQL>(inline_irqls.size(), PASSIVE_LEVEL));
+    EXPECT_EQ(late_irqls, std::vector<KIRQL>(late_irqls.size(), DISPATCH_LEVEL));
 }
 
 } // namespace
