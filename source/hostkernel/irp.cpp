@@ -119,7 +119,7 @@ void CheckInformation(PIRP irp) {
 // What a dispatch routine returned against what became of its IRP: a
 // status other than the one it completed the IRP with, no completion and no
 // pending, or after forwarding anything but the lower driver's answer.
-void CheckDispatchResult(const IrpInfo& info, PIRP irp, size_t index, uint32_t send,
+void CheckDispatchResult(const IrpInfo& info, PIO_STACK_LOCATION stack, size_t index, uint32_t send,
                          uint32_t lower_sends_before, NTSTATUS status, UCHAR major) {
     std::string who = "the dispatch routine for major function " + Hex(major);
     if (info.sends[index] != send) {
@@ -135,8 +135,7 @@ void CheckDispatchResult(const IrpInfo& info, PIRP irp, size_t index, uint32_t s
     if (completed)
         marked = info.pending_at[index];
     else if (!info.gone)
-        marked = (IoGetCurrentIrpStackLocation(irp) + (index + 1 - irp->CurrentLocation))->Control &
-                 SL_PENDING_RETURNED;
+        marked = (stack->Control & SL_PENDING_RETURNED) != 0;
     else
         return;
     bool forwarded = index > 0 && info.sends[index - 1] != lower_sends_before &&
@@ -311,7 +310,7 @@ NTSTATUS FASTCALL IofCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
         status = DeviceObject->DriverObject->MajorFunction[major](DeviceObject, Irp);
     }
     CheckCallbackIrql(("the dispatch routine for major function " + Hex(major)).c_str(), before);
-    CheckDispatchResult(*info, Irp, index, send, lower_sends_before, status, major);
+    CheckDispatchResult(*info, stack, index, send, lower_sends_before, status, major);
     info->returned[index] = status;
     return status;
 }
