@@ -72,6 +72,7 @@ NTSTATUS NTAPI DispatchRead(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
         if (IrpQueueInsert(&Port->ReadIrpQueue, Irp) == STATUS_CANCELLED) {
             DPoolPut(Request);
             DEVICE_UNLOCK(Dev, OldIrql);
+            CompleteIrpNow(Irp, STATUS_CANCELLED, 0);
             return STATUS_CANCELLED;
         }
     } else {
@@ -133,6 +134,7 @@ NTSTATUS NTAPI DispatchWrite(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     if (IrpQueueInsert(&Port->WriteIrpQueue, Irp) == STATUS_CANCELLED) {
         DPoolPut(Request);
         DEVICE_UNLOCK(Dev, OldIrql);
+        CompleteIrpNow(Irp, STATUS_CANCELLED, 0);
         return STATUS_CANCELLED;
     }
     FillRequest(Request, Irp, Port, Length, 0);

@@ -11,9 +11,9 @@
 // queued IRP; COMPLETE_QUEUE.Lock guards its Irps list. Both nest inside the
 // device lock. The cancel routine releases the cancel spin lock before it
 // takes the device lock. The cancel-routine field of an IRP changes only by
-// interlocked exchange. No lock is held while an IRP is completed, except
-// for the already-cancelled IRP of IrpQueueInsert, which the caller's device
-// lock still covers.
+// interlocked exchange. No lock is held while an IRP is completed: the
+// already-cancelled IRP of IrpQueueInsert is completed by the caller once it
+// has released the device lock.
 #define TRACE_FILE "source/cdcacm/irpqueue"
 #include "cdcacm.h"
 
@@ -34,11 +34,9 @@ NTSTATUS IrpQueueInsert(PIRP_QUEUE Queue, PIRP Irp) {
     // clang-format on
     if (Irp->Cancel && IoSetCancelRoutine(Irp, NULL) != NULL) {
         // Cancelled before it could be queued, and the I/O manager did not
-        // call the cancel routine: nobody else will complete it.
+        // call the cancel routine: nobody else will complete it. The caller
+        // holds the device lock, so it completes the IRP after releasing it.
         KeReleaseSpinLock(&Queue->Lock, OldIrql);
-        Irp->IoStatus.Status = STATUS_CANCELLED;
-        Irp->IoStatus.Information = 0;
-        IoCompleteRequest(Irp, IO_NO_INCREMENT);
         return STATUS_CANCELLED;
     }
     // When the cancel routine is already running it waits for the device

@@ -27,8 +27,8 @@ struct _COMPLETE_QUEUE {
 
 VOID IrpQueueInit(PIRP_QUEUE Queue);
 // STATUS_PENDING when queued; STATUS_CANCELLED when the IRP was already
-// cancelled, in which case it has been completed here. Called with the
-// device lock held.
+// cancelled, in which case the caller completes it with STATUS_CANCELLED
+// once it has released the device lock. Called with the device lock held.
 NTSTATUS IrpQueueInsert(PIRP_QUEUE Queue, PIRP Irp);
 // The IRP taken out of the queue with its cancel routine cleared, or NULL
 // when it is not queued.

@@ -1,6 +1,10 @@
-// Dispatcher objects: events and mutexes, and the waits on them.
+// Dispatcher objects: events and mutexes, and the waits on them. Mutexes
+// report their owners to the lock-order checks.
+#include "hostkernel/checks.h"
 #include "hostkernel/scheduler.h"
 
+using hk::detail::LockKind;
+using hk::detail::Locks;
 using hk::detail::Sched;
 
 static void InitializeHeader(DISPATCHER_HEADER* header, UCHAR type, LONG state) {
@@ -13,6 +17,7 @@ static void InitializeHeader(DISPATCHER_HEADER* header, UCHAR type, LONG state) 
 }
 
 void KeInitializeEvent(PRKEVENT Event, EVENT_TYPE Type, BOOLEAN State) {
+    hk::detail::CheckNonPaged(Event, "an event");
     InitializeHeader(&Event->Header,
                      Type == NotificationEvent ? EventNotificationObject
                                                : EventSynchronizationObject,
@@ -42,6 +47,7 @@ LONG KeReadStateEvent(PRKEVENT Event) {
 }
 
 void KeInitializeMutex(PRKMUTEX Mutex, ULONG) {
+    hk::detail::LockInitialized(Mutex, sizeof *Mutex);
     InitializeHeader(&Mutex->Header, MutantObject, 1);
     InitializeListHead(&Mutex->MutantListEntry);
     Mutex->OwnerThread = nullptr;
@@ -59,6 +65,7 @@ LONG KeReleaseMutex(PRKMUTEX Mutex, BOOLEAN) {
     }
     LONG previous = Mutex->Header.SignalState++;
     if (Mutex->Header.SignalState == 1) {
+        Locks().Released(Mutex, Sched().Current());
         Mutex->OwnerThread = nullptr;
         Sched().Signal(&Mutex->Header);
     }
@@ -72,7 +79,18 @@ LONG KeReadStateMutex(PRKMUTEX Mutex) {
 NTSTATUS KeWaitForSingleObject(PVOID Object, KWAIT_REASON, KPROCESSOR_MODE, BOOLEAN,
                                PLARGE_INTEGER Timeout) {
     Sched().PreemptionPoint();
-    return Sched().Wait(static_cast<DISPATCHER_HEADER*>(Object), Timeout, STATUS_TIMEOUT);
+    auto* header = static_cast<DISPATCHER_HEADER*>(Object);
+    auto* self = reinterpret_cast<PKTHREAD>(Sched().Current());
+    // The first acquisition of a mutex is a lock taken; a recursive one is
+    // not, and a poll cannot deadlock, so it adds no order.
+    bool takes_mutex = header->Type == MutantObject &&
+                       CONTAINING_RECORD(header, KMUTEX, Header)->OwnerThread != self;
+    if (takes_mutex && !(Timeout && Timeout->QuadPart == 0))
+        Locks().Attempt(Object, LockKind::kMutex, self);
+    NTSTATUS status = Sched().Wait(header, Timeout, STATUS_TIMEOUT);
+    if (takes_mutex && status == STATUS_SUCCESS)
+        Locks().Acquired(Object, LockKind::kMutex, self);
+    return status;
 }
 
 NTSTATUS KeDelayExecutionThread(KPROCESSOR_MODE, BOOLEAN, PLARGE_INTEGER Interval) {

@@ -64,18 +64,24 @@ class Debugger {
     std::FILE* echo_ = nullptr;
 };
 
-// Non-paged and paged pool with per-tag accounting and fault injection.
+// Non-paged and paged pool with per-tag accounting and fault injection. As
+// on Windows, a new block holds whatever was there before (here the pattern
+// kNewFill), and a freed block is overwritten with kFreedFill before it
+// goes back, so a driver that reads either sees garbage, not zeros.
 class Pool {
   public:
     struct Usage {
         uint64_t bytes = 0;
         uint64_t blocks = 0;
     };
+    static constexpr uint8_t kNewFill = 0xCD;
+    static constexpr uint8_t kFreedFill = 0xDD;
     explicit Pool(std::mt19937_64& rng) : faults_(rng) {}
     ~Pool();
     void* Allocate(POOL_TYPE type, size_t bytes, ULONG tag);
     // Returns the size of the freed block; 0 when the block was not ours.
     size_t Free(void* block, ULONG tag, bool check_tag);
+    bool IsPaged(const void* address) const; // inside a paged-pool block
     Usage ForTag(ULONG tag) const;
     Usage Total() const;
     std::string LeakReport() const; // one line per tag still holding memory
@@ -90,6 +96,7 @@ class Pool {
     struct Block {
         size_t bytes;
         ULONG tag;
+        bool paged;
     };
     std::map<void*, Block> blocks_;
     std::map<ULONG, Usage> tags_;
@@ -147,6 +154,29 @@ inline constexpr const char* kWorkItemLeak = "work item still allocated at teard
 inline constexpr const char* kDeviceDeletedAttached = "device object deleted while attached";
 inline constexpr const char* kDeviceLeak =
     "device object not deleted or still referenced at teardown";
+inline constexpr const char* kDispatchStatusMismatch =
+    "dispatch routine returned a status other than the one it completed the IRP with";
+inline constexpr const char* kDispatchNotCompleted =
+    "dispatch routine returned without completing the IRP or returning STATUS_PENDING";
+inline constexpr const char* kForwardStatus =
+    "dispatch routine forwarded the IRP but returned another status than the lower driver's";
+inline constexpr const char* kInformationOverflow =
+    "IoStatus.Information larger than the output buffer of a buffered request";
+inline constexpr const char* kIrpSentWithCancelRoutine =
+    "IRP sent to a driver with its cancel routine still set";
+inline constexpr const char* kIrpOwnedByLower =
+    "IRP freed, reinitialized or given a cancel routine while a lower driver owns it";
+inline constexpr const char* kIrpInitializeAllocated =
+    "IoInitializeIrp on an IRP from IoAllocateIrp";
+inline constexpr const char* kIrpReusedInFlight = "IRP reused or sent again before it came back";
+inline constexpr const char* kIrpReuseNotOwn =
+    "IoReuseIrp on an IRP that IoAllocateIrp or IoInitializeIrp did not make";
+inline constexpr const char* kMutexHeldAtExit = "work item or thread ended owning a mutex";
+inline constexpr const char* kObjectInPagedPool =
+    "timer, DPC, event or spin lock inside paged pool";
+inline constexpr const char* kLockOrderInversion = "locks taken in inverted order (deadlock)";
+inline constexpr const char* kCompletedUnderSpinLock =
+    "IRP completed while the completing context holds a spin lock";
 } // namespace rule
 
 class Verifier {
@@ -286,6 +316,7 @@ namespace detail {
 class Scheduler;
 struct EmuThread;
 class IoManager;
+class LockOrder;
 } // namespace detail
 
 // One emulated machine. The constructing OS thread becomes the first
@@ -306,6 +337,7 @@ class Kernel {
     Registry& registry() { return *registry_; }
     detail::Scheduler& scheduler() { return *scheduler_; }
     detail::IoManager& io() { return *io_; }
+    detail::LockOrder& locks() { return *locks_; }
     std::mt19937_64& Random() { return rng_; }
     uint64_t Seed() const { return options_.seed; }
     const KernelOptions& Options() const { return options_; }
@@ -332,6 +364,7 @@ class Kernel {
     std::unique_ptr<Registry> registry_;
     std::unique_ptr<detail::Scheduler> scheduler_;
     std::unique_ptr<detail::IoManager> io_;
+    std::unique_ptr<detail::LockOrder> locks_;
     std::unique_ptr<detail::EmuThread> main_;
     std::vector<std::unique_ptr<class Thread>> workers_;
     std::list<std::function<void()>> work_;
@@ -465,5 +498,12 @@ LONG DeviceReferences(PDEVICE_OBJECT device);
 bool DeviceExists(PDEVICE_OBJECT device); // not yet freed
 // IRPs the I/O manager knows of: allocated, initialized or in flight.
 size_t LiveIrps();
+
+// How the lower drivers of tests answer an IRP, since real ones do both: by
+// a choice drawn from the kernel's seed the IRP is either completed inside
+// the dispatch routine (its status is returned), or marked pending and
+// completed from a DPC once the processor is next idle, at DISPATCH_LEVEL
+// (STATUS_PENDING is returned). A dispatch routine returns what this returns.
+NTSTATUS CompleteAsLowerDriver(PIRP irp, NTSTATUS status, ULONG_PTR information = 0);
 
 } // namespace hk

@@ -168,7 +168,7 @@ std::shared_ptr<PendingIo> File::Send(UCHAR major, ULONG code, const void* input
             request->done_ = true;
             return request;
         }
-        memset(buffer, 0, buffer_length);
+        // Past the input the buffer holds what the pool left there.
         if (!request->input_.empty())
             memcpy(buffer, request->input_.data(), request->input_.size());
         irp->AssociatedIrp.SystemBuffer = buffer;
@@ -179,6 +179,7 @@ std::shared_ptr<PendingIo> File::Send(UCHAR major, ULONG code, const void* input
     info->finish = [raw](PIRP done) {
         PVOID buffer = done->AssociatedIrp.SystemBuffer;
         if (buffer && (done->Flags & IRP_DEALLOCATE_BUFFER)) {
+            // An Information beyond the buffer was reported at completion.
             size_t count = std::min<size_t>(done->IoStatus.Information, raw->output_.size());
             if ((done->Flags & IRP_INPUT_OPERATION) && !IsError(done->IoStatus.Status) && count)
                 memcpy(raw->output_.data(), buffer, count);

@@ -611,7 +611,9 @@ inline void IoSetCompletionRoutine(PIRP Irp, PIO_COMPLETION_ROUTINE CompletionRo
     if (InvokeOnCancel)
         Next->Control |= SL_INVOKE_ON_CANCEL;
 }
+void HkCheckSetCancelRoutine(PIRP Irp); // only the driver holding the IRP may
 inline PDRIVER_CANCEL IoSetCancelRoutine(PIRP Irp, PDRIVER_CANCEL CancelRoutine) {
+    HkCheckSetCancelRoutine(Irp);
     return (PDRIVER_CANCEL)InterlockedExchangePointer((PVOID volatile*)&Irp->CancelRoutine,
                                                       (PVOID)CancelRoutine);
 }

@@ -144,13 +144,27 @@ std::shared_ptr<IrpInfo> IoManager::Register(PIRP irp, IrpOrigin origin) {
     size_t count = size_t(irp->StackCount);
     info->sends.assign(count, 0);
     info->unwound_send.assign(count, 0);
+    info->reclaimed_send.assign(count, 0);
     info->pending_at.assign(count, false);
+    info->active.assign(count, false);
+    info->status_at.assign(count, STATUS_PENDING);
+    info->returned.assign(count, STATUS_PENDING);
     auto& slot = irps[irp];
     if (slot)
         slot->gone = true;
     slot = info;
     completed_and_freed.erase(irp);
     return info;
+}
+
+const IoManager::Frame* IoManager::InnermostFrame(PIRP irp) const {
+    auto it = frames.find(Sched().Current());
+    if (it == frames.end())
+        return nullptr;
+    for (auto frame = it->second.rbegin(); frame != it->second.rend(); ++frame)
+        if (frame->irp == irp)
+            return &*frame;
+    return nullptr;
 }
 
 void IoManager::Release(PIRP irp) {
@@ -172,13 +186,17 @@ void IoManager::CheckTeardown() {
             leaked.push_back(irp);
     if (!leaked.empty()) {
         std::string detail = std::to_string(leaked.size()) + " IRP(s):";
+        // Completion leaves CurrentLocation one past the top location and
+        // clears the locations it passed, so such an IRP has no major left.
         for (PIRP irp : leaked) {
-            detail += " [major " +
-                      Hex(irp->CurrentLocation <= irp->StackCount
-                              ? IoGetCurrentIrpStackLocation(irp)->MajorFunction
-                              : IoGetNextIrpStackLocation(irp)->MajorFunction) +
-                      (irp->CurrentLocation <= irp->StackCount ? ", pending in a driver]"
-                                                               : ", not sent]");
+            if (irp->CurrentLocation > irp->StackCount + 1)
+                detail += " [completed, never freed]";
+            else if (irp->CurrentLocation <= irp->StackCount)
+                detail += " [major " + Hex(IoGetCurrentIrpStackLocation(irp)->MajorFunction) +
+                          ", pending in a driver]";
+            else
+                detail +=
+                    " [major " + Hex(IoGetNextIrpStackLocation(irp)->MajorFunction) + ", not sent]";
         }
         verifier.Violation(rule::kIrpLeak, detail);
         for (PIRP irp : leaked) {

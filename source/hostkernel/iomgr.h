@@ -36,11 +36,19 @@ struct IrpInfo {
     IrpOrigin origin = IrpOrigin::kDriver;
     bool gone = false; // freed; IofCallDriver frames still on the stack may hold this record
     unsigned completions = 0;
+    uint64_t total_sends = 0;
+    // total_sends when the innermost completion routine now running began;
+    // a completion with no send since then completes the IRP a second time.
+    uint64_t routine_mark = UINT64_MAX;
     // Per stack location: bumped at every send, so a frame knows whether the
     // unwinding it sees belongs to its own send.
     std::vector<uint32_t> sends;
-    std::vector<uint32_t> unwound_send; // the send that completion unwound past, 0: none
-    std::vector<bool> pending_at;       // SL_PENDING_RETURNED seen while unwinding
+    std::vector<uint32_t> unwound_send;   // the send that completion unwound past, 0: none
+    std::vector<uint32_t> reclaimed_send; // the send whose routine here took the IRP back
+    std::vector<bool> pending_at;         // SL_PENDING_RETURNED seen while unwinding
+    std::vector<bool> active;             // sent there and not unwound yet: a driver owns it
+    std::vector<NTSTATUS> status_at;      // IoStatus.Status when completion passed
+    std::vector<NTSTATUS> returned;       // what the last IofCallDriver there returned
     // Runs once the IRP reached its originator (built and file IRPs): copies
     // buffers back, signals the waiter and frees the IRP.
     std::function<void(PIRP)> finish;
@@ -73,6 +81,15 @@ class IoManager {
     std::shared_ptr<IrpInfo> FindIrp(PIRP irp) const;
     std::shared_ptr<IrpInfo> Register(PIRP irp, IrpOrigin origin);
     void Release(PIRP irp); // forgets the IRP and frees its pool block
+
+    // The dispatch and completion routines each context is running, per IRP
+    // and stack location: who is asking when a driver touches an IRP.
+    struct Frame {
+        PIRP irp;
+        size_t index;
+    };
+    std::map<const void*, std::vector<Frame>> frames;
+    const Frame* InnermostFrame(PIRP irp) const;
 
     // Work items (their record is private to workitem.cpp).
     std::set<PIO_WORKITEM> work_items;

@@ -1,14 +1,19 @@
 // IRPs: allocation and initialisation, sending down a device stack,
 // completion with the completion routines run in stack order, cancellation
 // under the system cancel spin lock, synchronous device control requests
-// built for a driver, and MDLs. The verifier watches pending marks, IRQLs
-// across callbacks, double and premature completions and freed IRPs.
+// built for a driver, the seeded lower driver of tests, and MDLs. The
+// verifier watches pending marks and the statuses dispatch routines return,
+// IRQLs across callbacks, double and premature completions, completions
+// under a spin lock, who owns an IRP when it is freed, reused or given a
+// cancel routine, and freed IRPs.
 #include "hostkernel/iomgr.h"
 
+#include "hostkernel/checks.h"
 #include "hostkernel/scheduler.h"
 
 #include <algorithm>
 #include <cstdlib>
+#include <memory>
 
 using namespace hk;
 using namespace hk::detail;
@@ -63,6 +68,104 @@ void CheckCallbackIrql(const char* what, KIRQL before) {
     Sched().SetIrql(before);
 }
 
+// While alive, the current context runs a routine of the driver at one
+// stack location of the IRP (the originator's is StackCount).
+class FrameScope {
+  public:
+    FrameScope(PIRP irp, size_t index) : frames_(Io().frames[Sched().Current()]) {
+        frames_.push_back({irp, index});
+    }
+    ~FrameScope() { frames_.pop_back(); }
+
+  private:
+    std::vector<IoManager::Frame>& frames_;
+};
+
+bool SentAndNotBack(const IrpInfo& info) {
+    return std::find(info.active.begin(), info.active.end(), true) != info.active.end();
+}
+
+bool IsBufferedOutput(PIO_STACK_LOCATION stack) {
+    switch (stack->MajorFunction) {
+    case IRP_MJ_READ:
+        return stack->DeviceObject && (stack->DeviceObject->Flags & DO_BUFFERED_IO);
+    case IRP_MJ_DEVICE_CONTROL:
+    case IRP_MJ_INTERNAL_DEVICE_CONTROL:
+        return METHOD_FROM_CTL_CODE(stack->Parameters.DeviceIoControl.IoControlCode) ==
+               METHOD_BUFFERED;
+    default:
+        return false;
+    }
+}
+
+// The I/O manager copies Information bytes back to the caller: more than
+// the output buffer holds would overrun it.
+void CheckInformation(PIRP irp) {
+    if (irp->CurrentLocation > irp->StackCount || IsError(irp->IoStatus.Status))
+        return;
+    PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
+    if (!IsBufferedOutput(stack))
+        return;
+    ULONG length = stack->MajorFunction == IRP_MJ_READ
+                       ? stack->Parameters.Read.Length
+                       : stack->Parameters.DeviceIoControl.OutputBufferLength;
+    if (irp->IoStatus.Information > length)
+        Violation(rule::kInformationOverflow, Describe(irp) + " completed with Information " +
+                                                  std::to_string(irp->IoStatus.Information) +
+                                                  " for an output buffer of " +
+                                                  std::to_string(length) + " byte(s)");
+}
+
+// What a dispatch routine returned against what became of its IRP: a
+// status other than the one it completed the IRP with, no completion and no
+// pending, or after forwarding anything but the lower driver's answer.
+void CheckDispatchResult(const IrpInfo& info, PIO_STACK_LOCATION stack, size_t index, uint32_t send,
+                         uint32_t lower_sends_before, NTSTATUS status, UCHAR major) {
+    std::string who = "the dispatch routine for major function " + Hex(major);
+    if (info.sends[index] != send) {
+        // Passed on from this same location (IoSkipCurrentIrpStackLocation).
+        if (info.sends[index] > send && status != info.returned[index])
+            Violation(rule::kForwardStatus, who + " returned " + Hex(ULONG(status)) +
+                                                " but the lower driver returned " +
+                                                Hex(ULONG(info.returned[index])));
+        return;
+    }
+    bool completed = info.unwound_send[index] == send;
+    bool marked;
+    if (completed)
+        marked = info.pending_at[index];
+    else if (!info.gone)
+        marked = (stack->Control & SL_PENDING_RETURNED) != 0;
+    else
+        return;
+    bool forwarded = index > 0 && info.sends[index - 1] != lower_sends_before &&
+                     info.reclaimed_send[index - 1] != info.sends[index - 1];
+    if (forwarded) {
+        // Marking the IRP pending before forwarding it obliges STATUS_PENDING.
+        if (status != info.returned[index - 1] && !(status == STATUS_PENDING && marked))
+            Violation(rule::kForwardStatus, who + " returned " + Hex(ULONG(status)) +
+                                                " but the lower driver returned " +
+                                                Hex(ULONG(info.returned[index - 1])));
+        return;
+    }
+    if (status == STATUS_PENDING) {
+        if (!marked)
+            Violation(rule::kPendingMismatch,
+                      who + " returned STATUS_PENDING without marking the IRP pending");
+        return;
+    }
+    if (marked)
+        Violation(rule::kPendingMismatch,
+                  who + " marked the IRP pending but returned " + Hex(ULONG(status)));
+    else if (!completed)
+        Violation(rule::kDispatchNotCompleted,
+                  who + " returned " + Hex(ULONG(status)) + " and still holds the IRP");
+    else if (status != info.status_at[index])
+        Violation(rule::kDispatchStatusMismatch, who + " returned " + Hex(ULONG(status)) +
+                                                     " but completed the IRP with " +
+                                                     Hex(ULONG(info.status_at[index])));
+}
+
 PIRP AllocateIrp(CCHAR stack_size, IrpOrigin origin) {
     if (stack_size < 1) {
         std::fprintf(stderr, "hostkernel: IRP of %d stack locations requested\n", stack_size);
@@ -93,6 +196,15 @@ void IoInitializeIrp(PIRP Irp, USHORT PacketSize, CCHAR StackSize) {
         std::abort();
     }
     auto known = Io().FindIrp(Irp);
+    if (known && SentAndNotBack(*known)) {
+        Violation(rule::kIrpOwnedByLower, "IoInitializeIrp on " + Describe(Irp) +
+                                              ", which a lower driver has not completed yet");
+        return;
+    }
+    if (known && known->origin != IrpOrigin::kDriver)
+        Violation(rule::kIrpInitializeAllocated,
+                  "IoInitializeIrp on " + Describe(Irp) +
+                      ", which the I/O manager allocated; IoReuseIrp reinitializes it");
     IrpOrigin origin = known ? known->origin : IrpOrigin::kDriver;
     Fill(Irp, PacketSize, StackSize);
     Io().Register(Irp, origin);
@@ -102,6 +214,16 @@ void IoReuseIrp(PIRP Irp, NTSTATUS Status) {
     auto info = KnownIrp("IoReuseIrp", Irp);
     if (!info)
         return;
+    if (info->origin != IrpOrigin::kAllocated && info->origin != IrpOrigin::kDriver) {
+        Violation(rule::kIrpReuseNotOwn,
+                  "IoReuseIrp on " + Describe(Irp) + ", which the I/O manager built and finishes");
+        return;
+    }
+    if (SentAndNotBack(*info)) {
+        Violation(rule::kIrpReusedInFlight, "IoReuseIrp on " + Describe(Irp) +
+                                                ", which a lower driver has not completed yet");
+        return;
+    }
     Fill(Irp, Irp->Size, Irp->StackCount);
     Irp->IoStatus.Status = Status;
     Io().Register(Irp, info->origin);
@@ -122,7 +244,22 @@ void IoFreeIrp(PIRP Irp) {
                   "IoFreeIrp on " + Describe(Irp) + " with a cancel routine set");
         return;
     }
+    if (SentAndNotBack(*info)) {
+        Violation(rule::kIrpOwnedByLower,
+                  "IoFreeIrp on " + Describe(Irp) + ", which a lower driver has not completed yet");
+        return;
+    }
     Io().Release(Irp);
+}
+
+void HkCheckSetCancelRoutine(PIRP Irp) {
+    if (!Io().FindIrp(Irp))
+        return;
+    const IoManager::Frame* frame = Io().InnermostFrame(Irp);
+    if (frame && size_t(Irp->CurrentLocation - 1) < frame->index)
+        Violation(rule::kIrpOwnedByLower,
+                  "IoSetCancelRoutine on " + Describe(Irp) +
+                      " by a driver that sent it on: only the driver holding it may");
 }
 
 NTSTATUS FASTCALL IofCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
@@ -136,42 +273,46 @@ NTSTATUS FASTCALL IofCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
                      static_cast<void*>(DeviceObject));
         std::abort();
     }
+    // A driver running for this IRP may send it one location down (or the
+    // same one, having skipped its own); further down it is still away.
+    const IoManager::Frame* caller = Io().InnermostFrame(Irp);
+    if (caller && Irp->CurrentLocation - 1 < CCHAR(caller->index)) {
+        Violation(rule::kIrpReusedInFlight,
+                  Describe(Irp) + " sent again while a lower driver still holds it");
+        return STATUS_INVALID_DEVICE_REQUEST;
+    }
     if (Irp->CurrentLocation <= 1) {
         Violation(rule::kIrpNoStackLocation,
                   Describe(Irp) + " of " + std::to_string(Irp->StackCount) +
                       " stack location(s) sent to a device that needs one more");
         return STATUS_INVALID_PARAMETER;
     }
+    if (Irp->CancelRoutine)
+        Violation(rule::kIrpSentWithCancelRoutine,
+                  Describe(Irp) + " sent on with its cancel routine still set");
+    size_t index = size_t(Irp->CurrentLocation - 2);
     IoSetNextIrpStackLocation(Irp);
     PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Irp);
     stack->DeviceObject = DeviceObject;
-    size_t index = size_t(Irp->CurrentLocation - 1);
     uint32_t send = ++info->sends[index];
+    info->total_sends++;
     info->unwound_send[index] = 0;
+    info->active[index] = true;
+    uint32_t lower_sends_before = index > 0 ? info->sends[index - 1] : 0;
     UCHAR major = stack->MajorFunction;
     if (major > IRP_MJ_MAXIMUM_FUNCTION) {
         std::fprintf(stderr, "hostkernel: IRP sent with major function 0x%x\n", major);
         std::abort();
     }
     KIRQL before = Sched().Irql();
-    NTSTATUS status = DeviceObject->DriverObject->MajorFunction[major](DeviceObject, Irp);
+    NTSTATUS status;
+    {
+        FrameScope frame(Irp, index);
+        status = DeviceObject->DriverObject->MajorFunction[major](DeviceObject, Irp);
+    }
     CheckCallbackIrql(("the dispatch routine for major function " + Hex(major)).c_str(), before);
-
-    bool marked;
-    if (info->unwound_send[index] == send)
-        marked = info->pending_at[index];
-    else if (!info->gone && info->sends[index] == send)
-        marked = (stack->Control & SL_PENDING_RETURNED) != 0;
-    else
-        return status; // the IRP was reused or freed meanwhile: nothing left to compare
-    if (status == STATUS_PENDING && !marked)
-        Violation(rule::kPendingMismatch,
-                  "the dispatch routine for major function " + Hex(major) +
-                      " returned STATUS_PENDING without marking the IRP pending");
-    else if (status != STATUS_PENDING && marked)
-        Violation(rule::kPendingMismatch, "the dispatch routine for major function " + Hex(major) +
-                                              " marked the IRP pending but returned " +
-                                              Hex(ULONG(status)));
+    CheckDispatchResult(*info, stack, index, send, lower_sends_before, status, major);
+    info->returned[index] = status;
     return status;
 }
 
@@ -182,6 +323,15 @@ void FASTCALL IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost) {
     auto info = KnownIrp("IofCompleteRequest", Irp);
     if (!info)
         return;
+    if (info->routine_mark == info->total_sends) {
+        Violation(rule::kIrpCompletedTwice,
+                  Describe(Irp) + " completed again by its own completion routine");
+        return;
+    }
+    if (Locks().Held(LockKind::kSpinLock, CurrentContext()) != 0)
+        Violation(rule::kCompletedUnderSpinLock,
+                  Describe(Irp) + " completed under a spin lock: the completion routines above "
+                                  "may take locks of their own, or send it again");
     if (Irp->CurrentLocation > Irp->StackCount + 1) {
         Violation(rule::kIrpCompletedTwice,
                   Describe(Irp) + " completed again after it reached its originator");
@@ -196,6 +346,7 @@ void FASTCALL IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost) {
                   Describe(Irp) + " completed with its cancel routine still set");
         Irp->CancelRoutine = nullptr;
     }
+    CheckInformation(Irp);
     info->completions++;
     PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Irp);
     for (Irp->CurrentLocation++, Irp->Tail.Overlay.CurrentStackLocation++;
@@ -205,6 +356,8 @@ void FASTCALL IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost) {
         Irp->PendingReturned = (stack->Control & SL_PENDING_RETURNED) != 0;
         info->pending_at[index] = Irp->PendingReturned;
         info->unwound_send[index] = info->sends[index];
+        info->active[index] = false;
+        info->status_at[index] = Irp->IoStatus.Status;
         NTSTATUS status = Irp->IoStatus.Status;
         bool invoke = (NT_SUCCESS(status) && (stack->Control & SL_INVOKE_ON_SUCCESS)) ||
                       (!NT_SUCCESS(status) && (stack->Control & SL_INVOKE_ON_ERROR)) ||
@@ -217,10 +370,28 @@ void FASTCALL IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost) {
                                         ? nullptr
                                         : IoGetCurrentIrpStackLocation(Irp)->DeviceObject;
             KIRQL before = Sched().Irql();
-            NTSTATUS result = routine(device, Irp, context);
+            uint64_t outer_mark = info->routine_mark;
+            uint64_t sends_before = info->total_sends;
+            info->routine_mark = sends_before;
+            NTSTATUS result;
+            {
+                FrameScope frame(Irp, index + 1);
+                result = routine(device, Irp, context);
+            }
+            info->routine_mark = outer_mark;
             CheckCallbackIrql("a completion routine", before);
-            if (result == STATUS_MORE_PROCESSING_REQUIRED)
-                return; // the IRP is the routine's again, and may be gone already
+            if (result == STATUS_MORE_PROCESSING_REQUIRED) {
+                // The IRP is the routine's again, and may be gone already.
+                info->reclaimed_send[index] = info->sends[index];
+                return;
+            }
+            // Having freed or sent the IRP again, the routine had to keep it.
+            if (info->gone || info->total_sends != sends_before) {
+                Violation(rule::kIrpReusedInFlight,
+                          "a completion routine freed or sent on " + Describe(Irp) +
+                              " but did not return STATUS_MORE_PROCESSING_REQUIRED");
+                return;
+            }
         } else if (Irp->PendingReturned && Irp->CurrentLocation <= Irp->StackCount) {
             IoMarkIrpPending(Irp);
         }
@@ -250,7 +421,8 @@ BOOLEAN IoCancelIrp(PIRP Irp) {
     KIRQL irql;
     IoAcquireCancelSpinLock(&irql);
     Irp->Cancel = TRUE;
-    PDRIVER_CANCEL routine = IoSetCancelRoutine(Irp, nullptr);
+    auto routine = reinterpret_cast<PDRIVER_CANCEL>(InterlockedExchangePointer(
+        reinterpret_cast<PVOID volatile*>(&Irp->CancelRoutine), nullptr));
     if (!routine) {
         IoReleaseCancelSpinLock(irql);
         return FALSE;
@@ -298,7 +470,7 @@ PIRP IoBuildDeviceIoControlRequest(ULONG IoControlCode, PDEVICE_OBJECT DeviceObj
                 Io().Release(irp);
                 return nullptr;
             }
-            memset(buffer, 0, length);
+            // Past the input the buffer holds what the pool left there.
             if (InputBuffer && InputBufferLength)
                 memcpy(buffer, InputBuffer, InputBufferLength);
             irp->AssociatedIrp.SystemBuffer = buffer;
@@ -330,6 +502,41 @@ PIRP IoBuildDeviceIoControlRequest(ULONG IoControlCode, PDEVICE_OBJECT DeviceObj
             KeSetEvent(event, IO_NO_INCREMENT, FALSE);
     };
     return irp;
+}
+
+namespace {
+// A completion the seeded lower driver left for later.
+struct LateCompletion {
+    KTIMER timer;
+    KDPC dpc;
+    PIRP irp;
+    NTSTATUS status;
+    ULONG_PTR information;
+};
+
+VOID NTAPI CompleteLate(PKDPC, PVOID context, PVOID, PVOID) {
+    std::unique_ptr<LateCompletion> late(static_cast<LateCompletion*>(context));
+    late->irp->IoStatus.Status = late->status;
+    late->irp->IoStatus.Information = late->information;
+    IofCompleteRequest(late->irp, IO_NO_INCREMENT);
+}
+} // namespace
+
+NTSTATUS hk::CompleteAsLowerDriver(PIRP irp, NTSTATUS status, ULONG_PTR information) {
+    if (std::bernoulli_distribution(0.5)(Kernel::Current().Random())) {
+        irp->IoStatus.Status = status;
+        irp->IoStatus.Information = information;
+        IofCompleteRequest(irp, IO_NO_INCREMENT);
+        return status;
+    }
+    IoMarkIrpPending(irp);
+    auto* late = new LateCompletion{{}, {}, irp, status, information};
+    KeInitializeTimer(&late->timer);
+    KeInitializeDpc(&late->dpc, CompleteLate, late);
+    LARGE_INTEGER now;
+    now.QuadPart = 0; // an absolute time in the past: the next clock tick
+    KeSetTimer(&late->timer, now, &late->dpc);
+    return STATUS_PENDING;
 }
 
 PMDL IoAllocateMdl(PVOID VirtualAddress, ULONG Length, BOOLEAN SecondaryBuffer, BOOLEAN ChargeQuota,

@@ -2,6 +2,7 @@
 // context holding it (0 when free), so misuse is caught without a side table;
 // in the interleaving mode a context that finds a lock held by another spins
 // until the holder releases it. Acquire and release are preemption points.
+#include "hostkernel/checks.h"
 #include "hostkernel/scheduler.h"
 
 using hk::detail::Sched;
@@ -50,11 +51,17 @@ KIRQL KeRaiseIrqlToDpcLevel(void) {
 }
 
 void KeInitializeSpinLock(PKSPIN_LOCK SpinLock) {
+    hk::detail::CheckNonPaged(SpinLock, "a spin lock");
+    hk::detail::LockInitialized(SpinLock, sizeof *SpinLock);
     *SpinLock = 0;
 }
 
 static void MarkHeld(PKSPIN_LOCK SpinLock) {
     auto self = KSPIN_LOCK(Sched().Current());
+    // The order is checked before spinning: an inverted order is reported
+    // even when this run happens not to deadlock.
+    hk::detail::Locks().Attempt(SpinLock, hk::detail::LockKind::kSpinLock,
+                                hk::detail::CurrentContext());
     if (*SpinLock == self)
         Violation(hk::rule::kSpinLockRecursive, "the holder spins on it forever (lock " +
                                                     std::to_string(uintptr_t(SpinLock)) + ")");
@@ -63,12 +70,15 @@ static void MarkHeld(PKSPIN_LOCK SpinLock) {
     else if (*SpinLock != 0)
         Violation(hk::rule::kSpinLockRecursive, "on one processor this deadlocks (lock " +
                                                     std::to_string(uintptr_t(SpinLock)) + ")");
+    hk::detail::Locks().Acquired(SpinLock, hk::detail::LockKind::kSpinLock,
+                                 hk::detail::CurrentContext());
     *SpinLock = self;
 }
 
 static void MarkReleased(PKSPIN_LOCK SpinLock) {
     if (*SpinLock == 0)
         Violation(hk::rule::kSpinLockNotHeld, "lock " + std::to_string(uintptr_t(SpinLock)));
+    hk::detail::SpinLockGiven(SpinLock);
     *SpinLock = 0;
 }
 

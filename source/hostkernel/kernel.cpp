@@ -1,5 +1,6 @@
 // One emulated machine: its options, its lifetime, the system worker threads
 // and the application threads, and the checks made when it is torn down.
+#include "hostkernel/checks.h"
 #include "hostkernel/iomgr.h"
 #include "hostkernel/scheduler.h"
 
@@ -89,6 +90,7 @@ Kernel::Kernel(KernelOptions options) : options_(options), rng_(options.seed) {
     registry_ = std::make_unique<Registry>(rng_);
     scheduler_ = std::make_unique<detail::Scheduler>(*this, options);
     io_ = std::make_unique<detail::IoManager>(*this);
+    locks_ = std::make_unique<detail::LockOrder>();
     main_ = std::make_unique<detail::EmuThread>();
     main_->name = "main";
     KeInitializeEvent(&main_->done, NotificationEvent, FALSE);

@@ -1,7 +1,10 @@
-// Pool: host allocations behind the kernel's pool calls, with a byte and
-// block count per tag, a leak report and fault injection. New blocks are
-// filled with 0xCD so that uninitialised use shows; freed blocks go back to
-// the host at once, so AddressSanitizer catches any later touch.
+// Pool: host allocations behind the kernel's pool calls, with their pool
+// type, a byte and block count per tag, a leak report and fault injection.
+// New blocks are filled with a pattern so that uninitialised use shows;
+// freed blocks are overwritten with another and go back to the host at
+// once, so AddressSanitizer catches any later touch. Paged pool may not be
+// freed at DISPATCH_LEVEL nor hold objects the kernel touches there.
+#include "hostkernel/checks.h"
 #include "hostkernel/scheduler.h"
 
 #include <cstdlib>
@@ -40,8 +43,8 @@ void* Pool::Allocate(POOL_TYPE type, size_t bytes, ULONG tag) {
     void* block = std::malloc(bytes ? bytes : 1);
     if (!block)
         return nullptr;
-    std::memset(block, 0xCD, bytes);
-    blocks_[block] = Block{bytes, tag};
+    std::memset(block, kNewFill, bytes);
+    blocks_[block] = Block{bytes, tag, paged};
     Usage& usage = tags_[tag];
     usage.bytes += bytes;
     usage.blocks += 1;
@@ -49,7 +52,8 @@ void* Pool::Allocate(POOL_TYPE type, size_t bytes, ULONG tag) {
 }
 
 size_t Pool::Free(void* block, ULONG tag, bool check_tag) {
-    if (detail::Sched().Irql() > DISPATCH_LEVEL)
+    KIRQL irql = detail::Sched().Irql();
+    if (irql > DISPATCH_LEVEL)
         Kernel::Current().verifier().Violation(rule::kPoolIrql, "free above DISPATCH_LEVEL");
     auto it = blocks_.find(block);
     if (it == blocks_.end()) {
@@ -59,13 +63,18 @@ size_t Pool::Free(void* block, ULONG tag, bool check_tag) {
         return 0;
     }
     Block info = it->second;
+    if (info.paged && irql >= DISPATCH_LEVEL)
+        Kernel::Current().verifier().Violation(rule::kPoolIrql,
+                                               "paged block freed at IRQL " + std::to_string(irql));
     if (check_tag && tag != info.tag)
         Kernel::Current().verifier().Violation(rule::kFreeTagMismatch,
                                                "allocated as '" + TagText(info.tag) +
                                                    "', freed as '" + TagText(tag) + "'");
     detail::Sched().CheckFreed(block, info.bytes);
+    detail::Locks().Forget(block, info.bytes);
     if (free_observer_)
         free_observer_(block, info.bytes, info.tag);
+    std::memset(block, kFreedFill, info.bytes);
     Usage& usage = tags_[info.tag];
     usage.bytes -= info.bytes;
     usage.blocks -= 1;
@@ -74,6 +83,15 @@ size_t Pool::Free(void* block, ULONG tag, bool check_tag) {
     blocks_.erase(it);
     std::free(block);
     return info.bytes;
+}
+
+bool Pool::IsPaged(const void* address) const {
+    auto it = blocks_.upper_bound(const_cast<void*>(address));
+    if (it == blocks_.begin())
+        return false;
+    --it;
+    auto start = reinterpret_cast<uintptr_t>(it->first);
+    return it->second.paged && reinterpret_cast<uintptr_t>(address) < start + it->second.bytes;
 }
 
 Pool::Usage Pool::ForTag(ULONG tag) const {
@@ -97,6 +115,16 @@ std::string Pool::LeakReport() const {
              << " byte(s)\n";
     return text.str();
 }
+
+namespace detail {
+void CheckNonPaged(const void* object, const char* what) {
+    if (Kernel::Current().pool().IsPaged(object))
+        Kernel::Current().verifier().Violation(
+            rule::kObjectInPagedPool, std::string(what) +
+                                          " lies in paged pool, which the kernel may not touch at "
+                                          "DISPATCH_LEVEL");
+}
+} // namespace detail
 
 } // namespace hk
 

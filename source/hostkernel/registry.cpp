@@ -731,7 +731,14 @@ NTSTATUS RtlKey(const char* call, ULONG RelativeTo, PCWSTR Path, bool create,
         return hk::kFaultStatus;
     std::string path;
     NTSTATUS status = RtlKeyPath(RelativeTo, Path, &path);
-    return status == STATUS_SUCCESS ? reg.Resolve(path, create, key) : status;
+    if (status == STATUS_SUCCESS)
+        status = reg.Resolve(path, false, key);
+    if (status != STATUS_OBJECT_NAME_NOT_FOUND || !create)
+        return status;
+    // As ZwCreateKey, the write creates the last key of the path only.
+    std::shared_ptr<hk::RegKey> parent;
+    status = reg.Resolve(path.substr(0, path.rfind('\\')), false, &parent);
+    return status == STATUS_SUCCESS ? reg.Resolve(path, true, key) : status;
 }
 
 NTSTATUS SetValue(hk::RegKey& key, const std::string& name, ULONG Type, const void* Data,

@@ -8,6 +8,8 @@
 // contexts run them), then looks for a ready thread again.
 #include "hostkernel/scheduler.h"
 
+#include "hostkernel/checks.h"
+
 #include <cstdlib>
 #include <sstream>
 
@@ -67,6 +69,7 @@ void Scheduler::Start(EmuThread* thread) {
                                                                      std::to_string(thread->irql));
             thread->irql = PASSIVE_LEVEL;
         }
+        CheckNoMutexHeld(("thread '" + thread->name + "'").c_str(), true);
         KeSetEvent(&thread->done, 0, FALSE);
         thread->state = EmuThread::State::Finished;
         Block();

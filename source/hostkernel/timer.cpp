@@ -1,9 +1,11 @@
 // Kernel timers, DPCs and the clock queries, on the virtual clock.
+#include "hostkernel/checks.h"
 #include "hostkernel/scheduler.h"
 
 using hk::detail::Sched;
 
 void KeInitializeDpc(PRKDPC Dpc, PKDEFERRED_ROUTINE DeferredRoutine, PVOID DeferredContext) {
+    hk::detail::CheckNonPaged(Dpc, "a DPC");
     Dpc->Type = 19;
     Dpc->Importance = 1;
     Dpc->Number = 0;
@@ -24,6 +26,7 @@ BOOLEAN KeRemoveQueueDpc(PRKDPC Dpc) {
 }
 
 void KeInitializeTimerEx(PKTIMER Timer, TIMER_TYPE Type) {
+    hk::detail::CheckNonPaged(Timer, "a timer");
     Timer->Header.Type =
         Type == NotificationTimer ? TimerNotificationObject : TimerSynchronizationObject;
     Timer->Header.Absolute = 0;

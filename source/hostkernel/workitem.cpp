@@ -1,6 +1,8 @@
 // Work items: queued onto the system worker thread, which runs them in
 // order at PASSIVE_LEVEL. A queued work item holds a reference on its device
-// object, so the device survives IoDeleteDevice until the item has run.
+// object, so the device survives IoDeleteDevice until the item has run, and
+// must not end owning a mutex.
+#include "hostkernel/checks.h"
 #include "hostkernel/iomgr.h"
 #include "hostkernel/scheduler.h"
 
@@ -61,6 +63,7 @@ void IoQueueWorkItem(PIO_WORKITEM IoWorkItem, PIO_WORKITEM_ROUTINE WorkerRoutine
     Kernel::Current().QueueSystemWork([IoWorkItem, WorkerRoutine, Context, device] {
         IoWorkItem->queued = false;
         WorkerRoutine(device, Context); // may free the work item
+        CheckNoMutexHeld("a work item", false);
         ObDereferenceObject(device);
     });
 }

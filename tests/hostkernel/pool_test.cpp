@@ -28,38 +28,36 @@ TEST_F(PoolTest, CountsBytesAndBlocksPerTag) {
     EXPECT_EQ(kernel().pool().Total().blocks, 0u);
 }
 
-TEST_F(PoolTest, NthAllocationFailsAndOnlyThatOne) {
-    hk::FaultKnob& knob = kernel().pool().Faults().Add("third", hk::FaultKnob{.nth = 3});
-    std::vector<void*> blocks;
-    for (int i = 0; i < 5; ++i)
-        blocks.push_back(ExAllocatePoolWithTag(NonPagedPool, 16, kTagA));
-    EXPECT_NE(blocks[0], nullptr);
-    EXPECT_NE(blocks[1], nullptr);
-    EXPECT_EQ(blocks[2], nullptr);
-    EXPECT_NE(blocks[3], nullptr);
-    EXPECT_NE(blocks[4], nullptr);
-    EXPECT_EQ(knob.calls, 5u);
-    EXPECT_EQ(knob.fired, 1u);
-    for (void* p : blocks)
-        if (p)
-            ExFreePool(p);
-}
-
-TEST_F(PoolTest, TagFilterFailsOnlyThatTagUpToItsMaximum) {
-    hk::FaultKnob& knob = kernel().pool().Faults().Add(
-        "B", hk::FaultKnob{.every = 1, .max_fires = 2, .match = kTagB});
-    void* a = ExAllocatePoolWithTag(NonPagedPool, 8, kTagA);
-    void* b1 = ExAllocatePoolWithTag(NonPagedPool, 8, kTagB);
-    void* b2 = ExAllocatePoolWithTag(NonPagedPool, 8, kTagB);
-    void* b3 = ExAllocatePoolWithTag(NonPagedPool, 8, kTagB);
-    EXPECT_NE(a, nullptr);
-    EXPECT_EQ(b1, nullptr);
-    EXPECT_EQ(b2, nullptr);
-    EXPECT_NE(b3, nullptr);
-    EXPECT_EQ(knob.calls, 3u);
-    EXPECT_EQ(knob.fired, 2u);
-    ExFreePool(a);
-    ExFreePool(b3);
+// A knob fails exactly the calls it names, counts the calls it saw and
+// the faults it caused, and stops at its maximum.
+TEST_F(PoolTest, KnobsFailExactlyTheirCalls) {
+    struct Case {
+        hk::FaultKnob knob;
+        std::vector<ULONG> tags;  // one allocation each
+        std::vector<bool> failed; // expected
+        uint64_t calls, fired;
+    } cases[] = {
+        {{.nth = 3}, {kTagA, kTagA, kTagA, kTagA, kTagA}, {0, 0, 1, 0, 0}, 5, 1},
+        {{.every = 1, .max_fires = 2, .match = kTagB},
+         {kTagA, kTagB, kTagB, kTagB},
+         {0, 1, 1, 0},
+         3,
+         2},
+    };
+    for (auto& c : cases) {
+        kernel().pool().Faults().Clear();
+        hk::FaultKnob& knob = kernel().pool().Faults().Add("knob", c.knob);
+        std::vector<bool> failed;
+        for (ULONG tag : c.tags) {
+            void* p = ExAllocatePoolWithTag(NonPagedPool, 8, tag);
+            failed.push_back(p == nullptr);
+            if (p)
+                ExFreePool(p);
+        }
+        EXPECT_EQ(failed, c.failed);
+        EXPECT_EQ(knob.calls, c.calls);
+        EXPECT_EQ(knob.fired, c.fired);
+    }
 }
 
 TEST_F(PoolTest, ProbabilityIsReproducibleFromTheSeed) {
@@ -96,6 +94,20 @@ TEST_F(PoolTest, FreeObserverSeesTheBlockBeforeItIsReleased) {
     });
     ExFreePool(p);
     EXPECT_EQ(seen, (std::vector<UCHAR>{0x5A, 0x5A, 0x5A, 0x5A}));
+}
+
+// New blocks hold garbage, not zeros, and each block knows its pool type.
+TEST_F(PoolTest, NewBlocksAreNotZeroedAndKnowTheirPoolType) {
+    auto* paged = static_cast<UCHAR*>(ExAllocatePoolWithTag(PagedPool, 16, kTagA));
+    auto* fixed = static_cast<UCHAR*>(ExAllocatePoolWithTag(NonPagedPool, 16, kTagA));
+    EXPECT_EQ(std::count(fixed, fixed + 16, hk::Pool::kNewFill), 16);
+    EXPECT_TRUE(kernel().pool().IsPaged(paged));
+    EXPECT_TRUE(kernel().pool().IsPaged(paged + 15));
+    EXPECT_FALSE(kernel().pool().IsPaged(paged + 16));
+    EXPECT_FALSE(kernel().pool().IsPaged(fixed + 8));
+    ExFreePool(paged);
+    EXPECT_FALSE(kernel().pool().IsPaged(paged));
+    ExFreePool(fixed);
 }
 
 } // namespace

@@ -241,4 +241,19 @@ TEST_F(RegistryTest, CallsAboveAPassiveLevelAreReported) {
         ZwClose(key);
 }
 
+// Regression: the write made every missing key of its path, not the last one only.
+TEST_F(RegistryTest, RtlWriteCreatesOnlyTheLastKeyOfItsPath) {
+    ULONG one = 1;
+    const std::string map(hk::Registry::kDeviceMapPath);
+    EXPECT_EQ(RtlWriteRegistryValue(RTL_REGISTRY_DEVICEMAP, u"NoSuchKey\\Leaf", u"V", REG_DWORD,
+                                    &one, sizeof(one)),
+              STATUS_OBJECT_NAME_NOT_FOUND);
+    EXPECT_FALSE(reg().KeyExists(map + "\\NoSuchKey"));
+    reg().CreateKey(map + "\\NoSuchKey");
+    EXPECT_EQ(RtlWriteRegistryValue(RTL_REGISTRY_DEVICEMAP, u"NoSuchKey\\Leaf", u"V", REG_DWORD,
+                                    &one, sizeof(one)),
+              STATUS_SUCCESS);
+    EXPECT_EQ(reg().GetDword(map + "\\NoSuchKey\\Leaf", "V"), 1u);
+}
+
 } // namespace

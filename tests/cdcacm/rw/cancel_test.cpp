@@ -85,4 +85,21 @@ TEST_F(Cancel, CancelOfAnIrpWhoseRequestAlreadyFinishedOnlyTraces) {
     IoFreeIrp(irp);
 }
 
+// The cancel routine lets the cancel spin lock go before it takes the device
+// lock. Code that takes the cancel spin lock inside the device lock, as a
+// request path may, then cannot deadlock against it: the verifier reports an
+// inverted order the first time it is taken.
+TEST_F(Cancel, CancelRoutineReleasesTheCancelLockBeforeTakingTheDeviceLock) {
+    KIRQL irql, cancel_irql;
+    KeAcquireSpinLock(&dev_->Lock, &irql);
+    IoAcquireCancelSpinLock(&cancel_irql);
+    IoReleaseCancelSpinLock(cancel_irql);
+    KeReleaseSpinLock(&dev_->Lock, irql);
+
+    AppRequest* read = Read(10);
+    DeviceFixture::Cancel(read);
+    ASSERT_TRUE(Wait(read, 0));
+    EXPECT_EQ(read->status, STATUS_CANCELLED);
+}
+
 } // namespace

@@ -99,7 +99,8 @@ AppRequest* DeviceFixture::NewRequest(UCHAR major, ULONG buffer_length) {
     auto request = std::make_unique<AppRequest>();
     KeInitializeEvent(&request->done, NotificationEvent, FALSE);
     request->order_source = &completions_;
-    request->buffer.assign(std::max<ULONG>(buffer_length, 1), 0);
+    // Like the I/O manager's system buffer, past the input it holds garbage.
+    request->buffer.assign(std::max<ULONG>(buffer_length, 1), hk::Pool::kNewFill);
     PIRP irp = IoAllocateIrp(data_port_->StackSize, FALSE);
     irp->AssociatedIrp.SystemBuffer = request->buffer.data();
     irp->IoStatus.Status = STATUS_NOT_SUPPORTED;
