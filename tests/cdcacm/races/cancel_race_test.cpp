@@ -1,8 +1,9 @@
 // Cancellation racing completion, on two processors with seeded preemption
-// at every platform call: a read whose bytes arrive while it is cancelled.
-// Each scenario runs on a fresh machine per seed and checks one completion
-// per request, no verifier report, and no read of an IRP after its
-// completion.
+// at every platform call: a read whose bytes arrive while it is cancelled, a
+// wait whose event arrives while it is cancelled, and a new wait that comes
+// in as the cancel timer of the old one fires. Each scenario runs on a fresh
+// machine per seed and checks one completion per request with the right
+// mask, no verifier report, and no read of an IRP after its completion.
 #include "ioctl_rig.h"
 
 #include <cstdlib>
@@ -33,6 +34,12 @@ struct OwnIrp {
     ULONG_PTR Information = 0;
     uint8_t Buffer[16] = {};
     KEVENT Done;
+
+    ULONG Mask() const {
+        ULONG Value;
+        memcpy(&Value, Buffer, sizeof(Value));
+        return Value;
+    }
 };
 
 NTSTATUS NTAPI OnOwnIrpComplete(PDEVICE_OBJECT, PIRP Irp, PVOID Context) {
@@ -140,6 +147,9 @@ class CancelRace : public IoctlTest {
         Request->Returned = IoCallDriver(DataPort(), Irp);
     }
     void SendRead(OwnIrp* Request, ULONG Length) { Send(Request, IRP_MJ_READ, Length); }
+    void SendWait(OwnIrp* Request) {
+        Send(Request, IRP_MJ_DEVICE_CONTROL, sizeof(ULONG), IOCTL_SERIAL_WAIT_ON_MASK);
+    }
 
     // Waits in virtual time; true once the request has completed.
     static bool WaitFor(OwnIrp& Request, int64_t Milliseconds) {
@@ -155,6 +165,22 @@ class CancelRace : public IoctlTest {
         EXPECT_EQ(Request.Completions, 1) << "completions of one request";
         if (Request.Completions != 0)
             IoFreeIrp(Request.Irp);
+    }
+
+    void SetMask(ULONG Mask) {
+        EXPECT_EQ(Set(IOCTL_SERIAL_SET_WAIT_MASK, Mask).Status, STATUS_SUCCESS);
+    }
+
+    // The second wait of an application: nothing but its event ends it.
+    void ExpectOnlyTheEventEnds(OwnIrp& Wait, ULONG Event) {
+        EXPECT_EQ(Wait.Returned, STATUS_PENDING);
+        EXPECT_FALSE(WaitFor(Wait, 300))
+            << "a wait nobody cancelled completed with mask " << Wait.Mask();
+        RaiseEvents(Event);
+        EXPECT_TRUE(WaitFor(Wait, 10));
+        EXPECT_EQ(Wait.Status, STATUS_SUCCESS);
+        EXPECT_EQ(Wait.Mask(), Event);
+        Release(Wait);
     }
 
   private:
@@ -181,5 +207,51 @@ TEST_F(CancelRace, AReadCancelledAsItsBytesArriveCompletesOnce) {
         }
         EXPECT_FALSE(Traced("ASSERTION FAILED"));
         Release(Read);
+    });
+}
+
+TEST_F(CancelRace, AWaitCancelledAsItsEventArrivesLeavesTheNextWaitAlone) {
+    ForEachSeed(100, [this] {
+        SetMask(SERIAL_EV_CTS | SERIAL_EV_RXCHAR);
+        OwnIrp& First = NewRequest();
+        SendWait(&First);
+        OwnIrp& Second = NewRequest();
+        {
+            // Another thread of the application cancels the wait while the
+            // modem's event completes it, and the next wait follows at once.
+            hk::Thread Modem("modem", [this] { RaiseEvents(SERIAL_EV_CTS); });
+            hk::Thread Canceller("canceller", [&First] { IoCancelIrp(First.Irp); });
+            // A cancelled wait takes 100 ms to complete: the event is first
+            // whichever way the race went.
+            ASSERT_TRUE(WaitFor(First, 50));
+            SendWait(&Second);
+            Modem.Join();
+            Canceller.Join();
+        }
+        EXPECT_EQ(First.Status, STATUS_SUCCESS);
+        EXPECT_EQ(First.Information, sizeof(ULONG));
+        EXPECT_EQ(First.Mask(), ULONG(SERIAL_EV_CTS));
+        Release(First);
+        ExpectOnlyTheEventEnds(Second, SERIAL_EV_RXCHAR);
+    });
+}
+
+TEST_F(CancelRace, ANewWaitArrivingAsTheCancelTimerFiresIsLeftAlone) {
+    // The timer is due 1 ms after the new wait arrives: preemption points
+    // within 2 ms may fire it while the new wait is dispatched.
+    ForEachSeed(2000, [this] {
+        SetMask(SERIAL_EV_CTS);
+        OwnIrp& First = NewRequest();
+        SendWait(&First);
+        EXPECT_TRUE(IoCancelIrp(First.Irp));
+        kernel().Sleep(99);
+        OwnIrp& Second = NewRequest();
+        SendWait(&Second);
+        // Completed by the timer or, with mask 0, by the new wait.
+        ASSERT_TRUE(WaitFor(First, 10));
+        EXPECT_EQ(First.Status, STATUS_SUCCESS);
+        EXPECT_EQ(First.Mask(), 0u);
+        Release(First);
+        ExpectOnlyTheEventEnds(Second, SERIAL_EV_CTS);
     });
 }
