@@ -11,9 +11,12 @@
 // queued IRP; COMPLETE_QUEUE.Lock guards its Irps list. Both nest inside the
 // device lock. The cancel routine releases the cancel spin lock before it
 // takes the device lock. The cancel-routine field of an IRP changes only by
-// interlocked exchange. No lock is held while an IRP is completed: the
-// already-cancelled IRP of IrpQueueInsert is completed by the caller once it
-// has released the device lock.
+// interlocked exchange. IrpQueueRemove may take the cancel spin lock for a
+// moment inside the device lock, after it released IRP_QUEUE.Lock; nobody
+// holds the cancel spin lock while waiting for the device lock. No lock is
+// held while an IRP is completed: the already-cancelled IRP of
+// IrpQueueInsert is completed by the caller once it has released the device
+// lock.
 #define TRACE_FILE "source/cdcacm/irpqueue"
 #include "cdcacm.h"
 
@@ -62,8 +65,17 @@ PIRP IrpQueueRemove(PIRP_QUEUE Queue, PIRP Irp) {
     for (PLIST_ENTRY Entry = Queue->Irps.Flink; Entry != &Queue->Irps; Entry = Entry->Flink) {
         if (Entry == &Irp->Tail.Overlay.ListEntry) {
             RemoveEntryList(Entry);
-            (void)IoSetCancelRoutine(Irp, NULL);
+            BOOLEAN CancelClaimed = IoSetCancelRoutine(Irp, NULL) == NULL;
             KeReleaseSpinLock(&Queue->Lock, OldIrql);
+            if (CancelClaimed) {
+                // IoCancelIrp has taken the cancel routine, which reads the
+                // IRP until it releases the cancel spin lock. Our caller
+                // completes the IRP, so wait for that release first; the
+                // routine then finds no request and only traces.
+                KIRQL CancelIrql;
+                IoAcquireCancelSpinLock(&CancelIrql);
+                IoReleaseCancelSpinLock(CancelIrql);
+            }
             return Irp;
         }
     }

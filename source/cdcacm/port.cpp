@@ -8,8 +8,11 @@
 // Locks: GetDevAndPort takes none; it reads only the extension's fixed
 // fields. The device lock (DEVICE.Lock) guards WaitIrp, PendingEvents and
 // the settings' WaitMask: IndicateWaitEvent and CompleteWaitIrp run with it
-// held by their caller, DelayWaitCancelFnc takes it. The wait IRP is handed
-// to the deferred-completion queue, never completed under the lock.
+// held by their caller, DelayWaitCancelFnc takes it. CompleteWaitIrp may
+// take the system cancel spin lock for a moment inside the device lock;
+// nobody holds the cancel spin lock while waiting for the device lock. The
+// wait IRP is handed to the deferred-completion queue, never completed under
+// the lock.
 #define TRACE_FILE "source/cdcacm/port"
 #include "cdcacm.h"
 
@@ -56,7 +59,15 @@ VOID CompleteWaitIrp(PPORT_OBJ Port, ULONG Mask) {
         return;
     TRACE(TL_WAIT, "%PComplete Wait IRP: %x Mask: %x\n", (ULONG)(ULONG_PTR)Irp, Mask);
     Port->WaitIrp = NULL;
-    (VOID) IoSetCancelRoutine(Irp, NULL);
+    if (IoSetCancelRoutine(Irp, NULL) == NULL) {
+        // IoCancelIrp has taken the cancel routine, which reads the IRP until
+        // it releases the cancel spin lock: wait for that release before the
+        // IRP goes to be completed. The timer the routine arms afterwards
+        // finds this wait gone and leaves the next one alone.
+        KIRQL CancelIrql;
+        IoAcquireCancelSpinLock(&CancelIrql);
+        IoReleaseCancelSpinLock(CancelIrql);
+    }
     Irp->IoStatus.Status = Dev->UsbDeviceEnabled ? STATUS_SUCCESS : STATUS_DEVICE_REMOVED;
     Irp->IoStatus.Information = sizeof(ULONG);
     *(PULONG)Irp->AssociatedIrp.SystemBuffer = Mask;
@@ -72,6 +83,13 @@ VOID DelayWaitCancelFnc(PTIMER_OBJ Timer, PVOID Context) {
     // clang-format on
     PPORT_OBJ Port = &Dev->Port;
     DEVICE_LOCK_AT_DPC(Port->Device);
-    CompleteWaitIrp(Port, 0);
+    // The timer is armed only for a cancelled wait. Whatever completes that
+    // wait first cancels the timer, but a DPC already queued or running
+    // still comes here, as does a timer armed by a cancel routine that lost
+    // the race with the completion: a wait that is not cancelled is a newer
+    // one, and not ours to end.
+    PIRP Irp = Port->WaitIrp;
+    if (Irp == NULL || Irp->Cancel)
+        CompleteWaitIrp(Port, 0);
     DEVICE_UNLOCK_AT_DPC(Port->Device);
 }

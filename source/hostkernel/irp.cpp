@@ -431,6 +431,9 @@ BOOLEAN IoCancelIrp(PIRP Irp) {
     PDEVICE_OBJECT device = Irp->CurrentLocation <= Irp->StackCount
                                 ? IoGetCurrentIrpStackLocation(Irp)->DeviceObject
                                 : nullptr;
+    // The routine is claimed but not yet running: the other processor may
+    // finish the IRP meanwhile, which cancel routines must survive.
+    Sched().PreemptionPoint();
     routine(device, Irp);
     if (Io().cancel_lock == KSPIN_LOCK(Sched().Current())) {
         Violation(
