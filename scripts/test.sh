@@ -15,6 +15,12 @@ cmake --preset host-asan >/dev/null
 cmake --build --preset host-asan -j"$jobs"
 ctest --preset host-asan -j"$jobs"
 
+# A bounded campaign of the interleaving mode over the driver's tests: eight
+# seeds on two processors and four on one (about a minute); the full campaign
+# is scripts/campaign.sh with its defaults.
+bash scripts/campaign.sh --seeds 8
+bash scripts/campaign.sh --seeds 4 --cpus 1 --first 101
+
 if [ -f scripts/fuzz.sh ]; then
   bash scripts/fuzz.sh
 fi
