@@ -19,6 +19,13 @@ class KernelTest : public ::testing::Test {
     // environment's (a test that tears down and sets up again per seed).
     void UseOptions(hk::KernelOptions options) { next_options_ = options; }
     hk::Kernel& kernel() { return *kernel_; }
+    // On two processors the completion DPC may run on both at once, so IRPs
+    // queued for completion in one burst may finish in another order, and a
+    // DPC may start while the lock it waits for is still held.
+    bool OnTwoProcessors() const {
+        const auto& options = kernel_->Options().interleave;
+        return options.enabled && options.processors > 1;
+    }
     hk::Debugger& dbg() { return kernel_->Dbg(); }
 
   private:

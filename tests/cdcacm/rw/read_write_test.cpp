@@ -97,6 +97,8 @@ TEST_F(ReadWrite, PppTraceDumpsTheFirst32BytesOfAWrite) {
 }
 
 TEST_F(ReadWrite, BurstOfFinishedReadsCompletesInQueueOrder) {
+    if (OnTwoProcessors())
+        GTEST_SKIP() << "one DPC run completes the burst only on one processor";
     AppRequest* first = Read(2);
     AppRequest* second = Read(2);
     AppRequest* third = Read(2);
@@ -134,6 +136,8 @@ TEST_F(ReadWrite, FiftySixthConcurrentReadFailsForLackOfRequests) {
 }
 
 TEST_F(ReadWrite, SecondCompletionOfARequestIsReportedAndIgnored) {
+    if (OnTwoProcessors())
+        GTEST_SKIP() << "the other processor completes and frees the IRP the second call reads";
     AppRequest* read = Read(4);
     ASSERT_EQ(read->returned, STATUS_PENDING);
     KIRQL irql;
