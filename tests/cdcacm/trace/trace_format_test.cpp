@@ -81,16 +81,6 @@ TEST(TraceFormat, NumbersAre32BitAndHCutsThemTo16) {
     EXPECT_EQ(Format("%hu %hx %ho", 0x12345, 0xABCD1234u, 0x10008), "9029 1234 10");
 }
 
-TEST(TraceFormat, NumberLayout) {
-    EXPECT_EQ(Format("[%5d][%-5d][%05d]", -42, -42, -42), "[  -42][-42  ][-0042]");
-    EXPECT_EQ(Format("[%+d][% d][%+ d][% +d]", 3, 3, 3, 3), "[+3][ 3][+3][+3]");
-    EXPECT_EQ(Format("[%#x][%#X][%#o]", 255, 255, 8), "[0xff][0XFF][010]");
-    EXPECT_EQ(Format("[%#08x][%#-8x][%#8x]", 0x1f, 0x1f, 0x1f), "[0x00001f][0x1f    ][    0x1f]");
-    EXPECT_EQ(Format("[%8.4d][%-8.4d]", -12, -12), "[   -0012][-0012   ]");
-    // '-' cancels '0'.
-    EXPECT_EQ(Format("[%-05d]", 7), "[7    ]");
-}
-
 TEST(TraceFormat, StarTakesWidthAndPrecisionFromTheArguments) {
     EXPECT_EQ(Format("[%*d]", 4, 7), "[   7]");
     EXPECT_EQ(Format("[%*d]", -4, 7), "[7   ]");
