@@ -231,15 +231,6 @@ TEST_F(SerialTest, ZeroLengthWriteIsReportedAndCompletesOnceTheBufferHasRoom) {
     EXPECT_EQ(CompletionOf(empty)->length, 0u);
 }
 
-TEST_F(SerialTest, LockCounterMismatchIsReportedWithTheCallersExpression) {
-    dev->CheckLock = 1; // as if someone held the lock already
-    SendRequest(port, NewWrite(Pattern(2)));
-    dev->CheckLock = 0;
-    EXPECT_TRUE(dbg().Contains("ACM:ASSERTION FAILED: ((Port->WrContext)->CheckLock==1)"));
-    EXPECT_TRUE(dbg().Contains("ACM:ASSERTION FAILED: ((Port->WrContext)->CheckLock==0)"));
-    EXPECT_EQ(fakes.engine.Stream(), Pattern(2)) << "execution continues";
-}
-
 TEST_F(SerialTest, TxEmptyNeedsSentBytesOrANewRequest) {
     SerPortSend(port, FALSE);
     EXPECT_TRUE(fakes.events.empty());
