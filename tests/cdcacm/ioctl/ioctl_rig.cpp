@@ -21,12 +21,7 @@ ULONG PendingIoctl::Mask() const {
 void IoctlTest::SetUp() {
     DeviceFixture::SetUp();
     TraceMask = 0xFFFFFFFF; // every line, so that tests can look for the ones they expect
-    Calls().clear();
-    ControlRequestStatus = STATUS_SUCCESS;
-    driver_.MajorFunction[IRP_MJ_DEVICE_CONTROL] = DispatchDeviceControl;
-    driver_.MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL] = DispatchInternalDeviceControl;
     dev_->UsbDeviceEnabled = TRUE;
-    InitTimerObj(&dev_->WaitCancelTimer, DelayWaitCancelFnc, dev_, 100);
     send_pool_.Magic = USB_PACKET_POOL_MAGIC;
     send_pool_.PacketCount = 1;
     send_pool_.Count = 1;
@@ -37,7 +32,6 @@ void IoctlTest::SetUp() {
 void IoctlTest::TearDown() {
     if (dev_ != nullptr) {
         EXPECT_EQ(dev_->Port.WaitIrp, nullptr) << "a test left a wait pending";
-        KeCancelTimer(&dev_->WaitCancelTimer.Timer);
         dev_->WritePipe.Pool = nullptr;
     }
     DeviceFixture::TearDown();

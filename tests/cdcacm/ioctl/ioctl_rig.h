@@ -1,12 +1,8 @@
-// The shared data port with its IRP_MJ_DEVICE_CONTROL and
-// IRP_MJ_INTERNAL_DEVICE_CONTROL routed to the I/O control dispatch, the
-// wait-cancel timer armed with its callback and the USB device enabled, and
-// helpers that send I/O controls from the test's application thread the way
-// a kernel client does (IoBuildDeviceIoControlRequest, buffered I/O copied
-// back only on success, wait on the event).
-//
-// The CDC control requests and the receive/send purges are the doubles of
-// control_doubles.cpp: they record their calls in Calls().
+// The shared data port with the USB device enabled, and helpers that send
+// I/O controls from the test's application thread the way a kernel client
+// does (IoBuildDeviceIoControlRequest, buffered I/O copied back only on
+// success, wait on the event). The CDC control requests and the purges are
+// the fixture's doubles, which record their calls in ControlCalls().
 #pragma once
 
 // Tests take the device lock with the driver's macros, whose assertions
@@ -19,11 +15,6 @@
 #include <cstdint>
 #include <string>
 #include <vector>
-
-// What the doubles saw, in order ("SendLineCoding", "RcvPurge", ...).
-std::vector<std::string>& Calls();
-// The status the control-request doubles return.
-extern NTSTATUS ControlRequestStatus;
 
 // Bytes of the circular buffers the rig's serial port starts with.
 constexpr ULONG RigReceiveBufferSize = 4096;

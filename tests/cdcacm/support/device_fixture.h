@@ -3,11 +3,11 @@
 // reference), its PORT_OBJ named "COM3" with the request pool, both IRP
 // queues and the SER_PORT made by AddPort, the named device object
 // "\Device\korvadem0" whose extension is that DEVICE, and a DRIVER_OBJECT
-// whose IRP_MJ_READ and IRP_MJ_WRITE entries are the driver's read and write
-// dispatch routines. The test body is the application thread: Read, Write
-// and Control build an IRP as a caller of the I/O manager does, send it with
-// IoCallDriver and return once the dispatch routine has returned; Wait lets
-// virtual time run until the request completes.
+// whose read, write and (internal) device-control entries are the driver's
+// dispatch routines, with the wait-cancel timer armed with its callback. The test body is the
+// application thread: Read, Write and Control build an IRP as a caller of the I/O manager does,
+// send it with IoCallDriver and return once the dispatch routine has returned; Wait lets virtual
+// time run until the request completes.
 //
 // Adding pieces: a test sets further MajorFunction entries on driver_ (e.g.
 // IRP_MJ_DEVICE_CONTROL) after DeviceFixture::SetUp, fills more DEVICE fields
@@ -15,10 +15,10 @@
 // change buffer sizes or the tick. Operations of modules that do not exist
 // yet come from weak doubles in later_doubles.cpp (a real module linked into
 // the test replaces them); a test that wants to observe them reads
-// LaterDoubles().
+// LaterDoubles() and ControlCalls().
 //
 // Link with: LIBS device_fixture and MODULES trace wdmkrnl serport squeue
-// dpool irpqueue dispatch wrsupport port ppp_frame.
+// dpool irpqueue dispatch wrsupport port ppp_frame ioctl worker.
 #pragma once
 
 #include "driver_test.h"
@@ -39,6 +39,10 @@ struct LaterDoubleCalls {
     std::vector<ULONG> wait_events;      // IndicateWaitEvent masks
 };
 LaterDoubleCalls& LaterDoubles();
+// The CDC control requests and purges the doubles saw, in order
+// ("SendLineCoding", "RcvPurge", ...), and the status the requests return.
+std::vector<std::string>& ControlCalls();
+extern NTSTATUS ControlRequestStatus;
 
 // One request of the application, from IoCallDriver to its completion.
 struct AppRequest {
@@ -103,7 +107,7 @@ class DeviceFixture : public DriverTest {
     ULONG Receive(const std::string& text) {
         return Receive(std::vector<uint8_t>(text.begin(), text.end()));
     }
-    // Read time-outs as the set-time-outs control stores them.
+    // Read time-outs set by the application (IOCTL_SERIAL_SET_TIMEOUTS).
     void SetReadTimeouts(ULONG interval, ULONG multiplier, ULONG constant);
 
     PDEVICE dev_ = nullptr;

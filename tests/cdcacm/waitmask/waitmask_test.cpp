@@ -53,6 +53,7 @@ TEST_F(WaitOnMask, AMaskedEventCompletesThePendingWait) {
 TEST_F(WaitOnMask, EventsWithoutAWaitAreDeliveredToTheNextWait) {
     SetMask(SERIAL_EV_CTS);
     RaiseEvents(SERIAL_EV_CTS);
+    SetMask(SERIAL_EV_CTS | SERIAL_EV_DSR); // a new mask keeps what is pending
     PendingIoctl Wait;
     Start(&Wait, IOCTL_SERIAL_WAIT_ON_MASK, nullptr, 0, sizeof(ULONG));
     ExpectCompleted(Wait, STATUS_SUCCESS, SERIAL_EV_CTS);
