@@ -1,6 +1,7 @@
 #include "ioctl_rig.h"
 
 #include <cstring>
+#include <utility>
 
 bool PendingIoctl::Completed() {
     return KeReadStateEvent(&Event) != 0;
@@ -38,7 +39,7 @@ void IoctlTest::TearDown() {
 }
 
 void IoctlTest::Start(PendingIoctl* Request, ULONG Code, const void* Input, ULONG InputLength,
-                      ULONG OutputLength) {
+                      ULONG OutputLength, bool Internal) {
     KeInitializeEvent(&Request->Event, NotificationEvent, FALSE);
     Request->Output.assign(OutputLength, 0xCC);
     Request->IoStatus.Status = DEFAULT_STATUS;
@@ -46,33 +47,19 @@ void IoctlTest::Start(PendingIoctl* Request, ULONG Code, const void* Input, ULON
     Request->Irp =
         IoBuildDeviceIoControlRequest(Code, data_port_, const_cast<void*>(Input), InputLength,
                                       OutputLength != 0 ? Request->Output.data() : nullptr,
-                                      OutputLength, FALSE, &Request->Event, &Request->IoStatus);
+                                      OutputLength, Internal, &Request->Event, &Request->IoStatus);
     ASSERT_NE(Request->Irp, nullptr);
     Request->DispatchResult = IoCallDriver(data_port_, Request->Irp);
 }
 
 IoctlResult IoctlTest::Ioctl(ULONG Code, const void* Input, ULONG InputLength, ULONG OutputLength,
                              bool Internal) {
-    KEVENT Event;
-    IO_STATUS_BLOCK IoStatus;
-    IoStatus.Status = DEFAULT_STATUS;
-    IoStatus.Information = 0;
-    KeInitializeEvent(&Event, NotificationEvent, FALSE);
-    IoctlResult Result;
-    Result.Output.assign(OutputLength, 0xCC);
-    PIRP Irp =
-        IoBuildDeviceIoControlRequest(Code, data_port_, const_cast<void*>(Input), InputLength,
-                                      OutputLength != 0 ? Result.Output.data() : nullptr,
-                                      OutputLength, Internal, &Event, &IoStatus);
-    EXPECT_NE(Irp, nullptr);
-    if (Irp == nullptr)
-        return Result;
-    NTSTATUS Status = IoCallDriver(data_port_, Irp);
-    if (Status == STATUS_PENDING)
-        KeWaitForSingleObject(&Event, Executive, KernelMode, FALSE, NULL);
-    Result.Status = IoStatus.Status;
-    Result.Information = IoStatus.Information;
-    return Result;
+    PendingIoctl Request;
+    Start(&Request, Code, Input, InputLength, OutputLength, Internal);
+    if (Request.DispatchResult == STATUS_PENDING)
+        KeWaitForSingleObject(&Request.Event, Executive, KernelMode, FALSE, NULL);
+    return IoctlResult{Request.IoStatus.Status, Request.IoStatus.Information,
+                       std::move(Request.Output)};
 }
 
 void IoctlTest::RaiseEvents(ULONG Events) {

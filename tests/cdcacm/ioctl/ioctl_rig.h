@@ -63,7 +63,7 @@ class IoctlTest : public DeviceFixture {
     }
     // Sends the I/O control without waiting; the caller owns the record.
     void Start(PendingIoctl* Request, ULONG Code, const void* Input, ULONG InputLength,
-               ULONG OutputLength);
+               ULONG OutputLength, bool Internal = false);
 
     // Raises serial events the way the serial port and the modem-status
     // processing do: under the device lock.
