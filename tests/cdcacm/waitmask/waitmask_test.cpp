@@ -126,20 +126,6 @@ TEST_F(WaitOnMask, ACancelledWaitCompletes100msLaterWithMaskZero) {
     EXPECT_FALSE(Traced("ASSERTION FAILED"));
 }
 
-TEST_F(WaitOnMask, TheCancelTimerChecksTheDeviceLockThroughThePort) {
-    SetMask(SERIAL_EV_RXCHAR);
-    PendingIoctl Wait;
-    StartWait(&Wait);
-    IoCancelIrp(Wait.Irp);
-    Dev()->CheckLock = 1; // as if another holder had not counted itself out
-    ASSERT_TRUE(Wait.Wait(200));
-    Dev()->CheckLock = 0;
-    EXPECT_TRUE(
-        Traced("ACM:ASSERTION FAILED: ((Port->Device)->CheckLock==1)\n  source/cdcacm/port("));
-    EXPECT_TRUE(
-        Traced("ACM:ASSERTION FAILED: ((Port->Device)->CheckLock==0)\n  source/cdcacm/port("));
-}
-
 TEST_F(WaitOnMask, AnEventWithinTheCancelDelayCompletesTheWaitAndStopsTheTimer) {
     SetMask(SERIAL_EV_RXCHAR);
     PendingIoctl Wait;
