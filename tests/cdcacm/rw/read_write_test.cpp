@@ -133,49 +133,4 @@ TEST_F(ReadWrite, FiftySixthConcurrentReadFailsForLackOfRequests) {
     EXPECT_EQ(Read(1)->returned, STATUS_PENDING);
 }
 
-TEST_F(ReadWrite, SecondCompletionOfARequestIsReportedAndIgnored) {
-    AppRequest* read = Read(4);
-    ASSERT_EQ(read->returned, STATUS_PENDING);
-    KIRQL irql;
-    KeAcquireSpinLock(&dev_->Lock, &irql);
-    PSER_REQUEST request = CONTAINING_RECORD(ser_->RcvQueue.List.Flink, SER_REQUEST, ListEntry);
-    // The serial port finishes the request; its IRP is then out of its queue.
-    SER_REQUEST copy = *request;
-    copy.Status = STATUS_SUCCESS;
-    copy.Length = 0;
-    RemoveEntryList(&request->ListEntry);
-    InitializeListHead(&request->ListEntry);
-    request->Status = STATUS_SUCCESS;
-    request->Length = 0;
-    CompleteRequest(request);
-    ULONG in_use = port_->RequestPool.Count;
-    // ... and, wrongly, finishes it again while the IRP waits in the
-    // completion queue.
-    CompleteRequest(&copy);
-    KeReleaseSpinLock(&dev_->Lock, irql);
-
-    EXPECT_TRUE(dbg().Contains(
-        "ACM:COM3:[CompleteRequest The serport object has completet a request two times, fatal!"));
-    EXPECT_TRUE(dbg().Contains("ASSERTION FAILED: (Irp != NULL)"));
-    EXPECT_EQ(port_->RequestPool.Count, in_use) << "nothing was freed twice";
-    ASSERT_TRUE(Wait(read));
-    EXPECT_EQ(read->completions, 1);
-}
-
-TEST_F(ReadWrite, ForeignStatusesReachTheApplicationAsGenericFailure) {
-    AppRequest* read = Read(4);
-    KIRQL irql;
-    KeAcquireSpinLock(&dev_->Lock, &irql);
-    PSER_REQUEST request = CONTAINING_RECORD(ser_->RcvQueue.List.Flink, SER_REQUEST, ListEntry);
-    RemoveEntryList(&request->ListEntry);
-    InitializeListHead(&request->ListEntry);
-    request->Status = STATUS_INVALID_PARAMETER;
-    request->Length = 0;
-    CompleteRequest(request);
-    KeReleaseSpinLock(&dev_->Lock, irql);
-    ASSERT_TRUE(Wait(read));
-    EXPECT_EQ(read->status, STATUS_UNSUCCESSFUL);
-    EXPECT_TRUE(dbg().Contains("ACM:COM3:]CompleteRequest (C0000001)"));
-}
-
 } // namespace
