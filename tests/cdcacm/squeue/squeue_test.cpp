@@ -60,19 +60,6 @@ TEST_F(SqueueTest, OffModeReadWaitsForItsWholeLength) {
     EXPECT_EQ(ReadData(read), (Bytes{1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));
 }
 
-TEST_F(SqueueTest, NoWaitReadTakesWhatIsBuffered) {
-    SetTimeouts(0xFFFFFFFF, 0, 0);
-    Indicate({1, 2, 3, 4});
-    PSER_REQUEST some = NewRead(10);
-    EXPECT_EQ(AddRead(some), STATUS_PENDING) << "even when completed during the call";
-    EXPECT_EQ(StatusOf(CompletionOf(some)), STATUS_SUCCESS);
-    EXPECT_EQ(ReadData(some), (Bytes{1, 2, 3, 4}));
-    PSER_REQUEST none = NewRead(10);
-    AddRead(none);
-    EXPECT_EQ(StatusOf(CompletionOf(none)), STATUS_SUCCESS);
-    EXPECT_EQ(none->Length, 0u);
-}
-
 TEST_F(SqueueTest, WaitFirstCompletesWithTheFirstBytes) {
     SetTimeouts(0xFFFFFFFF, 0xFFFFFFFF, 500);
     PSER_REQUEST read = NewRead(10);
