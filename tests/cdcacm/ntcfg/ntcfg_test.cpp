@@ -205,14 +205,6 @@ TEST_F(NtcfgTest, ServiceKeyGetsTraceMaskWrittenBackAndAMissingKeyFailsToOpen) {
     EXPECT_EQ(untouched, reinterpret_cast<HANDLE>(0x1234));
 }
 
-TEST_F(NtcfgTest, UnknownParameterYieldsZeroWithATrace) {
-    HANDLE key = OpenHardwareKey();
-    EXPECT_EQ(CfgGetParameter(key, CFG_PARAM_COUNT), 0u);
-    EXPECT_EQ(dbg().Text(), "ACM: Invalid Config Parameter: 13");
-    EXPECT_TRUE(reg().ValueNames(HardwareKey()).empty());
-    ZwClose(key);
-}
-
 TEST_F(NtcfgTest, GetValueDataReadsUpToFourBytesBeyondTheCapacity) {
     std::vector<uint8_t> big(300), near(258);
     for (size_t i = 0; i < big.size(); ++i)
