@@ -1,8 +1,8 @@
-// The shared data port with the USB device enabled, and helpers that send
-// I/O controls from the test's application thread the way a kernel client
-// does (IoBuildDeviceIoControlRequest, buffered I/O copied back only on
-// success, wait on the event). The CDC control requests and the purges are
-// the fixture's doubles, which record their calls in ControlCalls().
+// The shared data port with bigger buffers and the USB device enabled, and
+// helpers that send I/O controls from the test's application thread through
+// the fixture's Control (buffered I/O) and wait for them. The CDC control
+// requests and the purges are the fixture's doubles, which record their
+// calls in ControlCalls().
 #pragma once
 
 // Tests take the device lock with the driver's macros, whose assertions
@@ -13,6 +13,7 @@
 #include "device_fixture.h"
 
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -23,21 +24,7 @@ constexpr ULONG RigSendBufferSize = 2048;
 struct IoctlResult {
     NTSTATUS Status;
     ULONG_PTR Information;
-    std::vector<uint8_t> Output;
-};
-
-// An I/O control sent and not waited for.
-struct PendingIoctl {
-    KEVENT Event;
-    IO_STATUS_BLOCK IoStatus;
-    std::vector<uint8_t> Output;
-    PIRP Irp; // valid only until the request completes
-    NTSTATUS DispatchResult;
-
-    bool Completed();
-    // Waits at most Milliseconds of virtual time; true when it completed.
-    bool Wait(int64_t Milliseconds);
-    ULONG Mask() const; // the first 32 bits of the output
+    std::vector<uint8_t> Output; // the system buffer; unwritten bytes are 0xCC
 };
 
 class IoctlTest : public DeviceFixture {
@@ -61,9 +48,6 @@ class IoctlTest : public DeviceFixture {
         memcpy(&Value, Result.Output.data(), sizeof(T));
         return Value;
     }
-    // Sends the I/O control without waiting; the caller owns the record.
-    void Start(PendingIoctl* Request, ULONG Code, const void* Input, ULONG InputLength,
-               ULONG OutputLength, bool Internal = false);
 
     // Raises serial events the way the serial port and the modem-status
     // processing do: under the device lock.

@@ -105,7 +105,7 @@ AppRequest* DeviceFixture::NewRequest(UCHAR major, ULONG buffer_length) {
     auto request = std::make_unique<AppRequest>();
     KeInitializeEvent(&request->done, NotificationEvent, FALSE);
     request->order_source = &completions_;
-    request->buffer.assign(std::max<ULONG>(buffer_length, 1), 0);
+    request->buffer.assign(std::max<ULONG>(buffer_length, 1), 0xCC);
     PIRP irp = IoAllocateIrp(data_port_->StackSize, FALSE);
     irp->AssociatedIrp.SystemBuffer = request->buffer.data();
     irp->IoStatus.Status = STATUS_NOT_SUPPORTED;

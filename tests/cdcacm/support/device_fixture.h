@@ -55,7 +55,7 @@ struct AppRequest {
     bool pending_returned = false;     // the driver marked the IRP pending
     int64_t completed_at_ms = -1;      // virtual time of the completion
     uint64_t completion_order = 0;     // 1 for the first request completed in the test, ...
-    std::vector<uint8_t> buffer;       // the system buffer (buffered I/O)
+    std::vector<uint8_t> buffer;       // the system buffer (buffered I/O), first 0xCC
     std::function<void()> on_complete; // called inside the completion, if set
     KEVENT done;                       // signalled at completion
     uint64_t* order_source = nullptr;  // the fixture's completion counter
