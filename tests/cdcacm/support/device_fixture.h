@@ -36,7 +36,6 @@ struct LaterDoubleCalls {
     int submit_write_buffer = 0;         // SubmitWriteBuffer: bytes reached the send engine
     int check_rcv_queue = 0;             // SndRcvCheckRcvQueue
     std::vector<PDEVICE_OBJECT> deleted; // DeleteDevice, in order
-    std::vector<ULONG> wait_events;      // IndicateWaitEvent masks
 };
 LaterDoubleCalls& LaterDoubles();
 // The CDC control requests and purges the doubles saw, in order

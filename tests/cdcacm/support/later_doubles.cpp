@@ -1,10 +1,9 @@
 // Weak stand-ins for operations whose modules come in later issues: the send
 // engine's packet interface, the receive engine's parked-data check and
-// purges, the wait-on-mask event entry, device deletion and the CDC control
-// requests. A real module linked into a test overrides them, so the same
-// tests keep working when it lands. The control requests and purges record
-// each call in ControlCalls() and behave as far as the I/O control dispatch
-// can see (DTR and RTS change PcStatus, GetModemStatus copies ModemStatus).
+// purges, device deletion and the CDC control requests. A real module linked into a test overrides
+// them, so the same tests keep working when it lands. The control requests and purges record each
+// call in ControlCalls() and behave as far as the I/O control dispatch can see (DTR and RTS change
+// PcStatus, GetModemStatus copies ModemStatus).
 #include "device_fixture.h"
 
 LaterDoubleCalls& LaterDoubles() {
@@ -28,9 +27,6 @@ WEAK ULONG SndRcvIndicateData(PDEVICE, const UCHAR*, ULONG) {
 }
 WEAK VOID SndRcvCheckRcvQueue(PSNDRCV_PIPE) {
     LaterDoubles().check_rcv_queue++;
-}
-WEAK VOID IndicateWaitEvent(PPORT_OBJ, ULONG Mask) {
-    LaterDoubles().wait_events.push_back(Mask);
 }
 // The fixture deletes the data port itself at teardown.
 WEAK VOID DeleteDevice(PDEVICE_OBJECT DeviceObject) {
