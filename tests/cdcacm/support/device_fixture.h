@@ -1,21 +1,21 @@
 // A data port ready for requests: the DEVICE (zero-filled, magics set, Lock,
-// DeviceMutex, CompleteQueue, QueueTimer, TimerIdle, one RefCount
-// reference), its PORT_OBJ named "COM3" with the request pool, both IRP
-// queues and the SER_PORT made by AddPort, the named device object
+// DeviceMutex, CompleteQueue, QueueTimer, WaitCancelTimer, TimerIdle, one
+// RefCount reference), its PORT_OBJ named "COM3" with the request pool, both
+// IRP queues and the SER_PORT made by AddPort, the named device object
 // "\Device\korvadem0" whose extension is that DEVICE, and a DRIVER_OBJECT
 // whose read, write and (internal) device-control entries are the driver's
-// dispatch routines, with the wait-cancel timer armed with its callback. The test body is the
-// application thread: Read, Write and Control build an IRP as a caller of the I/O manager does,
-// send it with IoCallDriver and return once the dispatch routine has returned; Wait lets virtual
-// time run until the request completes.
+// dispatch routines. The test body is the application thread: Read, Write
+// and Control build an IRP as a caller of the I/O manager does, send it with
+// IoCallDriver and return once the dispatch routine has returned; Wait lets
+// virtual time run until the request completes.
 //
-// Adding pieces: a test sets further MajorFunction entries on driver_ (e.g.
-// IRP_MJ_DEVICE_CONTROL) after DeviceFixture::SetUp, fills more DEVICE fields
-// through dev_ before it sends requests, or overrides the Options() hook to
-// change buffer sizes or the tick. Operations of modules that do not exist
-// yet come from weak doubles in later_doubles.cpp (a real module linked into
-// the test replaces them); a test that wants to observe them reads
-// LaterDoubles() and ControlCalls().
+// Adding pieces: a test replaces MajorFunction entries on driver_ after
+// DeviceFixture::SetUp, fills more DEVICE fields through dev_ before it
+// sends requests, or overrides the Options() hook to change buffer sizes or
+// the tick. Operations of modules that do not exist yet come from weak
+// doubles in later_doubles.cpp (a real module linked into the test replaces
+// them); a test that wants to observe them reads LaterDoubles() and
+// ControlCalls().
 //
 // Link with: LIBS device_fixture and MODULES trace wdmkrnl serport squeue
 // dpool irpqueue dispatch wrsupport port ppp_frame ioctl worker.
