@@ -14,7 +14,7 @@
 #define CFG_PARTIAL_HEADER ((ULONG)FIELD_OFFSET(KEY_VALUE_PARTIAL_INFORMATION, Data))
 #define CFG_STAGING_SPARE 16
 
-// Every row writes its default back when the value cannot be read.
+// Every row writes its default back when the value is missing.
 const CFG_PARAM_REC CfgParamTable[CFG_PARAM_COUNT] = {
     {WSTR("RequestTimeout"), 400, 1, CfgRequestTimeout},
     {WSTR("TimerInterval"), 10, 1, CfgTimerInterval},
@@ -76,8 +76,10 @@ ULONG CfgReadDword(HANDLE Key, PCWSTR Name, ULONG Default, UCHAR WriteDefault) {
             RtlCopyMemory(&Value, Info->Data, sizeof(ULONG));
         return Value;
     }
-    // The write's own failure is not reported: the default is used anyway.
-    if (WriteDefault)
+    // Only a missing value is created: one that exists but does not fit the
+    // buffer (a long string) is the user's and stays as it is. The write's
+    // own failure is not reported: the default is used anyway.
+    if (WriteDefault && Status == STATUS_OBJECT_NAME_NOT_FOUND)
         ZwSetValueKey(Key, &ValueName, 0, REG_DWORD, &Default, sizeof(ULONG));
     return Default;
 }

@@ -7,267 +7,161 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <memory>
-#include <set>
-#include <string>
 #include <vector>
 
 namespace {
 
-// A request-sized payload, as the port creates its pool with.
 constexpr ULONG kElementSize = sizeof(SER_REQUEST);
 
 class DPoolTest : public DriverTest {
   protected:
     void TearDown() override {
-        for (auto& pool : pools_)
-            DPoolExit(pool.get());
+        PutAll();
+        DPoolExit(&pool_);
+        EXPECT_EQ(Blocks().blocks, 0u);
         DriverTest::TearDown();
     }
-
-    // A pool that the fixture frees at teardown, set up as the port does:
-    // 5 at first, soft maximum 40, steps of 10.
-    PDPOOL NewPool(NTSTATUS* status, ULONG elementSize = kElementSize) {
-        pools_.push_back(std::make_unique<DPOOL>());
-        *status = DPoolInit(pools_.back().get(), 5, 40, 10, elementSize);
-        return pools_.back().get();
+    // As the port sets it up: 5 at first, soft maximum 40, steps of 10.
+    NTSTATUS Init(ULONG max = 40, ULONG size = kElementSize) {
+        return DPoolInit(&pool_, 5, max, 10, size);
     }
-    PDPOOL NewPool() {
-        NTSTATUS status;
-        PDPOOL pool = NewPool(&status);
-        EXPECT_EQ(status, STATUS_SUCCESS);
-        return pool;
-    }
-
-    // Takes elements until the pool holds `current` in all, or refuses.
-    std::vector<PVOID> TakeUntilGrown(PDPOOL pool, ULONG current) {
-        std::vector<PVOID> taken;
-        while (pool->Count < current) {
-            PVOID payload = DPoolGet(pool);
+    // Takes elements until the pool has grown to `current` or refuses.
+    void TakeUntil(ULONG current) {
+        while (pool_.Count < current) {
+            PVOID payload = DPoolGet(&pool_);
             if (payload == nullptr)
-                break;
-            taken.push_back(payload);
+                return;
+            taken_.push_back(payload);
         }
-        return taken;
     }
-
-    static void PutAll(const std::vector<PVOID>& payloads) {
-        for (PVOID payload : payloads)
+    void PutAll() {
+        for (PVOID payload : taken_)
             DPoolPut(payload);
+        taken_.clear();
     }
-
     hk::Pool::Usage Blocks() { return kernel().pool().ForTag(DPOOL_TAG); }
 
-    bool AssertionPrinted() { return dbg().Contains("ASSERTION FAILED"); }
-
-  private:
-    std::vector<std::unique_ptr<DPOOL>> pools_;
+    DPOOL pool_{};
+    std::vector<PVOID> taken_;
 };
 
-TEST_F(DPoolTest, GrowsFrom5To15_25_37_55AndRefusesThe56th) {
-    PDPOOL pool = NewPool();
-    EXPECT_EQ(pool->CurrentCount, 5u);
-    EXPECT_EQ(Blocks().blocks, 1u);
-
-    std::vector<PVOID> taken = TakeUntilGrown(pool, 5);
-    EXPECT_EQ(pool->CurrentCount, 5u) << "five records come without growing";
-    EXPECT_EQ(Blocks().blocks, 1u);
-
-    const ULONG steps[] = {15, 25, 37, 55};
-    for (ULONG size : steps) {
-        taken.push_back(DPoolGet(pool));
-        ASSERT_NE(taken.back(), nullptr);
-        EXPECT_EQ(pool->CurrentCount, size);
-        std::vector<PVOID> more = TakeUntilGrown(pool, size);
-        taken.insert(taken.end(), more.begin(), more.end());
-        EXPECT_EQ(pool->CurrentCount, size) << "no growth before the pool runs dry";
-    }
-    EXPECT_EQ(pool->Count, 55u);
-    EXPECT_EQ(Blocks().blocks, 5u);
-
-    dbg().Clear();
-    EXPECT_EQ(DPoolGet(pool), nullptr);
-    ASSERT_EQ(dbg().Lines().size(), 1u);
-    EXPECT_EQ(dbg().Lines()[0], "ACMDPoolGet: alloc failed. CurrentCount 55 MaxCount 40");
-    EXPECT_EQ(pool->Count, 55u);
-    EXPECT_EQ(Blocks().blocks, 5u) << "a refused growth allocates nothing";
-
-    PutAll(taken);
-    EXPECT_EQ(pool->Count, 0u);
-}
-
-TEST_F(DPoolTest, GrowsOnceMoreWhenExactlyAtItsMaximum) {
-    DPOOL pool;
-    ASSERT_EQ(DPoolInit(&pool, 5, 15, 10, kElementSize), STATUS_SUCCESS);
-    std::vector<PVOID> taken = TakeUntilGrown(&pool, 25);
-    EXPECT_EQ(pool.CurrentCount, 25u) << "15 equals the maximum and may still grow";
-    EXPECT_EQ(taken.size(), 25u);
-    EXPECT_EQ(DPoolGet(&pool), nullptr);
-    EXPECT_TRUE(dbg().Contains("ACMDPoolGet: alloc failed. CurrentCount 25 MaxCount 15"));
-    PutAll(taken);
-    DPoolExit(&pool);
-}
-
-TEST_F(DPoolTest, RefusalTraceIsGatedByTheErrorBit) {
-    PDPOOL pool = NewPool();
-    std::vector<PVOID> taken = TakeUntilGrown(pool, 55);
-    ASSERT_EQ(taken.size(), 55u);
-    TraceMask = TL_ASSERT;
-    dbg().Clear();
-    EXPECT_EQ(DPoolGet(pool), nullptr);
-    EXPECT_TRUE(dbg().Lines().empty());
-    PutAll(taken);
-}
-
-TEST_F(DPoolTest, HandsOutDistinctPayloadsOfElementSizeEachAligned) {
-    // 13 is not a multiple of the header word: the elements must still not
-    // overlap and every payload must stay aligned.
-    for (ULONG size : {kElementSize, 13u, 1u}) {
-        DPOOL pool;
-        ASSERT_EQ(DPoolInit(&pool, 5, 40, 10, size), STATUS_SUCCESS);
-        std::vector<PVOID> taken = TakeUntilGrown(&pool, 55);
-        ASSERT_EQ(taken.size(), 55u);
-        for (size_t i = 0; i < taken.size(); i++) {
-            EXPECT_EQ(reinterpret_cast<uintptr_t>(taken[i]) % sizeof(PVOID), 0u);
-            memset(taken[i], static_cast<int>(i + 1), size);
+// Each growth adds half the current count, at least the step, until the
+// count is above the maximum; a count equal to it may still grow once.
+TEST_F(DPoolTest, GrowsByHalfOrTheStepUntilAboveTheMaximum) {
+    const struct {
+        ULONG max;
+        std::vector<ULONG> sizes;
+    } cases[] = {{40, {5, 15, 25, 37, 55}}, {15, {5, 15, 25}}};
+    for (const auto& c : cases) {
+        ASSERT_EQ(Init(c.max), STATUS_SUCCESS);
+        for (ULONG size : c.sizes) {
+            TakeUntil(size);
+            EXPECT_EQ(pool_.CurrentCount, size) << "no growth before the pool runs dry";
+            EXPECT_EQ(taken_.size(), size);
         }
-        for (size_t i = 0; i < taken.size(); i++) {
-            auto bytes = static_cast<const UCHAR*>(taken[i]);
+        EXPECT_EQ(Blocks().blocks, c.sizes.size());
+        TraceMask = TL_ASSERT;
+        EXPECT_EQ(DPoolGet(&pool_), nullptr);
+        EXPECT_TRUE(dbg().Lines().empty()) << "the refusal is an error line";
+        TraceMask = TL_ASSERT | TL_ERROR;
+        EXPECT_EQ(DPoolGet(&pool_), nullptr);
+        EXPECT_EQ(dbg().Lines(),
+                  std::vector<std::string>{"ACMDPoolGet: alloc failed. CurrentCount " +
+                                           std::to_string(c.sizes.back()) + " MaxCount " +
+                                           std::to_string(c.max)});
+        EXPECT_EQ(Blocks().blocks, c.sizes.size()) << "a refused growth allocates nothing";
+        PutAll();
+        DPoolExit(&pool_);
+        dbg().Clear();
+    }
+}
+
+TEST_F(DPoolTest, HandsOutDistinctAlignedPayloadsOfTheElementSize) {
+    // 13 is not a multiple of the header word: elements must still not overlap.
+    for (ULONG size : {kElementSize, 13u, 1u}) {
+        ASSERT_EQ(Init(40, size), STATUS_SUCCESS);
+        TakeUntil(55);
+        ASSERT_EQ(taken_.size(), 55u);
+        for (size_t i = 0; i < taken_.size(); i++) {
+            EXPECT_EQ(reinterpret_cast<uintptr_t>(taken_[i]) % sizeof(PVOID), 0u);
+            memset(taken_[i], static_cast<int>(i + 1), size);
+        }
+        for (size_t i = 0; i < taken_.size(); i++) {
+            auto bytes = static_cast<const UCHAR*>(taken_[i]);
             EXPECT_TRUE(std::all_of(bytes, bytes + size, [&](UCHAR b) { return b == i + 1; }))
                 << "payload " << i << " of size " << size << " was overwritten";
         }
-        PutAll(taken);
-        DPoolExit(&pool);
+        PutAll();
+        DPoolExit(&pool_);
     }
 }
 
-TEST_F(DPoolTest, HandsOutTheLastElementOfABlockFirstAndReusesTheLastReturned) {
-    PDPOOL pool = NewPool();
-    std::vector<PVOID> taken = TakeUntilGrown(pool, 5);
-    ASSERT_EQ(taken.size(), 5u);
-    for (size_t i = 1; i < taken.size(); i++)
-        EXPECT_LT(taken[i], taken[i - 1]) << "elements leave in reverse block order";
-
-    DPoolPut(taken[2]);
-    EXPECT_EQ(pool->Count, 4u);
-    EXPECT_EQ(DPoolGet(pool), taken[2]) << "last returned, first handed out";
-    EXPECT_EQ(pool->CurrentCount, 5u);
-    PutAll(taken);
+TEST_F(DPoolTest, LastOfABlockGoesFirstAndTheLastReturnedIsReused) {
+    ASSERT_EQ(Init(), STATUS_SUCCESS);
+    TakeUntil(5);
+    for (size_t i = 1; i < taken_.size(); i++)
+        EXPECT_LT(taken_[i], taken_[i - 1]);
+    DPoolPut(taken_[2]);
+    EXPECT_EQ(pool_.Count, 4u);
+    EXPECT_EQ(DPoolGet(&pool_), taken_[2]);
+    EXPECT_EQ(pool_.CurrentCount, 5u);
 }
 
 TEST_F(DPoolTest, PutReturnsEachElementToThePoolThatIssuedIt) {
-    PDPOOL first = NewPool();
-    PDPOOL second = NewPool();
-
-    // Get and put run at raised IRQL, as under the device lock.
+    DPOOL second;
+    ASSERT_EQ(Init(), STATUS_SUCCESS);
+    ASSERT_EQ(DPoolInit(&second, 5, 40, 10, kElementSize), STATUS_SUCCESS);
     KIRQL oldIrql;
-    KeRaiseIrql(DISPATCH_LEVEL, &oldIrql);
-    PVOID fromFirst = DPoolGet(first);
-    PVOID fromSecond = DPoolGet(second);
-    ASSERT_NE(fromFirst, nullptr);
-    ASSERT_NE(fromSecond, nullptr);
-    EXPECT_EQ(first->Count, 1u);
-    EXPECT_EQ(second->Count, 1u);
-
+    KeRaiseIrql(DISPATCH_LEVEL, &oldIrql); // as under the device lock
+    PVOID fromSecond = DPoolGet(&second);
+    TakeUntil(1);
     DPoolPut(fromSecond);
-    EXPECT_EQ(first->Count, 1u);
-    EXPECT_EQ(second->Count, 0u);
-    DPoolPut(fromFirst);
-    EXPECT_EQ(first->Count, 0u);
     KeLowerIrql(oldIrql);
-
-    EXPECT_EQ(DPoolGet(first), fromFirst);
-    EXPECT_EQ(DPoolGet(second), fromSecond);
-    DPoolPut(fromFirst);
+    EXPECT_EQ(pool_.Count, 1u);
+    EXPECT_EQ(second.Count, 0u);
+    EXPECT_EQ(DPoolGet(&second), fromSecond);
     DPoolPut(fromSecond);
+    DPoolExit(&second);
 }
 
-TEST_F(DPoolTest, ExitFreesEveryBlockOnceAllAreReturned) {
-    DPOOL pool;
-    ASSERT_EQ(DPoolInit(&pool, 5, 40, 10, kElementSize), STATUS_SUCCESS);
-    std::vector<PVOID> taken = TakeUntilGrown(&pool, 37);
+TEST_F(DPoolTest, ExitFreesEveryBlockAndAssertsOnARecordStillOut) {
+    ASSERT_EQ(Init(), STATUS_SUCCESS);
+    TakeUntil(37);
     ASSERT_EQ(Blocks().blocks, 4u);
-    PutAll(taken);
-    EXPECT_EQ(pool.Count, 0u);
-
-    DPoolExit(&pool);
+    PutAll();
+    DPoolExit(&pool_);
     EXPECT_EQ(Blocks().blocks, 0u);
-    EXPECT_EQ(MemoryCounter, 0u);
-    EXPECT_EQ(pool.CurrentCount, 0u);
-    EXPECT_EQ(pool.Head, nullptr);
-    EXPECT_FALSE(AssertionPrinted());
-}
+    EXPECT_EQ(pool_.CurrentCount, 0u);
+    EXPECT_EQ(pool_.Head, nullptr);
+    EXPECT_FALSE(dbg().Contains("ASSERTION FAILED"));
 
-TEST_F(DPoolTest, ExitWithARecordOutAssertsAndStillFreesTheBlocks) {
-    DPOOL pool;
-    ASSERT_EQ(DPoolInit(&pool, 5, 40, 10, kElementSize), STATUS_SUCCESS);
-    ASSERT_NE(DPoolGet(&pool), nullptr);
-
-    DPoolExit(&pool);
+    ASSERT_EQ(Init(), STATUS_SUCCESS);
+    ASSERT_NE(DPoolGet(&pool_), nullptr);
+    DPoolExit(&pool_);
     EXPECT_TRUE(dbg().Contains("ACM:ASSERTION FAILED: (Pool->Count==0)"));
     EXPECT_TRUE(dbg().Contains("  source/cdcacm/dpool("));
     EXPECT_EQ(Blocks().blocks, 0u);
-}
 
-TEST_F(DPoolTest, ExitOfAZeroFilledPoolFreesNothing) {
-    // A port whose creation failed before its pool was set up deletes the
-    // zero-filled pool.
-    DPOOL pool;
-    RtlZeroMemory(&pool, sizeof(pool));
-    DPoolExit(&pool);
+    // A port whose creation failed before its pool was set up.
+    RtlZeroMemory(&pool_, sizeof(pool_));
+    DPoolExit(&pool_);
     EXPECT_EQ(kernel().pool().Total().blocks, 0u);
-    EXPECT_FALSE(AssertionPrinted());
 }
 
-TEST_F(DPoolTest, ExitOfNoPoolOnlyAsserts) {
-    DPoolExit(nullptr);
-    EXPECT_TRUE(dbg().Contains("ACM:ASSERTION FAILED: (Pool!=NULL)"));
-}
-
-TEST_F(DPoolTest, FailedFirstBlockFailsInitAndTheNextGetRetries) {
-    hk::FaultKnob& knob =
-        kernel().pool().Faults().Add("pool", hk::FaultKnob{.nth = 1, .match = DPOOL_TAG});
-    NTSTATUS status;
-    PDPOOL pool = NewPool(&status);
-    EXPECT_EQ(status, STATUS_INSUFFICIENT_RESOURCES);
+TEST_F(DPoolTest, FailedAllocationsRefuseOnceAndTheNextGetGrows) {
+    auto& knob = kernel().pool().Faults().Add("pool", hk::FaultKnob{.nth = 1, .match = DPOOL_TAG});
+    EXPECT_EQ(Init(), STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_EQ(knob.fired, 1u);
-    EXPECT_EQ(pool->CurrentCount, 0u);
-    EXPECT_EQ(Blocks().blocks, 0u);
+    EXPECT_EQ(pool_.CurrentCount, 0u);
+    TakeUntil(5);
+    EXPECT_EQ(pool_.CurrentCount, 5u) << "the first get allocates the initial block";
 
-    PVOID payload = DPoolGet(pool);
-    ASSERT_NE(payload, nullptr) << "the first get allocates the initial block";
-    EXPECT_EQ(pool->CurrentCount, 5u);
-    DPoolPut(payload);
-}
-
-TEST_F(DPoolTest, FailedGrowthRefusesOneGetAndTheNextOneGrows) {
-    PDPOOL pool = NewPool();
-    std::vector<PVOID> taken = TakeUntilGrown(pool, 5);
-    hk::FaultKnob& knob =
-        kernel().pool().Faults().Add("pool", hk::FaultKnob{.nth = 1, .match = DPOOL_TAG});
-
-    dbg().Clear();
-    EXPECT_EQ(DPoolGet(pool), nullptr);
-    EXPECT_EQ(knob.fired, 1u);
+    kernel().pool().Faults().Add("again", hk::FaultKnob{.nth = 1, .match = DPOOL_TAG});
+    EXPECT_EQ(DPoolGet(&pool_), nullptr);
     EXPECT_TRUE(dbg().Contains("ACMDPoolGet: alloc failed. CurrentCount 5 MaxCount 40"));
-    EXPECT_EQ(pool->Count, 5u);
-    EXPECT_EQ(pool->CurrentCount, 5u);
-
-    taken.push_back(DPoolGet(pool));
-    ASSERT_NE(taken.back(), nullptr);
-    EXPECT_EQ(pool->CurrentCount, 15u);
-    PutAll(taken);
-}
-
-TEST_F(DPoolTest, PoolThatCannotGrowRefusesWithAnAssertion) {
-    // Zero initial and growth counts are not used by the driver; the pool
-    // refuses instead of handing out nothing.
-    DPOOL pool;
-    ASSERT_EQ(DPoolInit(&pool, 0, 40, 0, kElementSize), STATUS_SUCCESS);
-    EXPECT_EQ(DPoolGet(&pool), nullptr);
-    EXPECT_TRUE(dbg().Contains("ACM:ASSERTION FAILED: (Pool->Head!=NULL)"));
-    EXPECT_EQ(pool.Count, 0u);
-    DPoolExit(&pool);
+    EXPECT_EQ(pool_.Count, 5u);
+    TakeUntil(6);
+    EXPECT_EQ(pool_.CurrentCount, 15u);
 }
 
 } // namespace

@@ -1,12 +1,8 @@
-// The shared data port with its IRP_MJ_DEVICE_CONTROL and
-// IRP_MJ_INTERNAL_DEVICE_CONTROL routed to the I/O control dispatch, the
-// wait-cancel timer armed with its callback and the USB device enabled, and
-// helpers that send I/O controls from the test's application thread the way
-// a kernel client does (IoBuildDeviceIoControlRequest, buffered I/O copied
-// back only on success, wait on the event).
-//
-// The CDC control requests and the receive/send purges are the doubles of
-// control_doubles.cpp: they record their calls in Calls().
+// The shared data port with bigger buffers and the USB device enabled, and
+// helpers that send I/O controls from the test's application thread through
+// the fixture's Control (buffered I/O) and wait for them. The CDC control
+// requests and the purges are the fixture's doubles, which record their
+// calls in ControlCalls().
 #pragma once
 
 // Tests take the device lock with the driver's macros, whose assertions
@@ -17,13 +13,9 @@
 #include "device_fixture.h"
 
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <vector>
-
-// What the doubles saw, in order ("SendLineCoding", "RcvPurge", ...).
-std::vector<std::string>& Calls();
-// The status the control-request doubles return.
-extern NTSTATUS ControlRequestStatus;
 
 // Bytes of the circular buffers the rig's serial port starts with.
 constexpr ULONG RigReceiveBufferSize = 4096;
@@ -32,21 +24,7 @@ constexpr ULONG RigSendBufferSize = 2048;
 struct IoctlResult {
     NTSTATUS Status;
     ULONG_PTR Information;
-    std::vector<uint8_t> Output;
-};
-
-// An I/O control sent and not waited for.
-struct PendingIoctl {
-    KEVENT Event;
-    IO_STATUS_BLOCK IoStatus;
-    std::vector<uint8_t> Output;
-    PIRP Irp; // valid only until the request completes
-    NTSTATUS DispatchResult;
-
-    bool Completed();
-    // Waits at most Milliseconds of virtual time; true when it completed.
-    bool Wait(int64_t Milliseconds);
-    ULONG Mask() const; // the first 32 bits of the output
+    std::vector<uint8_t> Output; // the system buffer; unwritten bytes are hk::Pool::kNewFill
 };
 
 class IoctlTest : public DeviceFixture {
@@ -70,9 +48,6 @@ class IoctlTest : public DeviceFixture {
         memcpy(&Value, Result.Output.data(), sizeof(T));
         return Value;
     }
-    // Sends the I/O control without waiting; the caller owns the record.
-    void Start(PendingIoctl* Request, ULONG Code, const void* Input, ULONG InputLength,
-               ULONG OutputLength);
 
     // Raises serial events the way the serial port and the modem-status
     // processing do: under the device lock.

@@ -106,20 +106,50 @@ TEST_F(NtcfgTest, FirstLoadWritesEveryDeviceDefaultAndLeavesTheEndpointsAlone) {
     EXPECT_TRUE(dbg().Contains("ACM:]LoadCfg (00000000)"));
 }
 
-TEST_F(NtcfgTest, ValuesOfAnotherTypeOrSizeKeepTheDefaultAndStayUntouched) {
-    reg().SetString(HardwareKey(), "TimerInterval", "5");
-    reg().SetValue(HardwareKey(), "RequestTimeout", REG_DWORD, {0x10, 0x00});
-    reg().SetValue(HardwareKey(), "HighPowerCfg", REG_BINARY, {2, 0, 0, 0});
+// Values that exist but do not hold a 4-byte REG_DWORD: the default is used
+// and the user's value stays exactly as it was, even one too long for the
+// reader's buffer.
+struct ForeignValueCase {
+    const char* name;
+    ULONG type;
+    std::vector<uint8_t> data;
+    ULONG DEVICE_CFG::*field;
+    ULONG used;
+};
+
+class ForeignValueTest : public NtcfgTest,
+                         public ::testing::WithParamInterface<ForeignValueCase> {};
+
+TEST_P(ForeignValueTest, KeepsTheDefaultAndLeavesTheValueUntouched) {
+    const ForeignValueCase& c = GetParam();
+    reg().SetValue(HardwareKey(), c.name, c.type, c.data);
     DEVICE_CFG cfg = MarkedCfg();
     ASSERT_EQ(LoadCfg(Pdo(), &cfg), STATUS_SUCCESS);
-    EXPECT_EQ(cfg.TimerInterval, 10u);
-    EXPECT_EQ(cfg.RequestTimeout, 400u);
-    EXPECT_EQ(cfg.HighPowerCfg, 1u);
-    EXPECT_EQ(reg().GetString(HardwareKey(), "TimerInterval"), "5");
-    EXPECT_EQ(reg().GetValue(HardwareKey(), "RequestTimeout")->data,
-              (std::vector<uint8_t>{0x10, 0x00}));
-    EXPECT_EQ(reg().GetValue(HardwareKey(), "HighPowerCfg")->type, ULONG(REG_BINARY));
+    EXPECT_EQ(cfg.*c.field, c.used);
+    auto stored = reg().GetValue(HardwareKey(), c.name);
+    ASSERT_TRUE(stored.has_value());
+    EXPECT_EQ(stored->type, c.type);
+    EXPECT_EQ(stored->data, c.data);
 }
+
+static std::vector<uint8_t> Utf16(const std::string& text) {
+    std::vector<uint8_t> bytes;
+    for (char ch : text)
+        bytes.insert(bytes.end(), {uint8_t(ch), 0});
+    bytes.insert(bytes.end(), {0, 0});
+    return bytes;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Foreign, ForeignValueTest,
+    ::testing::Values(
+        ForeignValueCase{"TimerInterval", REG_SZ, Utf16("5"), &DEVICE_CFG::TimerInterval, 10},
+        ForeignValueCase{"RequestTimeout", REG_SZ, Utf16(std::string(49, '7')),
+                         &DEVICE_CFG::RequestTimeout, 400},
+        ForeignValueCase{
+            "RequestTimeout", REG_DWORD, {0x10, 0x00}, &DEVICE_CFG::RequestTimeout, 400},
+        ForeignValueCase{"FlowTest", REG_DWORD, {5, 0, 0, 0, 0, 0, 0, 0}, &DEVICE_CFG::FlowTest, 0},
+        ForeignValueCase{"HighPowerCfg", REG_BINARY, {2, 0, 0, 0}, &DEVICE_CFG::HighPowerCfg, 1}));
 
 TEST_F(NtcfgTest, HardwareKeyThatCannotBeOpenedFailsAndWritesNothing) {
     TraceMask = 3 | TL_LIFECYCLE;
@@ -148,6 +178,16 @@ TEST_F(NtcfgTest, FailingDefaultWriteStillYieldsTheDefaultSilently) {
     EXPECT_TRUE(dbg().Lines().empty());
 }
 
+TEST_F(NtcfgTest, QueryThatFailsForAnExistingValueWritesNothingBack) {
+    reg().SetDword(HardwareKey(), "FlowTest", 9);
+    reg().Faults().Add("query", hk::FaultKnob{.every = 1, .match = hk::Registry::kQuery});
+    DEVICE_CFG cfg = MarkedCfg();
+    ASSERT_EQ(LoadCfg(Pdo(), &cfg), STATUS_SUCCESS);
+    EXPECT_EQ(cfg.FlowTest, 0u);
+    EXPECT_EQ(reg().GetDword(HardwareKey(), "FlowTest"), 9u);
+    EXPECT_EQ(reg().ValueNames(HardwareKey()).size(), 1u);
+}
+
 TEST_F(NtcfgTest, ServiceKeyGetsTraceMaskWrittenBackAndAMissingKeyFailsToOpen) {
     const std::u16string path = u"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\Modem";
     HANDLE key = nullptr;
@@ -163,14 +203,6 @@ TEST_F(NtcfgTest, ServiceKeyGetsTraceMaskWrittenBackAndAMissingKeyFailsToOpen) {
     EXPECT_EQ(CfgOpenKey(&untouched, reinterpret_cast<PCWSTR>(absent.c_str())),
               STATUS_OBJECT_NAME_NOT_FOUND);
     EXPECT_EQ(untouched, reinterpret_cast<HANDLE>(0x1234));
-}
-
-TEST_F(NtcfgTest, UnknownParameterYieldsZeroWithATrace) {
-    HANDLE key = OpenHardwareKey();
-    EXPECT_EQ(CfgGetParameter(key, CFG_PARAM_COUNT), 0u);
-    EXPECT_EQ(dbg().Text(), "ACM: Invalid Config Parameter: 13");
-    EXPECT_TRUE(reg().ValueNames(HardwareKey()).empty());
-    ZwClose(key);
 }
 
 TEST_F(NtcfgTest, GetValueDataReadsUpToFourBytesBeyondTheCapacity) {

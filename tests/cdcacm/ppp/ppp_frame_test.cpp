@@ -67,18 +67,9 @@ TEST_F(PppTest, FcsKnownValuesAndIncrementalUse) {
     // Content followed by its FCS (low byte first) leaves the good residue.
     const UCHAR with_fcs[] = {1, 2, 3, 0x3B, 0x9D};
     EXPECT_EQ(PppFcs16(PPP_FCS_INITIAL, with_fcs, 5), kFcsGood);
+    // Continued from a running value, as the framer does byte by byte.
+    EXPECT_EQ(PppFcs16(PppFcs16(PPP_FCS_INITIAL, check, 4), check + 4, 5) ^ 0xFFFF, 0x906E);
     EXPECT_EQ(PppFcs16(0x1234, content, 0), 0x1234);
-
-    std::mt19937 random(7);
-    for (int round = 0; round < 200; round++) {
-        Bytes data(random() % 300);
-        for (uint8_t& byte : data)
-            byte = (uint8_t)random();
-        size_t split = data.empty() ? 0 : random() % data.size();
-        USHORT fcs = PppFcs16(PPP_FCS_INITIAL, data.data(), (ULONG)split);
-        fcs = PppFcs16(fcs, data.data() + split, (ULONG)(data.size() - split));
-        ASSERT_EQ(fcs, ReferenceFcs(data)) << "round " << round;
-    }
 }
 
 // ---------------------------------------------------------------- framer
@@ -204,24 +195,6 @@ TEST_F(PppTest, FramerTracesEachFrameWithPppMask) {
     EXPECT_EQ(dbg().Count("0030: "), 1u) << "64 bytes dumped at most";
     EXPECT_FALSE(dbg().Contains("0040: "));
     EXPECT_EQ(dbg().Count("..."), 1u);
-}
-
-TEST_F(PppTest, ConvertersReportAnUnknownState) {
-    rig_->Framer().State = 9;
-    EXPECT_TRUE(PppFramerIndicateChar(&rig_->Framer(), 0xAA));
-    rig_->DeFramer().State = 9;
-    EXPECT_TRUE(PppDeFramerSendChar(&rig_->DeFramer(), 0x7E));
-    EXPECT_EQ(dbg().Count("ACM:ASSERTION FAILED: (0)"), 2u);
-    EXPECT_TRUE(dbg().Contains("source/cdcacm/ppp_frame("));
-}
-
-TEST_F(PppTest, FramerReportsAFlagOrEscapeLeftUnescaped) {
-    // Only a corrupted table can let them through; the framer says so.
-    rig_->Framer().EscapeTable[0x7D] = 0;
-    rig_->Framer().EscapeTable[0x7E] = 0;
-    rig_->FeedModem(ModemPacketBytes(0, {0x7D, 0x7E}));
-    EXPECT_EQ(dbg().Count("ACM:ASSERTION FAILED: (c!= 0x7d)"), 1u);
-    EXPECT_EQ(dbg().Count("ACM:ASSERTION FAILED: (c!= 0x7e)"), 1u);
 }
 
 // ---------------------------------------------------------------- deframer

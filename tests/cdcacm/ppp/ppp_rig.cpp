@@ -81,10 +81,6 @@ unsigned PppRig::FreePackets() const {
     return free;
 }
 
-unsigned PppRig::InFlight() const {
-    return (unsigned)in_flight_.size();
-}
-
 Bytes PppRig::SentStream() const {
     Bytes stream;
     for (const Bytes& chunk : chunks_)
@@ -152,7 +148,6 @@ void PppRig::ReturnWriteBuffer(PDEVICE dev, PUCHAR buffer, PUSB_PACKET token) {
     if (packet->state != PacketState::Lent || buffer != packet->data.get())
         Violation("ReturnWriteBuffer: packet not lent");
     packet->state = PacketState::Free;
-    returned_unused_++;
 }
 
 ULONG PppRig::SndRcvIndicateData(PDEVICE dev, const UCHAR* data, ULONG length) {

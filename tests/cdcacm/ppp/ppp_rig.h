@@ -73,7 +73,6 @@ class PppRig {
     // Completes the oldest transfer in flight; FALSE when none is.
     bool CompleteSend();
     unsigned FreePackets() const;
-    unsigned InFlight() const;
     // Every chunk given to SubmitWriteBuffer, in order.
     const std::vector<Bytes>& Chunks() const { return chunks_; }
     Bytes SentStream() const;
@@ -82,7 +81,6 @@ class PppRig {
     unsigned GetWriteBufferCalls() const { return get_calls_; }
     // Benchmarks count the traffic without keeping its bytes.
     void KeepTraffic(bool keep) { keep_traffic_ = keep; }
-    unsigned ReturnedUnused() const { return returned_unused_; }
 
     const std::vector<std::string>& Violations() const { return violations_; }
 
@@ -112,7 +110,6 @@ class PppRig {
     uint64_t sent_chunks_ = 0;
     uint64_t received_bytes_ = 0;
     unsigned get_calls_ = 0;
-    unsigned returned_unused_ = 0;
     std::deque<ULONG> receive_limits_;
     Bytes received_;
     unsigned receive_calls_ = 0;

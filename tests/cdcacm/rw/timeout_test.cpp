@@ -33,25 +33,6 @@ TEST_F(ReadTimeouts, TotalTimeoutFiresOnTheEleventhTickOfAHundredMilliseconds) {
     EXPECT_EQ(read->Data(), Bytes({'a', 'b'}));
 }
 
-TEST_F(ReadTimeouts, IntervalRunsOnlyOnceBytesArriveAndRestartsWithEachArrival) {
-    SetReadTimeouts(30, 0, 0);
-    AppRequest* read = Read(10);
-    RunFor(200);
-    EXPECT_FALSE(read->completed) << "no interval without a first byte";
-
-    RunFor(5); // between two ticks
-    Receive("a");
-    RunFor(30);
-    EXPECT_FALSE(read->completed);
-    Receive("b"); // at 235: restarts the interval
-    RunFor(30);
-    EXPECT_FALSE(read->completed);
-    ASSERT_TRUE(Wait(read, 10));
-    EXPECT_EQ(read->status, STATUS_TIMEOUT);
-    EXPECT_EQ(read->Data(), Bytes({'a', 'b'}));
-    EXPECT_EQ(Elapsed(read), 270) << "the fourth tick after the last byte";
-}
-
 TEST_F(ReadTimeouts, StoppedTimerNoLongerTicks) {
     SetReadTimeouts(0, 0, 50);
     StopTimer(dev_);

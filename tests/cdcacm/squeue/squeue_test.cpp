@@ -20,7 +20,7 @@ struct ModeCase {
 class TimeModeTest : public SerialTest, public ::testing::WithParamInterface<ModeCase> {};
 
 TEST_P(TimeModeTest, ReadTimeoutsChooseTheMode) {
-    TraceMask |= TL_SND;
+    TraceMask |= 0x8000;
     const ModeCase& c = GetParam();
     SetTimeouts(c.interval, c.multiplier, c.constant);
     EXPECT_EQ(port->RcvQueue.TimeMode, c.mode);
@@ -60,19 +60,6 @@ TEST_F(SqueueTest, OffModeReadWaitsForItsWholeLength) {
     EXPECT_EQ(ReadData(read), (Bytes{1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));
 }
 
-TEST_F(SqueueTest, NoWaitReadTakesWhatIsBuffered) {
-    SetTimeouts(0xFFFFFFFF, 0, 0);
-    Indicate({1, 2, 3, 4});
-    PSER_REQUEST some = NewRead(10);
-    EXPECT_EQ(AddRead(some), STATUS_PENDING) << "even when completed during the call";
-    EXPECT_EQ(StatusOf(CompletionOf(some)), STATUS_SUCCESS);
-    EXPECT_EQ(ReadData(some), (Bytes{1, 2, 3, 4}));
-    PSER_REQUEST none = NewRead(10);
-    AddRead(none);
-    EXPECT_EQ(StatusOf(CompletionOf(none)), STATUS_SUCCESS);
-    EXPECT_EQ(none->Length, 0u);
-}
-
 TEST_F(SqueueTest, WaitFirstCompletesWithTheFirstBytes) {
     SetTimeouts(0xFFFFFFFF, 0xFFFFFFFF, 500);
     PSER_REQUEST read = NewRead(10);
@@ -100,20 +87,58 @@ TEST_P(WaitFirstTimeout, ExpiresOnTheTickAfterTheConstant) {
 
 INSTANTIATE_TEST_SUITE_P(Squeue, WaitFirstTimeout, ::testing::Values(10u, 7u, 1u, 100u));
 
-TEST_F(SqueueTest, IntervalExpiresWhenNoByteFollowsForSixTicks) {
+// Every queued read's interval runs while the head is partly filled; bytes
+// restart the head's only. The head times out after 6 ticks without a byte.
+TEST_F(SqueueTest, IntervalsRunWhileTheHeadIsPartlyFilled) {
     SetTimeouts(50, 0, 0);
-    PSER_REQUEST read = NewRead(10);
-    AddRead(read);
+    PSER_REQUEST head = NewRead(10), next = NewRead(10);
+    AddRead(head);
+    AddRead(next);
     Tick(100);
-    EXPECT_EQ(CompletionOf(read), nullptr) << "an empty read has no interval";
+    EXPECT_TRUE(fakes.completions.empty()) << "an empty read has no interval";
     Indicate({1, 2, 3});
     Tick(3);
-    Indicate({4}); // restarts the interval
-    Tick(5);
-    EXPECT_EQ(CompletionOf(read), nullptr);
+    Indicate({4}); // restarts the head's interval only
+    Tick(2);
+    EXPECT_TRUE(fakes.completions.empty());
+    Tick();
+    ASSERT_EQ(fakes.completions.size(), 1u);
+    EXPECT_EQ(fakes.completions[0].request, next);
+    EXPECT_EQ(fakes.completions[0].status, STATUS_TIMEOUT);
+    EXPECT_EQ(fakes.completions[0].length, 0u);
+    Tick(2);
+    EXPECT_EQ(CompletionOf(head), nullptr);
+    Tick();
+    EXPECT_EQ(StatusOf(CompletionOf(head)), STATUS_TIMEOUT);
+    EXPECT_EQ(ReadData(head), (Bytes{1, 2, 3, 4}));
+}
+
+// Bytes moved under one mode stay with the head when the time-outs change.
+TEST_F(SqueueTest, WaitFirstTickCompletesAPartlyFilledHeadWithItsBytes) {
+    SetTimeouts(0, 0, 1000);
+    PSER_REQUEST read = NewRead(10);
+    AddRead(read);
+    Indicate({1, 2, 3});
+    SetTimeouts(0xFFFFFFFF, 0xFFFFFFFF, 500);
     Tick();
     EXPECT_EQ(StatusOf(CompletionOf(read)), STATUS_TIMEOUT);
-    EXPECT_EQ(ReadData(read), (Bytes{1, 2, 3, 4}));
+    EXPECT_EQ(ReadData(read), (Bytes{1, 2, 3}));
+}
+
+TEST_F(SqueueTest, NoWaitAfterASwitchCompletesEveryQueuedReadAtTheNextIndication) {
+    PSER_REQUEST head = NewRead(10), next = NewRead(10);
+    AddRead(head);
+    AddRead(next);
+    Indicate({1, 2});
+    SetTimeouts(0xFFFFFFFF, 0, 0);
+    EXPECT_TRUE(fakes.completions.empty());
+    Indicate({3});
+    ASSERT_EQ(fakes.completions.size(), 2u);
+    EXPECT_EQ(fakes.completions[0].request, head);
+    EXPECT_EQ(fakes.completions[0].status, STATUS_SUCCESS);
+    EXPECT_EQ(ReadData(head), (Bytes{1, 2, 3}));
+    EXPECT_EQ(fakes.completions[1].status, STATUS_SUCCESS);
+    EXPECT_EQ(fakes.completions[1].length, 0u);
 }
 
 TEST_F(SqueueTest, IntervalOfHalfTheRangeOrMoreExpiresAtTheNextTick) {
@@ -142,17 +167,26 @@ TEST_F(SqueueTest, TotalTimeThatWrapsNegativeBecomesMaxLong) {
     EXPECT_EQ(dbg().Count("ACM:SqueueAddRequest:Overflow in TotalTime! Set time to MAXLONG!"), 2u);
 }
 
-TEST_F(SqueueTest, AllOnesReadMultiplierCountsOnlyTheConstant) {
-    SetTimeouts(0, 0xFFFFFFFF, 100);
+// With the multiplier 0xFFFFFFFF only the constant counts, and a total of
+// 0 is a time-out at the first tick, not an overflow.
+class AllOnesMultiplier : public SerialTest, public ::testing::WithParamInterface<ULONG> {};
+
+TEST_P(AllOnesMultiplier, CountsOnlyTheConstant) {
+    TraceMask |= 0x4;
+    const ULONG constant = GetParam();
+    SetTimeouts(0, 0xFFFFFFFF, constant);
     ASSERT_EQ(port->RcvQueue.TimeMode, (ULONG)INTERVALTIME_ON);
     PSER_REQUEST read = NewRead(10);
     AddRead(read);
-    EXPECT_EQ(read->TotalTime, 100);
-    Tick(10);
+    EXPECT_EQ(read->TotalTime, (LONG)constant);
+    Tick(constant / 10);
     EXPECT_EQ(CompletionOf(read), nullptr);
     Tick();
     EXPECT_EQ(StatusOf(CompletionOf(read)), STATUS_TIMEOUT);
+    EXPECT_FALSE(dbg().Contains("Overflow"));
 }
+
+INSTANTIATE_TEST_SUITE_P(Squeue, AllOnesMultiplier, ::testing::Values(100u, 0u));
 
 TEST_F(SqueueTest, TotalTimeoutReportsTheHeadsBytesOnly) {
     SetTimeouts(0, 10, 0); // 10 ms per byte
@@ -211,7 +245,7 @@ class CtsTimeoutTest : public SerialTest {
   protected:
     void SetUp() override {
         SerialTest::SetUp();
-        TraceMask |= TL_CTS;
+        TraceMask |= 0x100000;
         MakePort(100, 16, 10);
         fakes.engine.allowed = false;
         SetTimeouts(0, 0, 0, 0, 100);

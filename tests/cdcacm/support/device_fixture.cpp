@@ -15,6 +15,10 @@ void DeviceFixture::SetUp() {
     driver_.DriverExtension = &driver_extension_;
     driver_.MajorFunction[IRP_MJ_READ] = DispatchRead;
     driver_.MajorFunction[IRP_MJ_WRITE] = DispatchWrite;
+    driver_.MajorFunction[IRP_MJ_DEVICE_CONTROL] = DispatchDeviceControl;
+    driver_.MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL] = DispatchInternalDeviceControl;
+    ControlCalls().clear();
+    ControlRequestStatus = STATUS_SUCCESS;
 
     UNICODE_STRING name;
     RtlInitUnicodeString(&name, WSTR("\\Device\\korvadem0"));
@@ -33,6 +37,7 @@ void DeviceFixture::SetUp() {
     dev_->Cfg.TimerInterval = options.timer_interval;
     dev_->RefCount = 1; // the data port's own reference
     InitTimerObj(&dev_->QueueTimer, TimerDpcRoutine, dev_, options.timer_interval);
+    InitTimerObj(&dev_->WaitCancelTimer, DelayWaitCancelFnc, dev_, 100);
     KeInitializeEvent(&dev_->TimerIdle, NotificationEvent, FALSE);
     KeInitializeMutex(&dev_->DeviceMutex, 0);
     KeInitializeSpinLock(&dev_->Lock);
@@ -54,6 +59,7 @@ void DeviceFixture::SetUp() {
 void DeviceFixture::TearDown() {
     if (dev_ != nullptr) {
         StopTimer(dev_);
+        KeCancelTimer(&dev_->WaitCancelTimer.Timer);
         for (auto& request : requests_)
             if (!request->completed && request->irp != nullptr)
                 IoCancelIrp(request->irp);
@@ -173,12 +179,9 @@ ULONG DeviceFixture::Receive(const std::vector<uint8_t>& data) {
 }
 
 void DeviceFixture::SetReadTimeouts(ULONG interval, ULONG multiplier, ULONG constant) {
-    KIRQL irql;
-    DEVICE_LOCK(dev_, &irql);
-    ser_->Settings.ReadIntervalTimeout = interval;
-    ser_->Settings.ReadTotalTimeoutMultiplier = multiplier;
-    ser_->Settings.ReadTotalTimeoutConstant = constant;
-    SqueueCheckTimeMode(&ser_->RcvQueue, &ser_->Settings);
-    port_->WaitForImmediate = ser_->RcvQueue.TimeMode == INTERVALTIME_NOWAIT;
-    DEVICE_UNLOCK(dev_, irql);
+    const SERIAL_TIMEOUTS timeouts = {interval, multiplier, constant, 0, 0};
+    const auto* bytes = reinterpret_cast<const uint8_t*>(&timeouts);
+    AppRequest* request = Control(IOCTL_SERIAL_SET_TIMEOUTS, {bytes, bytes + sizeof(timeouts)}, 0);
+    ASSERT_TRUE(Wait(request));
+    EXPECT_EQ(request->status, STATUS_SUCCESS);
 }

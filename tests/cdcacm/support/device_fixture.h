@@ -1,24 +1,24 @@
 // A data port ready for requests: the DEVICE (zero-filled, magics set, Lock,
-// DeviceMutex, CompleteQueue, QueueTimer, TimerIdle, one RefCount
-// reference), its PORT_OBJ named "COM3" with the request pool, both IRP
-// queues and the SER_PORT made by AddPort, the named device object
+// DeviceMutex, CompleteQueue, QueueTimer, WaitCancelTimer, TimerIdle, one
+// RefCount reference), its PORT_OBJ named "COM3" with the request pool, both
+// IRP queues and the SER_PORT made by AddPort, the named device object
 // "\Device\korvadem0" whose extension is that DEVICE, and a DRIVER_OBJECT
-// whose IRP_MJ_READ and IRP_MJ_WRITE entries are the driver's read and write
+// whose read, write and (internal) device-control entries are the driver's
 // dispatch routines. The test body is the application thread: Read, Write
 // and Control build an IRP as a caller of the I/O manager does, send it with
 // IoCallDriver and return once the dispatch routine has returned; Wait lets
 // virtual time run until the request completes.
 //
-// Adding pieces: a test sets further MajorFunction entries on driver_ (e.g.
-// IRP_MJ_DEVICE_CONTROL) after DeviceFixture::SetUp, fills more DEVICE fields
-// through dev_ before it sends requests, or overrides the Options() hook to
-// change buffer sizes or the tick. Operations of modules that do not exist
-// yet come from weak doubles in later_doubles.cpp (a real module linked into
-// the test replaces them); a test that wants to observe them reads
-// LaterDoubles().
+// Adding pieces: a test replaces MajorFunction entries on driver_ after
+// DeviceFixture::SetUp, fills more DEVICE fields through dev_ before it
+// sends requests, or overrides the Options() hook to change buffer sizes or
+// the tick. Operations of modules that do not exist yet come from weak
+// doubles in later_doubles.cpp (a real module linked into the test replaces
+// them); a test that wants to observe them reads LaterDoubles() and
+// ControlCalls().
 //
 // Link with: LIBS device_fixture and MODULES trace wdmkrnl serport squeue
-// dpool irpqueue dispatch wrsupport port ppp_frame.
+// dpool irpqueue dispatch wrsupport port ppp_frame ioctl worker.
 #pragma once
 
 #include "driver_test.h"
@@ -36,9 +36,12 @@ struct LaterDoubleCalls {
     int submit_write_buffer = 0;         // SubmitWriteBuffer: bytes reached the send engine
     int check_rcv_queue = 0;             // SndRcvCheckRcvQueue
     std::vector<PDEVICE_OBJECT> deleted; // DeleteDevice, in order
-    std::vector<ULONG> wait_events;      // IndicateWaitEvent masks
 };
 LaterDoubleCalls& LaterDoubles();
+// The CDC control requests and purges the doubles saw, in order
+// ("SendLineCoding", "RcvPurge", ...), and the status the requests return.
+std::vector<std::string>& ControlCalls();
+extern NTSTATUS ControlRequestStatus;
 
 // One request of the application, from IoCallDriver to its completion.
 struct AppRequest {
@@ -51,7 +54,7 @@ struct AppRequest {
     bool pending_returned = false;     // the driver marked the IRP pending
     int64_t completed_at_ms = -1;      // virtual time of the completion
     uint64_t completion_order = 0;     // 1 for the first request completed in the test, ...
-    std::vector<uint8_t> buffer;       // the system buffer (buffered I/O)
+    std::vector<uint8_t> buffer;       // the system buffer (buffered I/O), first hk::Pool::kNewFill
     std::function<void()> on_complete; // called inside the completion, if set
     KEVENT done;                       // signalled at completion
     uint64_t* order_source = nullptr;  // the fixture's completion counter
@@ -103,7 +106,7 @@ class DeviceFixture : public DriverTest {
     ULONG Receive(const std::string& text) {
         return Receive(std::vector<uint8_t>(text.begin(), text.end()));
     }
-    // Read time-outs as the set-time-outs control stores them.
+    // Read time-outs set by the application (IOCTL_SERIAL_SET_TIMEOUTS).
     void SetReadTimeouts(ULONG interval, ULONG multiplier, ULONG constant);
 
     PDEVICE dev_ = nullptr;

@@ -4,6 +4,7 @@
 #include "driver_test.h"
 
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -29,6 +30,20 @@ TEST_F(TraceOutputTest, PrintWorksAtDispatchLevel) {
     TracePrint("%P:at dispatch\n");
     KeLowerIrql(old_irql);
     EXPECT_EQ(TraceLines(), Lines{"ACM:at dispatch"});
+}
+
+// The bit values are what administrators put in the registry: other tests
+// name bits by these constants, so only this table catches two swapped.
+TEST_F(TraceOutputTest, MaskBitsHaveTheirRegistryValues) {
+    const std::pair<ULONG, ULONG> Bits[] = {
+        {TL_ASSERT, 0x1},       {TL_ERROR, 0x2},       {TL_INFO, 0x4},     {TL_PNP, 0x8},
+        {TL_LIFECYCLE, 0x10},   {TL_HUB, 0x20},        {TL_OPEN, 0x40},    {TL_IOCTL, 0x80},
+        {TL_RW, 0x100},         {TL_PNP_DOWN, 0x200},  {TL_USBCFG, 0x400}, {TL_WAIT, 0x800},
+        {TL_BULK_DUMP, 0x1000}, {TL_REF, 0x2000},      {TL_RCV, 0x4000},   {TL_SND, 0x8000},
+        {TL_MODEM, 0x20000},    {TL_SERPORT, 0x40000}, {TL_PPP, 0x80000},  {TL_CTS, 0x100000},
+        {TL_DETAIL, 0x80000000}};
+    for (const auto& [Bit, Value] : Bits)
+        EXPECT_EQ(Bit, Value);
 }
 
 TEST_F(TraceOutputTest, MaskSelectsWhichMessagesAreProduced) {

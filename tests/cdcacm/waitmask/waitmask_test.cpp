@@ -8,15 +8,19 @@ class WaitOnMask : public IoctlTest {
     void SetMask(ULONG Mask) {
         ASSERT_EQ(Set(IOCTL_SERIAL_SET_WAIT_MASK, Mask).Status, STATUS_SUCCESS);
     }
-    void StartWait(PendingIoctl* Wait) {
-        Start(Wait, IOCTL_SERIAL_WAIT_ON_MASK, nullptr, 0, sizeof(ULONG));
-        EXPECT_EQ(Wait->DispatchResult, STATUS_PENDING);
+    AppRequest* StartWait() {
+        AppRequest* Wait = Control(IOCTL_SERIAL_WAIT_ON_MASK, {}, sizeof(ULONG));
+        EXPECT_EQ(Wait->returned, STATUS_PENDING);
+        return Wait;
     }
-    static void ExpectCompleted(PendingIoctl& Wait, NTSTATUS Status, ULONG Mask) {
-        ASSERT_TRUE(Wait.Completed());
-        EXPECT_EQ(Wait.IoStatus.Status, Status);
-        EXPECT_EQ(Wait.IoStatus.Information, sizeof(ULONG));
-        EXPECT_EQ(Wait.Mask(), Mask);
+    bool WaitMs(AppRequest* Request, int64_t Ms) { return DeviceFixture::Wait(Request, Ms); }
+    static void ExpectCompleted(AppRequest* Wait, NTSTATUS Status, ULONG Mask) {
+        ASSERT_TRUE(Wait->completed);
+        EXPECT_EQ(Wait->status, Status);
+        EXPECT_EQ(Wait->information, sizeof(ULONG));
+        ULONG Got;
+        memcpy(&Got, Wait->buffer.data(), sizeof(Got));
+        EXPECT_EQ(Got, Mask);
     }
 };
 
@@ -28,23 +32,20 @@ TEST_F(WaitOnMask, MaskRoundTripsAndAnyBitsAreAccepted) {
     EXPECT_TRUE(Traced("ACM:COM3S:Mask: 00000101\n"));
 }
 
-TEST_F(WaitOnMask, WaitFailsWithoutMaskOrOutputRoom) {
+TEST_F(WaitOnMask, WaitFailsWithoutAMask) {
     IoctlResult Result = Ioctl(IOCTL_SERIAL_WAIT_ON_MASK, nullptr, 0, sizeof(ULONG));
     EXPECT_EQ(Result.Status, STATUS_INVALID_PARAMETER);
     EXPECT_TRUE(Traced("ACM:COM3S:IOCTL_SERIAL_WAIT_ON_MASK: failing request, WaitMask==zero\n"));
-    SetMask(SERIAL_EV_CTS);
-    EXPECT_EQ(Ioctl(IOCTL_SERIAL_WAIT_ON_MASK, nullptr, 0, 3).Status, STATUS_INVALID_PARAMETER);
     EXPECT_EQ(Dev()->Port.WaitIrp, nullptr);
 }
 
 TEST_F(WaitOnMask, AMaskedEventCompletesThePendingWait) {
     SetMask(SERIAL_EV_CTS | SERIAL_EV_DSR);
-    PendingIoctl Wait;
-    StartWait(&Wait);
-    EXPECT_FALSE(Wait.Completed());
+    AppRequest* Wait = StartWait();
+    EXPECT_FALSE(Wait->completed);
     EXPECT_TRUE(Traced("ACM:COM3S:Store new wait IRP: "));
     RaiseEvents(SERIAL_EV_RXCHAR); // not in the mask
-    EXPECT_FALSE(Wait.Completed());
+    EXPECT_FALSE(Wait->completed);
     RaiseEvents(SERIAL_EV_DSR | SERIAL_EV_RXCHAR);
     ExpectCompleted(Wait, STATUS_SUCCESS, SERIAL_EV_DSR);
     EXPECT_EQ(Dev()->Port.PendingEvents, 0u);
@@ -53,99 +54,71 @@ TEST_F(WaitOnMask, AMaskedEventCompletesThePendingWait) {
 TEST_F(WaitOnMask, EventsWithoutAWaitAreDeliveredToTheNextWait) {
     SetMask(SERIAL_EV_CTS);
     RaiseEvents(SERIAL_EV_CTS);
-    PendingIoctl Wait;
-    Start(&Wait, IOCTL_SERIAL_WAIT_ON_MASK, nullptr, 0, sizeof(ULONG));
+    SetMask(SERIAL_EV_CTS | SERIAL_EV_DSR); // a new mask keeps what is pending
+    AppRequest* Wait = Control(IOCTL_SERIAL_WAIT_ON_MASK, {}, sizeof(ULONG));
     ExpectCompleted(Wait, STATUS_SUCCESS, SERIAL_EV_CTS);
 
-    PendingIoctl Next;
-    StartWait(&Next);
-    EXPECT_FALSE(Next.Completed()) << "a delivered event is not delivered twice";
+    AppRequest* Next = StartWait();
+    EXPECT_FALSE(Next->completed) << "a delivered event is not delivered twice";
     SetMask(SERIAL_EV_CTS);
     ExpectCompleted(Next, STATUS_SUCCESS, 0);
 }
 
-TEST_F(WaitOnMask, EventsOutsideTheMaskAreLostWhenTheMaskWidens) {
-    SetMask(SERIAL_EV_CTS);
-    RaiseEvents(SERIAL_EV_RING);
-    SetMask(SERIAL_EV_CTS | SERIAL_EV_RING);
-    PendingIoctl Wait;
-    StartWait(&Wait);
-    EXPECT_FALSE(Wait.Completed());
-    SetMask(SERIAL_EV_CTS);
-    ExpectCompleted(Wait, STATUS_SUCCESS, 0);
-}
-
-TEST_F(WaitOnMask, AMaskOfNeverRaisedEventsEndsOnlyByANewMask) {
+// Events outside the mask are lost, even when the mask widens later; such a
+// wait ends only by a new mask.
+TEST_F(WaitOnMask, EventsOutsideTheMaskAreLost) {
     SetMask(SERIAL_EV_PERR);
-    PendingIoctl Wait;
-    StartWait(&Wait);
-    RaiseEvents(0xFFFFFFFF & ~SERIAL_EV_PERR);
-    EXPECT_FALSE(Wait.Wait(1000));
+    RaiseEvents(SERIAL_EV_RING);
+    SetMask(SERIAL_EV_PERR | SERIAL_EV_RING);
+    AppRequest* Wait = StartWait();
+    RaiseEvents(0xFFFFFFFF & ~(SERIAL_EV_PERR | SERIAL_EV_RING));
+    EXPECT_FALSE(WaitMs(Wait, 1000));
     SetMask(SERIAL_EV_RXCHAR);
     ExpectCompleted(Wait, STATUS_SUCCESS, 0);
 }
 
 TEST_F(WaitOnMask, ASecondWaitCompletesTheFirstWithMaskZero) {
     SetMask(SERIAL_EV_RXCHAR);
-    PendingIoctl First;
-    PendingIoctl Second;
-    StartWait(&First);
-    StartWait(&Second);
+    AppRequest* First = StartWait();
+    AppRequest* Second = StartWait();
     ExpectCompleted(First, STATUS_SUCCESS, 0);
-    EXPECT_FALSE(Second.Completed());
+    EXPECT_FALSE(Second->completed);
     RaiseEvents(SERIAL_EV_RXCHAR);
     ExpectCompleted(Second, STATUS_SUCCESS, SERIAL_EV_RXCHAR);
 }
 
 TEST_F(WaitOnMask, TheSameIrpSentAgainStaysPending) {
     SetMask(SERIAL_EV_RXCHAR);
-    PendingIoctl Wait;
-    StartWait(&Wait);
+    AppRequest* Wait = StartWait();
     // A driver above sends the pending IRP down once more.
-    EXPECT_EQ(DispatchDeviceControl(DataPort(), Wait.Irp), STATUS_PENDING);
+    EXPECT_EQ(DispatchDeviceControl(DataPort(), Wait->irp), STATUS_PENDING);
     EXPECT_TRUE(Traced("ACM:COM3S:Upper driver sends the same WaitIrp again\n"));
-    EXPECT_FALSE(Wait.Completed());
-    EXPECT_EQ(Dev()->Port.WaitIrp, Wait.Irp);
+    EXPECT_FALSE(Wait->completed);
+    EXPECT_EQ(Dev()->Port.WaitIrp, Wait->irp);
     RaiseEvents(SERIAL_EV_RXCHAR);
     ExpectCompleted(Wait, STATUS_SUCCESS, SERIAL_EV_RXCHAR);
 }
 
 TEST_F(WaitOnMask, ACancelledWaitCompletes100msLaterWithMaskZero) {
     SetMask(SERIAL_EV_RXCHAR);
-    PendingIoctl Wait;
-    StartWait(&Wait);
+    AppRequest* Wait = StartWait();
     int64_t CancelledAt = kernel().NowMs();
-    IoCancelIrp(Wait.Irp);
+    IoCancelIrp(Wait->irp);
     EXPECT_TRUE(Traced("ACM:WaitIrp_IrpCancelRoutine\n"));
-    EXPECT_FALSE(Wait.Wait(99));
-    EXPECT_TRUE(Wait.Wait(2));
+    EXPECT_FALSE(WaitMs(Wait, 99));
+    EXPECT_TRUE(WaitMs(Wait, 2));
     EXPECT_EQ(kernel().NowMs() - CancelledAt, 100);
     ExpectCompleted(Wait, STATUS_SUCCESS, 0);
     EXPECT_TRUE(Traced("ACM:COM3:DelayWaitCancelFnc\n"));
     EXPECT_FALSE(Traced("ASSERTION FAILED"));
 }
 
-TEST_F(WaitOnMask, TheCancelTimerChecksTheDeviceLockThroughThePort) {
-    SetMask(SERIAL_EV_RXCHAR);
-    PendingIoctl Wait;
-    StartWait(&Wait);
-    IoCancelIrp(Wait.Irp);
-    Dev()->CheckLock = 1; // as if another holder had not counted itself out
-    ASSERT_TRUE(Wait.Wait(200));
-    Dev()->CheckLock = 0;
-    EXPECT_TRUE(
-        Traced("ACM:ASSERTION FAILED: ((Port->Device)->CheckLock==1)\n  source/cdcacm/port("));
-    EXPECT_TRUE(
-        Traced("ACM:ASSERTION FAILED: ((Port->Device)->CheckLock==0)\n  source/cdcacm/port("));
-}
-
 TEST_F(WaitOnMask, AnEventWithinTheCancelDelayCompletesTheWaitAndStopsTheTimer) {
     SetMask(SERIAL_EV_RXCHAR);
-    PendingIoctl Wait;
-    StartWait(&Wait);
-    IoCancelIrp(Wait.Irp);
+    AppRequest* Wait = StartWait();
+    IoCancelIrp(Wait->irp);
     kernel().Sleep(50);
-    EXPECT_FALSE(Wait.Completed());
+    EXPECT_FALSE(Wait->completed);
     RaiseEvents(SERIAL_EV_RXCHAR);
     ExpectCompleted(Wait, STATUS_SUCCESS, SERIAL_EV_RXCHAR);
     EXPECT_FALSE(KeReadStateTimer(&Dev()->WaitCancelTimer.Timer));
@@ -155,35 +128,29 @@ TEST_F(WaitOnMask, AnEventWithinTheCancelDelayCompletesTheWaitAndStopsTheTimer) 
 
 TEST_F(WaitOnMask, AWaitCancelledBeforeItArrivesFailsAtOnce) {
     SetMask(SERIAL_EV_RXCHAR);
-    KEVENT Event;
-    KeInitializeEvent(&Event, NotificationEvent, FALSE);
-    IO_STATUS_BLOCK IoStatus = {};
-    ULONG Mask = 0;
-    PIRP Irp = IoBuildDeviceIoControlRequest(IOCTL_SERIAL_WAIT_ON_MASK, DataPort(), nullptr, 0,
-                                             &Mask, sizeof(Mask), FALSE, &Event, &IoStatus);
-    ASSERT_NE(Irp, nullptr);
-    EXPECT_FALSE(IoCancelIrp(Irp)) << "no cancel routine yet";
-    EXPECT_EQ(IoCallDriver(DataPort(), Irp), STATUS_PENDING);
-    ASSERT_EQ(KeWaitForSingleObject(&Event, Executive, KernelMode, FALSE, nullptr), STATUS_SUCCESS);
-    EXPECT_EQ(IoStatus.Status, STATUS_CANCELLED);
-    EXPECT_EQ(IoStatus.Information, 0u);
+    AppRequest* Wait = Prepare(IRP_MJ_DEVICE_CONTROL, sizeof(ULONG));
+    PIO_STACK_LOCATION Stack = IoGetNextIrpStackLocation(Wait->irp);
+    Stack->Parameters.DeviceIoControl.IoControlCode = IOCTL_SERIAL_WAIT_ON_MASK;
+    Stack->Parameters.DeviceIoControl.OutputBufferLength = sizeof(ULONG);
+    Send(Wait, /*cancel_first=*/true);
+    EXPECT_EQ(Wait->returned, STATUS_PENDING);
+    ASSERT_TRUE(WaitMs(Wait, 0));
+    EXPECT_EQ(Wait->status, STATUS_CANCELLED);
+    EXPECT_EQ(Wait->information, 0u);
     EXPECT_EQ(Dev()->Port.WaitIrp, nullptr);
 }
 
 TEST_F(WaitOnMask, RemovalCompletesTheWaitWithDeviceRemoved) {
     SetMask(SERIAL_EV_RXCHAR);
-    PendingIoctl Wait;
-    StartWait(&Wait);
+    AppRequest* Wait = StartWait();
     KIRQL OldIrql;
     DEVICE_LOCK(Dev(), &OldIrql);
     Dev()->UsbDeviceEnabled = FALSE; // as removal does before completing the wait
     CompleteWaitIrp(&Dev()->Port, 0);
     DEVICE_UNLOCK(Dev(), OldIrql);
-    ASSERT_TRUE(Wait.Completed());
-    EXPECT_EQ(Wait.IoStatus.Status, STATUS_DEVICE_REMOVED);
-    EXPECT_EQ(Wait.IoStatus.Information, sizeof(ULONG));
-    // A failed buffered request copies nothing back to the caller.
-    EXPECT_EQ(Wait.Mask(), 0xCCCCCCCCu);
+    ASSERT_TRUE(Wait->completed);
+    EXPECT_EQ(Wait->status, STATUS_DEVICE_REMOVED);
+    EXPECT_EQ(Wait->information, sizeof(ULONG));
 }
 
 TEST_F(WaitOnMask, TraceLinesFollowTheirMaskBits) {
@@ -195,12 +162,11 @@ TEST_F(WaitOnMask, TraceLinesFollowTheirMaskBits) {
 
     TraceMask = TL_INFO | TL_ASSERT;
     SetMask(SERIAL_EV_RXCHAR);
-    PendingIoctl Wait;
-    StartWait(&Wait);
-    EXPECT_EQ(DispatchDeviceControl(DataPort(), Wait.Irp), STATUS_PENDING);
+    AppRequest* Wait = StartWait();
+    EXPECT_EQ(DispatchDeviceControl(DataPort(), Wait->irp), STATUS_PENDING);
     EXPECT_TRUE(Traced("ACM:COM3S:Upper driver sends the same WaitIrp again\n"));
-    IoCancelIrp(Wait.Irp);
-    ASSERT_TRUE(Wait.Wait(200));
+    IoCancelIrp(Wait->irp);
+    ASSERT_TRUE(WaitMs(Wait, 200));
     EXPECT_TRUE(Traced("ACM:COM3:DelayWaitCancelFnc\n"));
     for (const char* WaitLine : {"Mask: ", "Store new wait IRP", "WaitIrp_IrpCancelRoutine",
                                  "IndicateWaitEvent", "Complete Wait IRP"})

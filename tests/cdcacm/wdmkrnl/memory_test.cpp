@@ -14,7 +14,7 @@ constexpr ULONG kTag = 0x30747374; // 'tst0'
 
 class MemoryTest : public DriverTest {
   protected:
-    // The assertion lines MemFree or MemAlloc printed for a condition.
+    // Whether MemFree or MemAlloc printed the assertion of this condition.
     bool Asserted(const std::string& condition) {
         const auto& lines = TraceLines();
         for (size_t i = 1; i + 1 < lines.size(); ++i) {
@@ -24,51 +24,41 @@ class MemoryTest : public DriverTest {
         }
         return false;
     }
+    hk::Pool::Usage Usage() { return kernel().pool().ForTag(kTag); }
 };
 
-TEST_F(MemoryTest, CounterFollowsTheCallersBytesNotTheHeaders) {
+TEST_F(MemoryTest, CounterFollowsTheCallersBytesBehindAnAlignedHeader) {
+    KIRQL old_irql;
+    KeRaiseIrql(DISPATCH_LEVEL, &old_irql); // callers hold spin locks
+    auto* thirteen = static_cast<unsigned char*>(MemAlloc(13, kTag));
     void* hundred = MemAlloc(100, kTag);
-    void* twenty_eight = MemAlloc(28, kTag);
-    ASSERT_NE(hundred, nullptr);
-    ASSERT_NE(twenty_eight, nullptr);
-    EXPECT_EQ(MemoryCounter, 128u);
-    EXPECT_EQ(kernel().pool().ForTag(kTag).bytes, 128u + 2 * sizeof(MEMHD));
-
-    MemFree(hundred);
-    EXPECT_EQ(MemoryCounter, 28u);
-    EXPECT_EQ(ContMemoryCounter, 0u);
-    EXPECT_EQ(kernel().pool().ForTag(kTag).blocks, 1u);
-
-    MemFree(twenty_eight);
-    EXPECT_EQ(MemoryCounter, 0u);
-    EXPECT_EQ(kernel().pool().ForTag(kTag).bytes, 0u);
-    EXPECT_TRUE(TraceLines().empty());
-}
-
-TEST_F(MemoryTest, BlockStartsWithTheHeaderAndStaysAligned) {
-    auto* block = static_cast<unsigned char*>(MemAlloc(13, kTag));
-    ASSERT_NE(block, nullptr);
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(block) % 8, 0u);
-    const MEMHD* header = reinterpret_cast<const MEMHD*>(block) - 1;
-    EXPECT_EQ(header->Magic, 0x6D654D4Bu);
+    ASSERT_NE(thirteen, nullptr);
+    EXPECT_EQ(MemoryCounter, 113u);
+    EXPECT_EQ(Usage().bytes, 113u + 2 * sizeof(MEMHD));
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(thirteen) % 8, 0u);
+    const MEMHD* header = reinterpret_cast<const MEMHD*>(thirteen) - 1;
     EXPECT_EQ(memcmp(&header->Magic, "KMem", 4), 0);
     EXPECT_EQ(header->Size, 13u);
-    memset(block, 0x5A, 13); // every requested byte is usable
-    MemFree(block);
+    memset(thirteen, 0x5A, 13); // every requested byte is usable
+    MemFree(hundred);
+    EXPECT_EQ(MemoryCounter, 13u);
+    MemFree(thirteen);
+    KeLowerIrql(old_irql);
+    EXPECT_EQ(MemoryCounter, 0u);
+    EXPECT_EQ(ContMemoryCounter, 0u);
+    EXPECT_EQ(Usage().blocks, 0u);
+    EXPECT_TRUE(TraceLines().empty());
 }
 
 TEST_F(MemoryTest, FreePoisonsTheCallersBytesAndLeavesTheHeader) {
     std::vector<unsigned char> seen;
-    kernel().pool().SetFreeObserver([&](const void* block, size_t bytes, ULONG tag) {
-        EXPECT_EQ(tag, kTag);
+    kernel().pool().SetFreeObserver([&](const void* block, size_t bytes, ULONG) {
         const auto* p = static_cast<const unsigned char*>(block);
         seen.assign(p, p + bytes);
     });
     auto* block = static_cast<unsigned char*>(MemAlloc(40, kTag));
-    ASSERT_NE(block, nullptr);
     memset(block, 0x11, 40);
     MemFree(block);
-
     ASSERT_EQ(seen.size(), 48u);
     MEMHD header;
     memcpy(&header, seen.data(), sizeof(header));
@@ -78,77 +68,44 @@ TEST_F(MemoryTest, FreePoisonsTheCallersBytesAndLeavesTheHeader) {
               std::vector<unsigned char>(40, 0xEE));
 }
 
-TEST_F(MemoryTest, NullFreeIsReportedAndIgnored) {
-    uint64_t allocations = kernel().pool().Allocations();
+TEST_F(MemoryTest, BadFreesAreReportedAndTouchNothing) {
     MemFree(nullptr);
     EXPECT_TRUE(Asserted("Memory!=NULL"));
-    EXPECT_FALSE(Asserted("hd->Magic==MEMHD_MAGIC"));
     EXPECT_EQ(TraceLines().size(), 3u);
-    EXPECT_EQ(MemoryCounter, 0u);
-    EXPECT_EQ(kernel().pool().Allocations(), allocations);
-}
 
-TEST_F(MemoryTest, BlockWithoutTheMagicIsReportedAndNotFreed) {
     auto* block = static_cast<unsigned char*>(MemAlloc(16, kTag));
-    ASSERT_NE(block, nullptr);
     memset(block, 0x33, 16);
     MEMHD* header = reinterpret_cast<MEMHD*>(block) - 1;
     header->Magic = 0x12345678;
-
+    dbg().Clear();
     MemFree(block);
     EXPECT_TRUE(Asserted("hd->Magic==MEMHD_MAGIC"));
     EXPECT_FALSE(Asserted("Memory!=NULL"));
-    // The block is left alone: still allocated, still counted, not poisoned.
-    EXPECT_EQ(kernel().pool().ForTag(kTag).blocks, 1u);
+    EXPECT_EQ(Usage().blocks, 1u);
     EXPECT_EQ(MemoryCounter, 16u);
-    EXPECT_EQ(block[15], 0x33);
-
+    EXPECT_EQ(block[15], 0x33) << "not poisoned";
     header->Magic = MEMHD_MAGIC;
     MemFree(block);
-    EXPECT_EQ(kernel().pool().ForTag(kTag).blocks, 0u);
-    EXPECT_EQ(MemoryCounter, 0u);
 }
 
-TEST_F(MemoryTest, ZeroBytesIsReportedButStillGivesABlock) {
-    void* block = MemAlloc(0, kTag);
+TEST_F(MemoryTest, ZeroExhaustedAndWrappingSizes) {
+    void* empty = MemAlloc(0, kTag);
     EXPECT_TRUE(Asserted("NumberOfBytes!=0"));
-    ASSERT_NE(block, nullptr);
-    EXPECT_EQ(MemoryCounter, 0u);
-    EXPECT_EQ(kernel().pool().ForTag(kTag).bytes, sizeof(MEMHD));
-    MemFree(block);
-    EXPECT_EQ(kernel().pool().ForTag(kTag).blocks, 0u);
-}
+    ASSERT_NE(empty, nullptr) << "zero bytes still give a block";
+    EXPECT_EQ(Usage().bytes, sizeof(MEMHD));
+    MemFree(empty);
+    dbg().Clear();
 
-TEST_F(MemoryTest, ExhaustedPoolGivesNullWithoutCountingOrTracing) {
-    hk::FaultKnob& knob =
-        kernel().pool().Faults().Add("no pool", hk::FaultKnob{.nth = 2, .match = kTag});
-    void* first = MemAlloc(10, kTag);
-    void* second = MemAlloc(20, kTag);
-    EXPECT_NE(first, nullptr);
-    EXPECT_EQ(second, nullptr);
-    EXPECT_EQ(knob.fired, 1u);
-    EXPECT_EQ(MemoryCounter, 10u);
-    EXPECT_TRUE(TraceLines().empty());
-    MemFree(first);
-}
-
-TEST_F(MemoryTest, SizeWhoseHeaderWouldWrapIsRefused) {
     uint64_t allocations = kernel().pool().Allocations();
     EXPECT_EQ(MemAlloc(0xFFFFFFFFu, kTag), nullptr);
     EXPECT_EQ(MemAlloc(0xFFFFFFF8u, kTag), nullptr);
-    EXPECT_EQ(kernel().pool().Allocations(), allocations);
-    EXPECT_EQ(MemoryCounter, 0u);
-}
+    EXPECT_EQ(kernel().pool().Allocations(), allocations) << "a wrapping header is refused";
 
-TEST_F(MemoryTest, AllocatesAndFreesAtDispatchLevel) {
-    KIRQL old_irql;
-    KeRaiseIrql(DISPATCH_LEVEL, &old_irql);
-    void* block = MemAlloc(64, kTag);
-    EXPECT_EQ(MemoryCounter, 64u);
-    MemFree(block);
-    KeLowerIrql(old_irql);
-    EXPECT_NE(block, nullptr);
+    auto& knob = kernel().pool().Faults().Add("no pool", hk::FaultKnob{.nth = 1, .match = kTag});
+    EXPECT_EQ(MemAlloc(20, kTag), nullptr);
+    EXPECT_EQ(knob.fired, 1u);
     EXPECT_EQ(MemoryCounter, 0u);
+    EXPECT_TRUE(TraceLines().empty());
 }
 
 } // namespace
