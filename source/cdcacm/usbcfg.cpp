@@ -291,8 +291,9 @@ NTSTATUS InitUsbDevice(PUSB_DEVICE UsbDevice) {
         UsbDevice->ConfigDescriptor = NULL;
     }
 
-    // Where no hub answers, the port is taken for a 100 mA one; a device
-    // with one configuration has nothing to choose and asks no hub.
+    // The parent hub's own driver says whether it is bus-powered; where no
+    // hub answers, the port is taken for a 100 mA one. A device with one
+    // configuration has nothing to choose and asks no hub.
     if (Configurations > 1) {
         Status = GetHubInfo(Dev, &NodeInformation);
         if (NT_SUCCESS(Status))

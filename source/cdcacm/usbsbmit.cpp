@@ -5,6 +5,10 @@
 // that is safe because no call returns before the completion routine ran,
 // also after a time-out.
 //
+// Every request goes to the device's LowerDevObj as an internal device
+// control; whatever answers there (the USB bus driver, or the simulated one
+// on the host) sees the same call order, time-out and status rules.
+//
 // Environment: PASSIVE_LEVEL, in the calling thread, which blocks.
 // Locks: none. The callers serialise the use of one IRP (the control
 // requests all share the device's ControlIrp under its DeviceMutex).

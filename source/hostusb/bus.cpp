@@ -1109,15 +1109,18 @@ void Bus::Impl::MarkGone(PortState* port) {
         fail(ep);
 }
 
+// A driver still attached keeps the device in its port (gone, but with its
+// physical device objects), as the verifier then reports at teardown.
 void Bus::Impl::DeleteFunctions(PortState* port) {
     for (auto& function : port->functions) {
         if (function->pdo->AttachedDevice != nullptr) {
             Diagnose("port " + std::to_string(port->number) +
-                     ": a driver is still attached to the device; its PDO is left in place");
-            continue;
+                     ": a driver is still attached to the device; it stays in its port");
+            return;
         }
-        IoDeleteDevice(function->pdo);
     }
+    for (auto& function : port->functions)
+        IoDeleteDevice(function->pdo);
     port->functions.clear();
     port->device->SetDataReady(nullptr);
     port->device.reset();

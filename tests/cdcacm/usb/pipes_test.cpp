@@ -44,20 +44,26 @@ TEST_F(PipesTest, AbortWithNothingPendingSendsNothing) {
     EXPECT_TRUE(dbg().Contains("ACM:COM7:Abort Pipe for EP:81 not required"));
 }
 
-TEST_F(PipesTest, AbortCompletesThePendingTransfersFirst) {
+class AbortPendingTest : public PipesTest, public ::testing::WithParamInterface<int> {};
+
+TEST_P(AbortPendingTest, CompletesThePendingTransfersFirst) {
     PUSB_PIPE pipe = dev_->ReceivePipe.Pipe;
-    TestTransfer* first = Submit(pipe, true, {}, 64);
-    TestTransfer* second = Submit(pipe, true, {}, 64);
-    pipe->PendingRequests = 2; // as the receive engine counts them
+    std::vector<TestTransfer*> transfers;
+    for (int i = 0; i < GetParam(); ++i)
+        transfers.push_back(Submit(pipe, true, {}, 64));
+    pipe->PendingRequests = GetParam(); // as the receive engine counts them
     EXPECT_EQ(AbortPipe(usb_, pipe), STATUS_SUCCESS);
-    for (TestTransfer* transfer : {first, second}) {
+    for (TestTransfer* transfer : transfers) {
         EXPECT_TRUE(transfer->completed) << "back before the abort returned";
         EXPECT_EQ(transfer->status, STATUS_CANCELLED);
         EXPECT_EQ(transfer->urb.UrbHeader.Status, USBD_STATUS_CANCELED);
     }
-    EXPECT_TRUE(dbg().Contains("ACM:COM7:Abort Pipe EP:81, pending requests:2"));
+    EXPECT_TRUE(dbg().Contains("ACM:COM7:Abort Pipe EP:81, pending requests:" +
+                               std::to_string(GetParam())));
     pipe->PendingRequests = 0;
 }
+
+INSTANTIATE_TEST_SUITE_P(Transfers, AbortPendingTest, ::testing::Values(1, 2));
 
 TEST_F(PipesTest, ResetClearsAStall) {
     hu::UsbFaultKnob knob;
