@@ -115,7 +115,9 @@ struct Transfer {
     PURB urb = nullptr;
     Kind kind = Kind::kControl;
     Endpoint* endpoint = nullptr; // the queue it waits in; null for pipe and port requests
-    SetupPacket setup;            // control transfers
+    uint8_t pipe_address = 0;     // pipe requests: the pipe's endpoint and type
+    uint8_t pipe_type = 0;
+    SetupPacket setup; // control transfers
     bool in = false;
     bool short_ok = false;
     PUCHAR buffer = nullptr;
@@ -366,13 +368,16 @@ void Bus::Impl::Record(const Transfer* t, PIRP irp, PURB urb, bool completion, U
                               : CaptureTransfer::kBulk;
         if (completion == t->in)
             record.data.assign(t->buffer, t->buffer + (t->in ? t->done : t->length));
+    } else if (t && (t->kind == Transfer::Kind::kAbort || t->kind == Transfer::Kind::kResetPipe)) {
+        // Pipe requests carry no data; they name the pipe they act on.
+        record.endpoint = t->pipe_address;
+        record.transfer = t->pipe_type == USB_ENDPOINT_TYPE_INTERRUPT ? CaptureTransfer::kInterrupt
+                                                                      : CaptureTransfer::kBulk;
     } else {
-        // Pipe requests, and URBs refused before they reached an endpoint,
-        // appear as requests on the default pipe without a stage of their own.
+        // A URB refused before it reached an endpoint: a status without data
+        // on the default pipe.
         record.transfer = CaptureTransfer::kControl;
-        record.stage = completion ? CaptureStage::kStatus : CaptureStage::kSetup;
-        if (!completion)
-            record.data.assign(8, 0);
+        record.stage = CaptureStage::kStatus;
     }
     capture->Write(record, now);
 }
@@ -389,6 +394,7 @@ NTSTATUS Bus::Impl::Refuse(PIRP irp, PURB urb, USBD_STATUS status, const std::st
     KeAcquireSpinLock(&lock, &irql);
     Diagnose(why);
     urb->UrbHeader.Status = status;
+    Record(nullptr, irp, urb, false, USBD_STATUS_PENDING);
     Record(nullptr, irp, urb, true, status);
     KeReleaseSpinLock(&lock, irql);
     return CompleteNow(irp, NtStatusFor(status));
@@ -691,6 +697,8 @@ NTSTATUS Bus::Impl::SubmitUrb(Function* function, PIRP irp, PURB urb) {
         }
         Endpoint& ep = port->endpoints[pipe->second.address];
         t->endpoint = &ep;
+        t->pipe_address = ep.address;
+        t->pipe_type = ep.type;
         if (function_code == URB_FUNCTION_ABORT_PIPE) {
             t->kind = Transfer::Kind::kAbort;
             t->endpoint = nullptr;

@@ -273,6 +273,24 @@ TEST_F(BusTest, GoneDeviceFailsPendingAndLaterTransfers) {
     }
 }
 
+TEST_F(BusTest, GoneKnobTakesTheDeviceAwayFromItsUrbOn) {
+    Plug(sm::OrdinaryModem());
+    ASSERT_EQ(Select(0), STATUS_SUCCESS);
+    BusRequest* pending = Transfer(kBulkIn, true, {}, 64);
+    hu::UsbFaultKnob knob;
+    knob.nth = 2;
+    hu::UsbFaultKnob& gone = bus_->AddFault(hu::Fault::kDeviceGone, knob);
+    BusRequest* before = Transfer(kBulkOut, false, {1});
+    ASSERT_TRUE(Wait(before));
+    BusRequest* at = Transfer(kBulkOut, false, {2});
+    ASSERT_TRUE(Wait(at));
+    ASSERT_TRUE(Wait(pending, 1));
+    EXPECT_EQ(before->status, STATUS_SUCCESS);
+    EXPECT_EQ(at->UsbStatus(), USBD_STATUS_DEVICE_GONE);
+    EXPECT_EQ(pending->UsbStatus(), USBD_STATUS_DEVICE_GONE);
+    EXPECT_EQ(gone.fired, 1u);
+}
+
 // --- fault knobs -----------------------------------------------------------
 
 TEST_F(BusTest, StallHaltsTheEndpointUntilResetPipe) {

@@ -42,6 +42,12 @@ TEST_F(BusTest, TsharkDecodesAConfigurationSequenceAndLineCoding) {
     ASSERT_TRUE(
         Wait(ClassOrVendor(URB_FUNCTION_CLASS_INTERFACE, true, sm::kGetLineCoding, 0, 0, {}, 7)));
     ASSERT_TRUE(Wait(Transfer(0x01, false, {'A', 'T', '\r'})));
+    modem_->Push({'O', 'K'});
+    ASSERT_TRUE(Wait(Transfer(0x81, true, {}, 64)));
+    Transfer(0x81, true, {}, 64);
+    ASSERT_TRUE(Wait(PipeRequest(URB_FUNCTION_ABORT_PIPE, 0x81)));
+    pipes_[0x7f] = nullptr;
+    Transfer(0x7f, false, {1}); // refused: no such pipe
     bus_->CloseCapture();
 
     std::string decoded = RunCommand("tshark -r '" + file + "' -V 2>&1");
