@@ -221,6 +221,12 @@ struct Bus::Impl {
 
     // In the DPC.
     void Run(Transfer* t);
+    USBD_STATUS RunControl(Transfer* t);
+    void ApplySelection(Transfer* t);
+    bool RunData(Transfer* t, USBD_STATUS& status);
+    // Handles are numbers never handed out twice, so a stale handle never
+    // matches a later one.
+    PVOID NewHandle() { return reinterpret_cast<PVOID>(uintptr_t(next_handle += 0x10)); }
     void Finish(Transfer* t, USBD_STATUS status);
     bool PullIn(Transfer* t, USBD_STATUS& status);
 
@@ -921,140 +927,173 @@ void Bus::Impl::Run(Transfer* t) {
         break;
     case Transfer::Kind::kResetPipe:
         if (status == USBD_STATUS_SUCCESS) {
-            auto& handle = t->urb->UrbPipeRequest.PipeHandle;
             KeAcquireSpinLock(&lock, &irql);
-            auto pipe = t->function->pipes.find(uintptr_t(handle));
-            if (pipe != t->function->pipes.end())
-                port.endpoints[pipe->second.address].halted = false;
+            port.endpoints[t->pipe_address].halted = false;
             KeReleaseSpinLock(&lock, irql);
             port.device->Control(t->setup, {});
         }
         break;
     case Transfer::Kind::kControl:
     case Transfer::Kind::kSelect:
-        if (status == USBD_STATUS_SUCCESS && t->stall) {
-            status = USBD_STATUS_STALL_PID;
-        } else if (status == USBD_STATUS_SUCCESS) {
-            std::vector<uint8_t> out;
-            if (!t->in && t->length)
-                out.assign(t->buffer, t->buffer + t->length);
-            ControlAnswer answer;
-            bool function_config = port.functions.size() > 1 && t->setup.request_type == 0x80 &&
-                                   t->setup.request == USB_REQUEST_GET_DESCRIPTOR &&
-                                   t->setup.value >> 8 == USB_CONFIGURATION_DESCRIPTOR_TYPE;
-            if (function_config) {
-                SetupPacket whole = t->setup;
-                whole.length = 0xffff;
-                answer = port.device->Control(whole, out);
-                if (!answer.stall)
-                    answer.data = FunctionConfiguration(answer.data, t->function->interfaces);
-            } else {
-                answer = port.device->Control(t->setup, out);
-            }
-            if (answer.stall) {
-                status = USBD_STATUS_STALL_PID;
-            } else if (t->in) {
-                t->done = ULONG(std::min<size_t>(answer.data.size(), t->length));
-                if (t->done != 0)
-                    memcpy(t->buffer, answer.data.data(), t->done);
-                if (t->done < t->length && !t->short_ok)
-                    status = USBD_STATUS_ERROR_SHORT_TRANSFER;
-            } else {
-                t->done = t->length;
-            }
-        }
-        if (t->kind == Transfer::Kind::kSelect && status == USBD_STATUS_SUCCESS) {
-            KeAcquireSpinLock(&lock, &irql);
-            auto& select = t->urb->UrbSelectConfiguration;
-            PUSB_CONFIGURATION_DESCRIPTOR config = select.ConfigurationDescriptor;
-            port.config_value = uint8_t(t->setup.value);
-            t->function->pipes.clear();
-            t->function->configured = config != nullptr;
-            if (config == nullptr) {
-                bool any = false;
-                for (auto& f : port.functions)
-                    any = any || f->configured;
-                if (!any)
-                    port.endpoints.clear();
-            } else {
-                select.ConfigurationHandle =
-                    reinterpret_cast<USBD_CONFIGURATION_HANDLE>(uintptr_t(next_handle += 0x10));
-                PUCHAR end = reinterpret_cast<PUCHAR>(t->urb) + t->urb->UrbHeader.Length;
-                for (auto* info = &select.Interface;
-                     reinterpret_cast<PUCHAR>(info) + offsetof(USBD_INTERFACE_INFORMATION, Pipes) <=
-                     end;
-                     info = reinterpret_cast<PUSBD_INTERFACE_INFORMATION>(
-                         reinterpret_cast<PUCHAR>(info) + info->Length)) {
-                    PUSB_INTERFACE_DESCRIPTOR found = USBD_ParseConfigurationDescriptorEx(
-                        config, config, info->InterfaceNumber, info->AlternateSetting, -1, -1, -1);
-                    info->Class = found->bInterfaceClass;
-                    info->SubClass = found->bInterfaceSubClass;
-                    info->Protocol = found->bInterfaceProtocol;
-                    info->InterfaceHandle =
-                        reinterpret_cast<USBD_INTERFACE_HANDLE>(uintptr_t(next_handle += 0x10));
-                    auto* p = reinterpret_cast<PUCHAR>(found) + found->bLength;
-                    PUCHAR config_end = reinterpret_cast<PUCHAR>(config) + config->wTotalLength;
-                    ULONG pipe = 0;
-                    while (pipe < info->NumberOfPipes && p + 2 <= config_end && p[0] != 0) {
-                        if (p[1] == USB_ENDPOINT_DESCRIPTOR_TYPE) {
-                            auto* e = reinterpret_cast<PUSB_ENDPOINT_DESCRIPTOR>(p);
-                            USBD_PIPE_INFORMATION& pi = info->Pipes[pipe++];
-                            pi.MaximumPacketSize = e->wMaxPacketSize;
-                            pi.EndpointAddress = e->bEndpointAddress;
-                            pi.Interval = e->bInterval;
-                            pi.PipeType = USBD_PIPE_TYPE(e->bmAttributes & USB_ENDPOINT_TYPE_MASK);
-                            pi.PipeHandle =
-                                reinterpret_cast<USBD_PIPE_HANDLE>(uintptr_t(next_handle += 0x10));
-                            Endpoint& ep = port.endpoints[e->bEndpointAddress];
-                            ep.address = e->bEndpointAddress;
-                            ep.type = e->bmAttributes & USB_ENDPOINT_TYPE_MASK;
-                            ep.max_packet = e->wMaxPacketSize;
-                            ep.interval = e->bInterval;
-                            ep.halted = false;
-                            t->function->pipes[uintptr_t(pi.PipeHandle)] = {e->bEndpointAddress,
-                                                                            pi.MaximumTransferSize};
-                        }
-                        p += p[0];
-                    }
-                }
-            }
-            KeReleaseSpinLock(&lock, irql);
-        }
+        if (status == USBD_STATUS_SUCCESS)
+            status = RunControl(t);
+        if (t->kind == Transfer::Kind::kSelect && status == USBD_STATUS_SUCCESS)
+            ApplySelection(t);
         break;
     case Transfer::Kind::kData:
-        if (status == USBD_STATUS_SUCCESS && t->stall) {
-            status = USBD_STATUS_STALL_PID;
-            KeAcquireSpinLock(&lock, &irql);
-            t->endpoint->halted = true;
-            KeReleaseSpinLock(&lock, irql);
-        } else if (status == USBD_STATUS_SUCCESS && !t->finished) {
-            if (t->in) {
-                if (!PullIn(t, status)) {
-                    // Waits for the device's DataReady; the timer is spent.
-                    KeAcquireSpinLock(&lock, &irql);
-                    t->waiting = !t->cancel;
-                    KeReleaseSpinLock(&lock, irql);
-                    return;
-                }
-                t->finished = true;
-                int64_t due = DataDue(port, *t->endpoint, t->done);
-                if (t->endpoint->type != USB_ENDPOINT_TYPE_INTERRUPT &&
-                    due > NextBoundary(FrameTime(port))) {
-                    KeAcquireSpinLock(&lock, &irql);
-                    t->injected = status;
-                    ArmAt(t, due);
-                    KeReleaseSpinLock(&lock, irql);
-                    return;
-                }
-            } else {
-                port.device->Out(t->endpoint->address,
-                                 std::vector<uint8_t>(t->buffer, t->buffer + t->length));
-                t->done = t->length;
-            }
-        }
+        if (!RunData(t, status))
+            return;
         break;
     }
     Finish(t, status);
+}
+
+// The control transfer's stages with the device; a composite device's
+// function reads its own part of the configuration descriptor. A deselect
+// reaches the device only when no other function stays configured.
+USBD_STATUS Bus::Impl::RunControl(Transfer* t) {
+    PortState& port = *t->function->port;
+    if (t->stall)
+        return USBD_STATUS_STALL_PID;
+    if (t->kind == Transfer::Kind::kSelect && t->setup.value == 0) {
+        KIRQL irql;
+        KeAcquireSpinLock(&lock, &irql);
+        bool shared = false;
+        for (auto& f : port.functions)
+            shared = shared || (f.get() != t->function && f->configured);
+        KeReleaseSpinLock(&lock, irql);
+        if (shared)
+            return USBD_STATUS_SUCCESS;
+    }
+    std::vector<uint8_t> out;
+    if (!t->in && t->length)
+        out.assign(t->buffer, t->buffer + t->length);
+    ControlAnswer answer;
+    bool function_config = port.functions.size() > 1 && t->setup.request_type == 0x80 &&
+                           t->setup.request == USB_REQUEST_GET_DESCRIPTOR &&
+                           t->setup.value >> 8 == USB_CONFIGURATION_DESCRIPTOR_TYPE;
+    if (function_config) {
+        SetupPacket whole = t->setup;
+        whole.length = 0xffff;
+        answer = port.device->Control(whole, out);
+        if (!answer.stall)
+            answer.data = FunctionConfiguration(answer.data, t->function->interfaces);
+    } else {
+        answer = port.device->Control(t->setup, out);
+    }
+    if (answer.stall)
+        return USBD_STATUS_STALL_PID;
+    if (!t->in) {
+        t->done = t->length;
+        return USBD_STATUS_SUCCESS;
+    }
+    t->done = ULONG(std::min<size_t>(answer.data.size(), t->length));
+    if (t->done != 0)
+        memcpy(t->buffer, answer.data.data(), t->done);
+    if (t->done < t->length && !t->short_ok)
+        return USBD_STATUS_ERROR_SHORT_TRANSFER;
+    return USBD_STATUS_SUCCESS;
+}
+
+// A completed selection: new handles for the function's interfaces and
+// pipes, filled into the URB's interface information; a deselection
+// invalidates them.
+void Bus::Impl::ApplySelection(Transfer* t) {
+    PortState& port = *t->function->port;
+    auto& select = t->urb->UrbSelectConfiguration;
+    PUSB_CONFIGURATION_DESCRIPTOR config = select.ConfigurationDescriptor;
+    KIRQL irql;
+    KeAcquireSpinLock(&lock, &irql);
+    t->function->pipes.clear();
+    t->function->configured = config != nullptr;
+    bool any = false;
+    for (auto& f : port.functions)
+        any = any || f->configured;
+    if (!any) {
+        port.config_value = 0;
+        port.endpoints.clear();
+    }
+    if (config != nullptr) {
+        port.config_value = config->bConfigurationValue;
+        select.ConfigurationHandle = NewHandle();
+        PUCHAR end = reinterpret_cast<PUCHAR>(t->urb) + t->urb->UrbHeader.Length;
+        PUCHAR config_end = reinterpret_cast<PUCHAR>(config) + config->wTotalLength;
+        for (auto* info = &select.Interface;
+             reinterpret_cast<PUCHAR>(info) + offsetof(USBD_INTERFACE_INFORMATION, Pipes) <= end;
+             info = reinterpret_cast<PUSBD_INTERFACE_INFORMATION>(reinterpret_cast<PUCHAR>(info) +
+                                                                  info->Length)) {
+            PUSB_INTERFACE_DESCRIPTOR found = USBD_ParseConfigurationDescriptorEx(
+                config, config, info->InterfaceNumber, info->AlternateSetting, -1, -1, -1);
+            info->Class = found->bInterfaceClass;
+            info->SubClass = found->bInterfaceSubClass;
+            info->Protocol = found->bInterfaceProtocol;
+            info->InterfaceHandle = NewHandle();
+            // The interface's endpoint descriptors follow it, up to the next
+            // interface.
+            ULONG pipe = 0;
+            for (PUCHAR p = reinterpret_cast<PUCHAR>(found) + found->bLength;
+                 pipe < info->NumberOfPipes && p + 2 <= config_end && p[0] != 0 &&
+                 p[1] != USB_INTERFACE_DESCRIPTOR_TYPE;
+                 p += p[0]) {
+                if (p[1] != USB_ENDPOINT_DESCRIPTOR_TYPE)
+                    continue;
+                auto* e = reinterpret_cast<PUSB_ENDPOINT_DESCRIPTOR>(p);
+                USBD_PIPE_INFORMATION& pi = info->Pipes[pipe++];
+                pi.MaximumPacketSize = e->wMaxPacketSize;
+                pi.EndpointAddress = e->bEndpointAddress;
+                pi.Interval = e->bInterval;
+                pi.PipeType = USBD_PIPE_TYPE(e->bmAttributes & USB_ENDPOINT_TYPE_MASK);
+                pi.PipeHandle = NewHandle();
+                Endpoint& ep = port.endpoints[e->bEndpointAddress];
+                ep.address = e->bEndpointAddress;
+                ep.type = e->bmAttributes & USB_ENDPOINT_TYPE_MASK;
+                ep.max_packet = e->wMaxPacketSize;
+                ep.interval = e->bInterval;
+                ep.halted = false;
+                t->function->pipes[uintptr_t(pi.PipeHandle)] = {e->bEndpointAddress,
+                                                                pi.MaximumTransferSize};
+            }
+        }
+    }
+    KeReleaseSpinLock(&lock, irql);
+}
+
+// Moves a data transfer's bytes; false while it must wait (for the device's
+// data, or for the modelled end of a transfer that moved much).
+bool Bus::Impl::RunData(Transfer* t, USBD_STATUS& status) {
+    PortState& port = *t->function->port;
+    KIRQL irql;
+    if (status != USBD_STATUS_SUCCESS || t->finished)
+        return true;
+    if (t->stall) {
+        status = USBD_STATUS_STALL_PID;
+        KeAcquireSpinLock(&lock, &irql);
+        t->endpoint->halted = true;
+        KeReleaseSpinLock(&lock, irql);
+        return true;
+    }
+    if (!t->in) {
+        port.device->Out(t->endpoint->address,
+                         std::vector<uint8_t>(t->buffer, t->buffer + t->length));
+        t->done = t->length;
+        return true;
+    }
+    if (!PullIn(t, status)) {
+        // DataReady arms the timer again.
+        KeAcquireSpinLock(&lock, &irql);
+        t->waiting = !t->cancel;
+        KeReleaseSpinLock(&lock, irql);
+        return false;
+    }
+    t->finished = true;
+    int64_t due = DataDue(port, *t->endpoint, t->done);
+    if (t->endpoint->type == USB_ENDPOINT_TYPE_INTERRUPT || due <= NextBoundary(FrameTime(port)))
+        return true;
+    KeAcquireSpinLock(&lock, &irql);
+    t->injected = status;
+    ArmAt(t, due);
+    KeReleaseSpinLock(&lock, irql);
+    return false;
 }
 
 // Completes the transfer's IRP and frees it; the endpoint's next transfer

@@ -485,6 +485,14 @@ TEST_F(BusTest, CompositeFunctionsEachSeeTheirOwnInterfaces) {
     EXPECT_EQ(Select(0, 1), STATUS_SUCCESS);
     EXPECT_NE(pipes_.count(0x84), 0u);
     EXPECT_EQ(pipes_.count(0x81), 0u);
+    // The device stays configured while one of its functions is.
+    EXPECT_EQ(Select(0, 0), STATUS_SUCCESS);
+    EXPECT_EQ(Deselect(1), STATUS_SUCCESS);
+    EXPECT_EQ(modem_->Configuration(), 1);
+    EXPECT_EQ(bus_->ConfigurationValue(port_), 1);
+    EXPECT_EQ(Deselect(0), STATUS_SUCCESS);
+    EXPECT_EQ(modem_->Configuration(), 0);
+    EXPECT_EQ(bus_->ConfigurationValue(port_), 0);
 }
 
 } // namespace
