@@ -682,10 +682,18 @@ NTSTATUS Bus::Impl::SubmitUrb(Function* function, PIRP irp, PURB urb) {
         PUSB_CONFIGURATION_DESCRIPTOR config = urb->UrbSelectConfiguration.ConfigurationDescriptor;
         t->setup = {0x00, USB_REQUEST_SET_CONFIGURATION,
                     uint16_t(config ? config->bConfigurationValue : 0), 0, 0};
-        if (!ValidateSelect(function, urb, why))
+        if (!ValidateSelect(function, urb, why)) {
             refusal = USBD_STATUS_INVALID_CONFIGURATION_DESCRIPTOR;
-        else if (config != nullptr && function->configured)
-            why = "select configuration while configured; deselect first";
+            break;
+        }
+        // A new selection, or none, closes the function's pipes: what is
+        // still pending on them ends cancelled.
+        for (auto& [handle, pipe] : function->pipes)
+            for (Transfer* queued : port->endpoints[pipe.address].queue) {
+                queued->cancel = true;
+                queued->forced = USBD_STATUS_CANCELED;
+                Release(queued);
+            }
         break;
     }
     case URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER:

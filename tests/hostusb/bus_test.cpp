@@ -112,10 +112,26 @@ TEST_F(BusTest, ZeroLengthOutTransferIsValid) {
 TEST_F(BusTest, HandlesDieWithTheConfiguration) {
     Plug(sm::OrdinaryModem());
     ASSERT_EQ(Select(0), STATUS_SUCCESS);
+    BusRequest* pending = Transfer(kBulkIn, true, {}, 64);
     ASSERT_EQ(Deselect(), STATUS_SUCCESS);
+    EXPECT_EQ(pending->UsbStatus(), USBD_STATUS_CANCELED);
     EXPECT_EQ(bus_->ConfigurationValue(port_), 0);
     BusRequest* stale = Transfer(kBulkOut, false, {1});
     EXPECT_EQ(stale->UsbStatus(), USBD_STATUS_INVALID_PIPE_HANDLE);
+}
+
+TEST_F(BusTest, SelectingAgainReplacesThePipes) {
+    Plug(sm::OrdinaryModem());
+    ASSERT_EQ(Select(0), STATUS_SUCCESS);
+    USBD_PIPE_HANDLE old_out = pipes_[kBulkOut];
+    BusRequest* pending = Transfer(kBulkIn, true, {}, 64);
+    ASSERT_EQ(Select(1), STATUS_SUCCESS);
+    EXPECT_EQ(pending->UsbStatus(), USBD_STATUS_CANCELED);
+    EXPECT_EQ(bus_->ConfigurationValue(port_), 2);
+    EXPECT_EQ(modem_->Configuration(), 2);
+    ASSERT_TRUE(Wait(Transfer(kBulkOut, false, {1})));
+    pipes_[kBulkOut] = old_out;
+    EXPECT_EQ(Transfer(kBulkOut, false, {2})->UsbStatus(), USBD_STATUS_INVALID_PIPE_HANDLE);
 }
 
 TEST_F(BusTest, UnknownControlCodesAreRefused) {
