@@ -9,8 +9,10 @@
 // information query.
 //
 // Environment: dispatch routines at the caller's IRQL (up to DISPATCH_LEVEL);
-// every completion, cancelled and aborted ones included, in the transfer's
-// own DPC at DISPATCH_LEVEL, which alone completes and frees the transfer.
+// every completion, cancelled and aborted ones included, in the host
+// controller's completion context: a DPC, queued by the frame timer or by a
+// cancel, whose pass takes the transfers that are due. A transfer taken by
+// a pass is completed and freed by that pass alone.
 // Locks: Impl::lock guards all bus state. It is released before an IRP is
 // completed and before a device model is called, so the device may call
 // back (DataReady) from inside its own callbacks.
@@ -122,9 +124,10 @@ struct Transfer {
     bool short_ok = false;
     PUCHAR buffer = nullptr;
     ULONG length = 0;
-    ULONG done = 0;        // bytes moved so far
-    bool finished = false; // data complete, waiting for the modelled end
-    bool armed = false;    // timer set
+    ULONG done = 0;         // bytes moved so far
+    bool finished = false;  // data complete, waiting for the modelled end
+    bool scheduled = false; // in the completion schedule, at slot
+    bool running = false;   // taken by a completion pass
     bool no_answer = false;
     bool waiting = false; // an IN transfer waiting for the device's data
     bool cancel = false;  // cancelled, aborted or device gone: complete with forced
@@ -134,8 +137,7 @@ struct Transfer {
     bool stall = false;
     int64_t delay = 0;
     std::vector<uint8_t> out_data; // control OUT data stage
-    KTIMER timer;
-    KDPC dpc;
+    std::multimap<int64_t, Transfer*>::iterator slot;
 };
 
 struct Endpoint {
@@ -191,6 +193,12 @@ struct Bus::Impl {
     KSPIN_LOCK lock = 0;
     std::vector<std::unique_ptr<PortState>> ports;
     std::map<PIRP, Transfer*> pending;
+    // The host controller's completion context: transfers by due time (then
+    // in order of scheduling), run by one DPC that the frame timer or a
+    // release queues.
+    std::multimap<int64_t, Transfer*> schedule;
+    KTIMER frame_timer;
+    KDPC completion_dpc;
     std::list<std::pair<Fault, UsbFaultKnob>> faults;
     std::vector<std::string> diagnostics;
     std::unique_ptr<Capture> capture;
@@ -201,7 +209,7 @@ struct Bus::Impl {
     static NTSTATUS NTAPI DispatchInternal(PDEVICE_OBJECT device, PIRP irp);
     static NTSTATUS NTAPI DispatchControl(PDEVICE_OBJECT device, PIRP irp);
     static VOID NTAPI CancelTransfer(PDEVICE_OBJECT device, PIRP irp);
-    static VOID NTAPI TransferDpc(PKDPC dpc, PVOID context, PVOID, PVOID);
+    static VOID NTAPI CompletionDpc(PKDPC dpc, PVOID context, PVOID, PVOID);
 
     NTSTATUS SubmitUrb(Function* function, PIRP irp, PURB urb);
     NTSTATUS Refuse(PIRP irp, PURB urb, USBD_STATUS status, const std::string& why);
@@ -213,7 +221,8 @@ struct Bus::Impl {
     void Enqueue(Transfer* t);
     void Activate(Transfer* t);
     void ArmAt(Transfer* t, int64_t due);
-    void Release(Transfer* t); // its DPC runs as soon as possible
+    void Release(Transfer* t); // runs in the completion context as soon as possible
+    void ArmFrameTimer();
     int64_t FrameTime(const PortState& port) const;
     int64_t NextBoundary(int64_t period) const;
     int64_t DataDue(const PortState& port, const Endpoint& ep, ULONG bytes) const;
@@ -240,6 +249,8 @@ struct Bus::Impl {
 
 Bus::Impl::Impl(BusOptions opts) : options(std::move(opts)) {
     KeInitializeSpinLock(&lock);
+    KeInitializeTimer(&frame_timer);
+    KeInitializeDpc(&completion_dpc, CompletionDpc, this);
     PDRIVER_OBJECT object = driver.Object();
     object->MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL] = DispatchInternal;
     object->MajorFunction[IRP_MJ_DEVICE_CONTROL] = DispatchControl;
@@ -265,6 +276,8 @@ Bus::Impl::~Impl() {
     for (auto& port : ports)
         if (port->device)
             DeleteFunctions(port.get());
+    KeCancelTimer(&frame_timer);
+    KeRemoveQueueDpc(&completion_dpc);
     IoDeleteDevice(hub);
 }
 
@@ -819,27 +832,43 @@ VOID NTAPI Bus::Impl::CancelTransfer(PDEVICE_OBJECT device, PIRP irp) {
     KeReleaseSpinLock(&bus->lock, irql);
 }
 
+// Schedules the transfer's next step at due (a fault's delay added); a
+// cancelled transfer runs at once.
 void Bus::Impl::ArmAt(Transfer* t, int64_t due) {
-    if (!t->armed) {
-        KeInitializeTimer(&t->timer);
-        KeInitializeDpc(&t->dpc, TransferDpc, t);
+    if (t->cancel) {
+        Release(t);
+        return;
     }
-    t->armed = true;
-    // An absolute due time, so that completions fall on frame boundaries.
-    LARGE_INTEGER absolute;
-    KeQuerySystemTime(&absolute);
-    absolute.QuadPart += due + t->delay - hk::Kernel::Current().Now();
-    KeSetTimer(&t->timer, absolute, &t->dpc);
+    if (t->scheduled)
+        schedule.erase(t->slot);
+    t->slot = schedule.emplace(due + t->delay, t);
+    t->scheduled = true;
+    ArmFrameTimer();
 }
 
+// A transfer taken by a running completion pass only learns that it was
+// cancelled; the pass finishes it.
 void Bus::Impl::Release(Transfer* t) {
-    if (!t->armed) {
-        KeInitializeTimer(&t->timer);
-        KeInitializeDpc(&t->dpc, TransferDpc, t);
-        t->armed = true;
+    if (t->running)
+        return;
+    if (t->scheduled)
+        schedule.erase(t->slot);
+    t->slot = schedule.emplace(hk::Kernel::Current().Now(), t);
+    t->scheduled = true;
+    ArmFrameTimer();
+    KeInsertQueueDpc(&completion_dpc, nullptr, nullptr);
+}
+
+// Absolute due times, so that completions fall on frame boundaries.
+void Bus::Impl::ArmFrameTimer() {
+    if (schedule.empty()) {
+        KeCancelTimer(&frame_timer);
+        return;
     }
-    KeCancelTimer(&t->timer);
-    KeInsertQueueDpc(&t->dpc, nullptr, nullptr);
+    LARGE_INTEGER absolute;
+    KeQuerySystemTime(&absolute);
+    absolute.QuadPart += schedule.begin()->first - hk::Kernel::Current().Now();
+    KeSetTimer(&frame_timer, absolute, &completion_dpc);
 }
 
 void Bus::Impl::Enqueue(Transfer* t) {
@@ -882,9 +911,25 @@ void Bus::Impl::DataReady(PortState* port, uint8_t endpoint) {
     KeReleaseSpinLock(&lock, irql);
 }
 
-VOID NTAPI Bus::Impl::TransferDpc(PKDPC, PVOID context, PVOID, PVOID) {
-    auto* t = static_cast<Transfer*>(context);
-    t->bus->Run(t);
+// One pass of the completion context: takes every transfer that is due
+// and runs it outside the lock; a transfer taken by the pass belongs to it.
+VOID NTAPI Bus::Impl::CompletionDpc(PKDPC, PVOID context, PVOID, PVOID) {
+    auto* bus = static_cast<Impl*>(context);
+    std::vector<Transfer*> due;
+    KIRQL irql;
+    KeAcquireSpinLock(&bus->lock, &irql);
+    int64_t now = hk::Kernel::Current().Now();
+    while (!bus->schedule.empty() && bus->schedule.begin()->first <= now) {
+        Transfer* t = bus->schedule.begin()->second;
+        bus->schedule.erase(bus->schedule.begin());
+        t->scheduled = false;
+        t->running = true;
+        due.push_back(t);
+    }
+    bus->ArmFrameTimer();
+    KeReleaseSpinLock(&bus->lock, irql);
+    for (Transfer* t : due)
+        bus->Run(t);
 }
 
 // Pulls packets from the device into an IN transfer until it is full or a
@@ -1087,9 +1132,13 @@ bool Bus::Impl::RunData(Transfer* t, USBD_STATUS& status) {
         return true;
     }
     if (!PullIn(t, status)) {
-        // DataReady arms the timer again.
+        // DataReady schedules it again.
         KeAcquireSpinLock(&lock, &irql);
-        t->waiting = !t->cancel;
+        t->running = false;
+        if (t->cancel)
+            Release(t);
+        else
+            t->waiting = true;
         KeReleaseSpinLock(&lock, irql);
         return false;
     }
@@ -1099,6 +1148,7 @@ bool Bus::Impl::RunData(Transfer* t, USBD_STATUS& status) {
         return true;
     KeAcquireSpinLock(&lock, &irql);
     t->injected = status;
+    t->running = false;
     ArmAt(t, due);
     KeReleaseSpinLock(&lock, irql);
     return false;
@@ -1138,10 +1188,6 @@ void Bus::Impl::Finish(Transfer* t, USBD_STATUS status) {
         }
     }
     Record(t, irp, t->urb, true, status);
-    if (t->armed) {
-        KeCancelTimer(&t->timer);
-        KeRemoveQueueDpc(&t->dpc);
-    }
     KeReleaseSpinLock(&lock, irql);
     NTSTATUS nt_status = t->injected_nt != STATUS_SUCCESS ? t->injected_nt : NtStatusFor(status);
     delete t;
