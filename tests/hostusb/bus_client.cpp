@@ -35,6 +35,8 @@ NTSTATUS NTAPI BusTest::OnComplete(PDEVICE_OBJECT, PIRP irp, PVOID context) {
     request->completed_at = hk::Kernel::Current().Now();
     request->irql = KeGetCurrentIrql();
     request->order = ++*request->counter;
+    if (request->on_complete)
+        request->on_complete();
     KeSetEvent(&request->done, IO_NO_INCREMENT, FALSE);
     return STATUS_MORE_PROCESSING_REQUIRED;
 }

@@ -9,6 +9,7 @@
 #include "hostusb/bus.h"
 #include "simmodem/simmodem.h"
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <vector>
@@ -25,6 +26,7 @@ struct BusRequest {
     KIRQL irql = PASSIVE_LEVEL;
     uint64_t order = 0; // 1 for the first request completed in the test, ...
     uint64_t* counter = nullptr;
+    std::function<void()> on_complete; // runs inside the completion routine
     PURB Urb() { return reinterpret_cast<PURB>(urb.data()); }
     USBD_STATUS UsbStatus() { return Urb()->UrbHeader.Status; }
 };

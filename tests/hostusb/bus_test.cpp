@@ -258,6 +258,20 @@ TEST_F(BusTest, CancelCompletesAPendingTransferCancelled) {
     EXPECT_EQ(bus_->PendingTransfers(port_), 0u);
 }
 
+TEST_F(BusTest, CancelFromACompletionOfTheSamePassCompletesOnce) {
+    Plug(sm::OrdinaryModem());
+    ASSERT_EQ(Select(0), STATUS_SUCCESS);
+    // Both are due at the next frame boundary, so one pass takes both.
+    BusRequest* first =
+        ClassOrVendor(URB_FUNCTION_CLASS_INTERFACE, false, sm::kSetControlLineState, 1, 0, {});
+    BusRequest* second = Transfer(kBulkOut, false, {1});
+    first->on_complete = [second] { IoCancelIrp(second->irp); };
+    ASSERT_TRUE(Wait(second));
+    EXPECT_EQ(second->status, STATUS_CANCELLED);
+    EXPECT_EQ(second->completed_at, first->completed_at);
+    EXPECT_TRUE(modem_->Pull().empty());
+}
+
 TEST_F(BusTest, AbortCompletesEveryPendingTransferBeforeItself) {
     Plug(sm::OrdinaryModem());
     ASSERT_EQ(Select(0), STATUS_SUCCESS);
