@@ -146,6 +146,7 @@ struct Endpoint {
     uint16_t max_packet = 64;
     uint8_t interval = 0;
     bool halted = false;
+    uint64_t data_ready = 0;     // the device's DataReady calls, counted
     std::deque<Transfer*> queue; // the head is the active transfer
 };
 
@@ -901,6 +902,8 @@ void Bus::Impl::DataReady(PortState* port, uint8_t endpoint) {
     KIRQL irql;
     KeAcquireSpinLock(&lock, &irql);
     auto it = port->endpoints.find(endpoint);
+    if (it != port->endpoints.end())
+        it->second.data_ready++;
     if (it != port->endpoints.end() && !it->second.queue.empty()) {
         Transfer* head = it->second.queue.front();
         if (head->waiting) {
@@ -1131,12 +1134,16 @@ bool Bus::Impl::RunData(Transfer* t, USBD_STATUS& status) {
         t->done = t->length;
         return true;
     }
+    KeAcquireSpinLock(&lock, &irql);
+    uint64_t data_ready = t->endpoint->data_ready;
+    KeReleaseSpinLock(&lock, irql);
     if (!PullIn(t, status)) {
-        // DataReady schedules it again.
+        // DataReady schedules it again; data that arrived while this pass
+        // pulled is looked for at once.
         KeAcquireSpinLock(&lock, &irql);
         t->running = false;
-        if (t->cancel)
-            Release(t);
+        if (t->cancel || t->endpoint->data_ready != data_ready)
+            ArmAt(t, DataDue(port, *t->endpoint, 0));
         else
             t->waiting = true;
         KeReleaseSpinLock(&lock, irql);
