@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs the build and test tools this project needs when they are missing
 # (Debian packages): the host toolchain, the mingw-w64 cross compiler with
-# its WDK headers, GoogleTest, Google Benchmark and clang's libFuzzer.
+# its WDK headers, GoogleTest, Google Benchmark, clang's libFuzzer, libpcap
+# (bus captures) and tshark (the capture test).
 set -euo pipefail
 
 missing=()
@@ -19,6 +20,9 @@ need libbenchmark-dev /usr/include/benchmark/benchmark.h
 need clang /usr/bin/clang++
 need libclang-rt-14-dev /usr/lib/llvm-14/lib/clang/14.0.6/lib/linux/libclang_rt.fuzzer-x86_64.a
 need clang-format /usr/bin/clang-format
+need pkg-config /usr/bin/pkg-config
+need libpcap-dev /usr/include/pcap/pcap.h
+need tshark /usr/bin/tshark
 
 if [ ${#missing[@]} -eq 0 ]; then
   exit 0
@@ -30,4 +34,6 @@ else
   SUDO=
 fi
 $SUDO apt-get update -qq
+# tshark asks whether ordinary users may capture; the answer is no.
+echo "wireshark-common wireshark-common/install-setuid boolean false" | $SUDO debconf-set-selections
 DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq "${missing[@]}" >/dev/null

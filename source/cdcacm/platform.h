@@ -16,6 +16,11 @@
 // Structure sizes the driver relies on in the x86 kernel.
 static_assert(sizeof(IRP) == 112, "IRP is 112 bytes on x86");
 static_assert(sizeof(IO_STACK_LOCATION) == 36, "IO_STACK_LOCATION is 36 bytes on x86");
+static_assert(sizeof(struct _URB_CONTROL_VENDOR_OR_CLASS_REQUEST) == 80, "class/vendor URB");
+static_assert(sizeof(struct _URB_CONTROL_DESCRIPTOR_REQUEST) == 80, "descriptor URB");
+static_assert(sizeof(struct _URB_BULK_OR_INTERRUPT_TRANSFER) == 72, "bulk URB");
+static_assert(sizeof(struct _URB_PIPE_REQUEST) == 24, "pipe request URB");
+static_assert(sizeof(struct _URB_SELECT_CONFIGURATION) == 60, "deselecting URB");
 #ifndef PAGED_CODE
 #define PAGED_CODE()
 #endif

@@ -16,6 +16,8 @@
 
 #define USB_PACKET_POOL_MAGIC 0x506B7055 // 'UpkP'
 #define USB_PACKET_MAGIC 0x746B7055      // 'Upkt'
+#define USB_PACKET_POOL_TAG 0x50425355   // 'USBP', the pool and its packets
+#define USB_PACKET_IRP_TAG 0x30707375    // 'usp0', each packet's IRP
 
 struct _USB_PACKET_POOL {
     KSPIN_LOCK Lock;
@@ -43,3 +45,13 @@ struct _USB_PACKET {
     ULONG Magic; // 0 after deletion
     // The data area of BufferSize + 4096 bytes follows.
 };
+
+// PacketCount packets of BufferSize bytes whose IRPs have StackSize
+// locations; NULL when PacketCount is 0 or memory runs out.
+PUSB_PACKET_POOL UsbPacketPoolCreate(ULONG PacketCount, ULONG BufferSize, CCHAR StackSize);
+// Every packet must be back in the pool. Pool may be NULL.
+VOID UsbPacketPoolDelete(PUSB_PACKET_POOL Pool);
+// The packet returned last, with a freshly initialised IRP; NULL when all
+// packets are out.
+PUSB_PACKET UsbPacketGet(PUSB_PACKET_POOL Pool);
+VOID UsbPacketPut(PUSB_PACKET Packet);

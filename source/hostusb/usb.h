@@ -6,9 +6,7 @@
 #pragma once
 
 #include "hostkernel/ktypes.h"
-
-// Memory descriptor list; the I/O manager part of the emulation defines it.
-typedef struct _MDL MDL, *PMDL;
+#include "hostkernel/io.h"
 
 // Standard descriptors.
 #define USB_DEVICE_DESCRIPTOR_TYPE 0x01
@@ -160,6 +158,7 @@ typedef LONG USBD_STATUS;
 #define USBD_STATUS_TIMEOUT ((USBD_STATUS)0xc0006000)
 #define USBD_STATUS_DEVICE_GONE ((USBD_STATUS)0xc0007000)
 #define USBD_STATUS_CANCELED ((USBD_STATUS)0xc0010000)
+#define USBD_STATUS_INVALID_CONFIGURATION_DESCRIPTOR ((USBD_STATUS)0xc0000f00)
 
 // Opaque handles the bus driver hands out at select-configuration.
 typedef PVOID USBD_PIPE_HANDLE;
@@ -308,3 +307,70 @@ typedef struct _URB {
         struct _URB_BULK_OR_INTERRUPT_TRANSFER UrbBulkOrInterruptTransfer;
     };
 } URB, *PURB;
+
+// Sizes of a select-configuration URB for the given interfaces and pipes.
+#define GET_SELECT_CONFIGURATION_REQUEST_SIZE(totalInterfaces, totalPipes)                         \
+    (sizeof(struct _URB_SELECT_CONFIGURATION) +                                                    \
+     ((totalInterfaces)-1) * sizeof(USBD_INTERFACE_INFORMATION) +                                  \
+     ((totalPipes) - (totalInterfaces)) * sizeof(USBD_PIPE_INFORMATION))
+#define GET_USBD_INTERFACE_SIZE(numEndpoints)                                                      \
+    (sizeof(USBD_INTERFACE_INFORMATION) + sizeof(USBD_PIPE_INFORMATION) * (numEndpoints) -         \
+     sizeof(USBD_PIPE_INFORMATION))
+
+// Internal I/O controls of the USB stack, and the hub's public one.
+#define FILE_DEVICE_USB FILE_DEVICE_UNKNOWN
+#define USB_SUBMIT_URB 0
+#define USB_RESET_PORT 1
+#define USB_GET_PARENT_HUB_INFO 267
+#define USB_GET_NODE_INFORMATION 258
+#define IOCTL_INTERNAL_USB_SUBMIT_URB                                                              \
+    CTL_CODE(FILE_DEVICE_USB, USB_SUBMIT_URB, METHOD_NEITHER, FILE_ANY_ACCESS)
+#define IOCTL_INTERNAL_USB_RESET_PORT                                                              \
+    CTL_CODE(FILE_DEVICE_USB, USB_RESET_PORT, METHOD_NEITHER, FILE_ANY_ACCESS)
+#define IOCTL_INTERNAL_USB_GET_PARENT_HUB_INFO                                                     \
+    CTL_CODE(FILE_DEVICE_USB, USB_GET_PARENT_HUB_INFO, METHOD_BUFFERED, FILE_ANY_ACCESS)
+#define IOCTL_USB_GET_NODE_INFORMATION                                                             \
+    CTL_CODE(FILE_DEVICE_USB, USB_GET_NODE_INFORMATION, METHOD_BUFFERED, FILE_ANY_ACCESS)
+
+#pragma pack(push, 1)
+
+typedef struct _USB_HUB_DESCRIPTOR {
+    UCHAR bDescriptorLength;
+    UCHAR bDescriptorType;
+    UCHAR bNumberOfPorts;
+    USHORT wHubCharacteristics;
+    UCHAR bPowerOnToPowerGood;
+    UCHAR bHubControlCurrent;
+    UCHAR bRemoveAndPowerMask[64];
+} USB_HUB_DESCRIPTOR, *PUSB_HUB_DESCRIPTOR;
+
+typedef enum _USB_HUB_NODE { UsbHub, UsbMIParent } USB_HUB_NODE;
+
+typedef struct _USB_HUB_INFORMATION {
+    USB_HUB_DESCRIPTOR HubDescriptor;
+    BOOLEAN HubIsBusPowered;
+} USB_HUB_INFORMATION, *PUSB_HUB_INFORMATION;
+
+typedef struct _USB_MI_PARENT_INFORMATION {
+    ULONG NumberOfInterfaces;
+} USB_MI_PARENT_INFORMATION, *PUSB_MI_PARENT_INFORMATION;
+
+typedef struct _USB_NODE_INFORMATION {
+    USB_HUB_NODE NodeType;
+    union {
+        USB_HUB_INFORMATION HubInformation;
+        USB_MI_PARENT_INFORMATION MiParentInformation;
+    } u;
+} USB_NODE_INFORMATION, *PUSB_NODE_INFORMATION;
+
+#pragma pack(pop)
+
+// The USBD library. The configuration request comes from non-paged pool;
+// the caller frees it with ExFreePool.
+PUSB_INTERFACE_DESCRIPTOR
+USBD_ParseConfigurationDescriptorEx(PUSB_CONFIGURATION_DESCRIPTOR ConfigurationDescriptor,
+                                    PVOID StartPosition, LONG InterfaceNumber,
+                                    LONG AlternateSetting, LONG InterfaceClass,
+                                    LONG InterfaceSubClass, LONG InterfaceProtocol);
+PURB USBD_CreateConfigurationRequestEx(PUSB_CONFIGURATION_DESCRIPTOR ConfigurationDescriptor,
+                                       PUSBD_INTERFACE_LIST_ENTRY InterfaceList);

@@ -1,0 +1,156 @@
+// Simulated CDC-ACM modems: profiles described as constant descriptor
+// tables, the helpers that turn them into descriptor bytes, and the modem
+// that answers the bus: standard, CDC and vendor requests (recorded with
+// their virtual time), loopback or test data, and notifications on demand.
+//
+// Environment: a modem is called by the bus in its completion context
+// (DISPATCH_LEVEL) and by the test thread; both run on the one emulated
+// processor, so the modem's state needs no lock of its own.
+#pragma once
+
+#include "hostusb/bus.h"
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace sm {
+
+// CDC requests and notifications the modem knows.
+constexpr uint8_t kSetLineCoding = 0x20;
+constexpr uint8_t kGetLineCoding = 0x21;
+constexpr uint8_t kSetControlLineState = 0x22;
+constexpr uint8_t kSendBreak = 0x23;
+constexpr uint8_t kGetSpecialChars = 0x60;
+constexpr uint8_t kStartFraming = 0x61;
+constexpr uint8_t kStopFraming = 0x62;
+constexpr uint8_t kNetworkConnection = 0x00;
+constexpr uint8_t kSerialState = 0x20;
+constexpr uint8_t kRequestToStartFraming = 0x10;
+constexpr uint8_t kRequestToStopFraming = 0x11;
+
+struct EndpointTable {
+    uint8_t address;
+    uint8_t attributes; // transfer type
+    uint16_t max_packet;
+    uint8_t interval;
+};
+
+struct InterfaceTable {
+    uint8_t number;
+    uint8_t cls, subclass, protocol;
+    std::vector<std::vector<uint8_t>> functional; // class-specific descriptors, as bytes
+    std::vector<EndpointTable> endpoints;
+};
+
+struct ConfigurationTable {
+    uint8_t value;
+    uint8_t attributes; // bmAttributes
+    uint8_t max_power;  // 2 mA units
+    std::vector<InterfaceTable> interfaces;
+    // A descriptor of bLength 0 inserted before this interface (index).
+    std::optional<size_t> zero_length_before;
+    // wTotalLength as the device reports it, when it lies.
+    std::optional<uint16_t> reported_total_length;
+};
+
+struct Profile {
+    std::string name;
+    uint16_t vendor_id = 0xfff0; // a test identifier
+    uint16_t product_id = 0x0001;
+    uint16_t bcd_device = 0x0100;
+    std::string manufacturer;
+    std::string product;
+    std::optional<std::string> serial; // none: iSerialNumber 0
+    std::vector<ConfigurationTable> configurations;
+    // Interface numbers per function; one function holding every interface
+    // when empty.
+    std::vector<std::vector<uint8_t>> functions;
+};
+
+// The built-in profiles; packets are 64 bytes at full speed and 512 at high
+// speed.
+Profile OrdinaryModem(hu::Speed speed = hu::Speed::kFull);
+Profile SingleConfiguration(hu::Speed speed = hu::Speed::kFull);
+Profile NoSerialNumber(hu::Speed speed = hu::Speed::kFull);
+Profile CompositeTwoAcm(hu::Speed speed = hu::Speed::kFull);
+Profile NoInterruptEndpoint(hu::Speed speed = hu::Speed::kFull);
+Profile SingleInterface(hu::Speed speed = hu::Speed::kFull);
+Profile GrowingTotalLength(hu::Speed speed = hu::Speed::kFull); // reports more than it has
+Profile ZeroLengthDescriptor(hu::Speed speed = hu::Speed::kFull);
+
+// Descriptor bytes of a profile.
+std::vector<uint8_t> DeviceDescriptorBytes(const Profile& profile);
+std::vector<uint8_t> ConfigurationBytes(const ConfigurationTable& configuration);
+std::vector<uint8_t> StringBytes(const std::string& text); // UTF-16LE, ASCII in
+
+// A request the modem received on its default pipe, with its virtual time.
+struct RecordedRequest {
+    int64_t time_ms;
+    hu::SetupPacket setup;
+    std::vector<uint8_t> data; // host-to-device data stage
+};
+
+class Modem : public hu::Device {
+  public:
+    enum class DataMode { kLoopback, kTest };
+    explicit Modem(Profile profile, DataMode mode = DataMode::kTest);
+
+    // hu::Device
+    hu::ControlAnswer Control(const hu::SetupPacket& setup,
+                              const std::vector<uint8_t>& out_data) override;
+    void Out(uint8_t endpoint, const std::vector<uint8_t>& data) override;
+    std::optional<std::vector<uint8_t>> In(uint8_t endpoint, uint16_t max_packet) override;
+    std::vector<std::vector<uint8_t>> Functions() const override;
+
+    const Profile& profile() const { return profile_; }
+    // Class and vendor requests, in order (standard ones are not kept).
+    const std::vector<RecordedRequest>& Requests() const { return requests_; }
+    // Line coding as last set (7 bytes).
+    const std::vector<uint8_t>& LineCoding() const { return line_coding_; }
+    uint16_t ControlLineState() const { return control_lines_; }
+    uint8_t Configuration() const { return configuration_; }
+    // The answer to the special-character request.
+    void SetSpecialChars(std::vector<uint8_t> table) { special_chars_ = std::move(table); }
+
+    // Test mode: bytes for the host to read on the function's bulk-in
+    // endpoint, framed by its packet size (a zero-length packet follows a
+    // chunk that fills its last packet), and the bytes the host wrote.
+    void Push(const std::vector<uint8_t>& data, size_t function = 0);
+    std::vector<uint8_t> Pull(size_t function = 0);
+
+    // Notifications on the function's interrupt endpoint.
+    void SendSerialState(uint16_t state, size_t function = 0);
+    void SendNetworkConnection(bool connected, size_t function = 0);
+    void SendVendorNotification(uint8_t code, size_t function = 0);
+
+  private:
+    struct FunctionData {
+        uint8_t comm_interface = 0;
+        uint8_t bulk_in = 0, bulk_out = 0, interrupt_in = 0;
+        uint16_t bulk_in_packet = 64;
+        std::deque<std::vector<uint8_t>> in_packets; // bulk-in, framed
+        std::deque<std::vector<uint8_t>> notifications;
+        std::vector<uint8_t> written;
+    };
+    const ConfigurationTable* Selected() const;
+    void Configure(uint8_t value);
+    FunctionData* ByEndpoint(uint8_t endpoint);
+    void Notify(size_t function, std::vector<uint8_t> packet);
+    std::optional<std::vector<uint8_t>> Descriptor(uint8_t type, uint8_t index, uint16_t language);
+
+    Profile profile_;
+    DataMode mode_;
+    uint8_t configuration_ = 0;
+    std::vector<FunctionData> functions_;
+    std::vector<RecordedRequest> requests_;
+    std::vector<uint8_t> line_coding_{0x80, 0x25, 0, 0, 0, 0, 8}; // 9600 8N1
+    uint16_t control_lines_ = 0;
+    uint16_t break_state_ = 0;
+    std::vector<uint8_t> special_chars_{0x7e, 0x7d};
+};
+
+} // namespace sm

@@ -1,0 +1,174 @@
+// Synchronous submission against the simulated bus: time-outs in virtual
+// time, the cancelled IRP's return, the folding of USB status into NT
+// status, short transfers, and requests that must never leave the driver.
+#include "usb_fixture.h"
+
+#include <cstdio>
+#include <functional>
+
+namespace {
+
+constexpr int64_t kMs = 10000;
+
+class SubmitTest : public UsbDeviceTest {
+  protected:
+    void SetUp() override {
+        UsbDeviceTest::SetUp();
+        Start(sm::OrdinaryModem());
+        ASSERT_EQ(Configure(), STATUS_SUCCESS);
+    }
+    // SET_CONTROL_LINE_STATE through the device's control IRP.
+    NTSTATUS SetLines(USHORT lines) {
+        USB_CTRL_REQUEST request = {
+            BMREQUEST_CLASS, BMREQUEST_TO_INTERFACE, 0, sm::kSetControlLineState, lines, 0};
+        ULONG length = 0;
+        return ClassVendorRequest(FALSE, dev_, dev_->ControlIrp, &request, nullptr, &length);
+    }
+    hu::UsbFaultKnob& AddControlFault(hu::Fault kind, hu::UsbFaultKnob knob) {
+        knob.nth = 1;
+        knob.match = hu::RequestKey(sm::kSetControlLineState);
+        return bus_->AddFault(kind, knob);
+    }
+};
+
+TEST_F(SubmitTest, TimeOutOfZeroWaitsAsLongAsTheRequestTakes) {
+    hu::UsbFaultKnob slow;
+    slow.delay_ms = 5000;
+    AddControlFault(hu::Fault::kDelay, slow);
+    dev_->Cfg.RequestTimeout = 0;
+    int64_t start = kernel().Now();
+    EXPECT_EQ(SetLines(1), STATUS_SUCCESS);
+    EXPECT_GE(kernel().Now() - start, 5000 * kMs);
+    EXPECT_FALSE(dbg().Contains("TIMEOUT"));
+}
+
+TEST_F(SubmitTest, UnansweredRequestTimesOutOnlyAfterTheCancelledIrpCameBack) {
+    hu::UsbFaultKnob& silent = AddControlFault(hu::Fault::kNoAnswer, {});
+    int64_t start = kernel().Now();
+    EXPECT_EQ(SetLines(1), STATUS_IO_TIMEOUT);
+    EXPECT_EQ(silent.fired, 1u);
+    EXPECT_EQ(kernel().Now() - start, 400 * kMs);
+    EXPECT_TRUE(dbg().Contains("ACM:COM7:SubmitIrpAndWait: TIMEOUT:400"));
+    EXPECT_EQ(bus_->PendingTransfers(port_), 0u) << "the IRP is back from the bus";
+    // The same control IRP serves the next request.
+    EXPECT_EQ(SetLines(3), STATUS_SUCCESS);
+    ASSERT_EQ(modem_->Requests().size(), 1u);
+    EXPECT_EQ(modem_->ControlLineState(), 3);
+}
+
+struct Folding {
+    const char* name;
+    USBD_STATUS usbd;
+    NTSTATUS nt; // the IRP's status the bus is told to use; 0: its own mapping
+    NTSTATUS expected;
+};
+
+class FoldingTest : public SubmitTest, public ::testing::WithParamInterface<Folding> {};
+
+TEST_P(FoldingTest, UsbStatusFoldsIntoTheResult) {
+    hu::UsbFaultKnob error;
+    error.status = GetParam().usbd;
+    error.nt_status = GetParam().nt;
+    AddControlFault(hu::Fault::kError, error);
+    NTSTATUS status = SetLines(1);
+    EXPECT_EQ(ULONG(status), ULONG(GetParam().expected));
+    char line[96];
+    std::snprintf(line, sizeof line, "ACM:COM7:ClassVendorRequest: SubmitUrbAndWait failed (%08X).",
+                  unsigned(GetParam().expected));
+    EXPECT_TRUE(dbg().Contains(line)) << line;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Statuses, FoldingTest,
+    ::testing::Values(Folding{"NtFailureWithUsbSuccess", USBD_STATUS_SUCCESS,
+                              STATUS_DEVICE_DATA_ERROR, STATUS_DEVICE_DATA_ERROR},
+                      Folding{"EndpointHalted", USBD_STATUS_ENDPOINT_HALTED, 0,
+                              NTSTATUS(0xE0000030)},
+                      Folding{"Stall", USBD_STATUS_STALL_PID, 0, NTSTATUS(0xE0000004)},
+                      Folding{"HighReasonBits", USBD_STATUS_CANCELED, 0, NTSTATUS(0xE0010000)}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(SubmitTest, ShortDeviceToHostRequestReportsTheShorterLength) {
+    USB_CTRL_REQUEST request = {
+        BMREQUEST_CLASS, BMREQUEST_TO_INTERFACE, 0, sm::kGetLineCoding, 0, 0};
+    UCHAR buffer[64] = {};
+    ULONG length = sizeof buffer;
+    EXPECT_EQ(ClassVendorRequest(TRUE, dev_, dev_->ControlIrp, &request, buffer, &length),
+              STATUS_SUCCESS);
+    EXPECT_EQ(length, 7u);
+    EXPECT_EQ(buffer[6], 8) << "8 data bits of the modem's line coding";
+    EXPECT_TRUE(dbg().Contains("ACM:COM7:ClassVendorRequest: Transferred Bytes 7"));
+}
+
+TEST_F(SubmitTest, RequestReachesTheModemAsBuilt) {
+    UCHAR coding[7] = {0x00, 0xc2, 0x01, 0x00, 0, 0, 8};
+    USB_CTRL_REQUEST request = {BMREQUEST_CLASS,
+                                BMREQUEST_TO_INTERFACE,
+                                0,
+                                sm::kSetLineCoding,
+                                0,
+                                USHORT(dev_->Cfg.UsbInterface)};
+    ULONG length = sizeof coding;
+    ASSERT_EQ(ClassVendorRequest(FALSE, dev_, dev_->ControlIrp, &request, coding, &length),
+              STATUS_SUCCESS);
+    USB_CTRL_REQUEST vendor = {
+        BMREQUEST_VENDOR, BMREQUEST_TO_INTERFACE, 0, sm::kGetSpecialChars, 0, 0};
+    UCHAR table[256];
+    length = sizeof table;
+    ASSERT_EQ(ClassVendorRequest(TRUE, dev_, dev_->ControlIrp, &vendor, table, &length),
+              STATUS_SUCCESS);
+    ASSERT_EQ(modem_->Requests().size(), 2u);
+    const sm::RecordedRequest& set = modem_->Requests()[0];
+    EXPECT_EQ(set.setup.request_type, 0x21);
+    EXPECT_EQ(set.setup.length, 7);
+    EXPECT_EQ(set.data, std::vector<uint8_t>(coding, coding + 7));
+    EXPECT_EQ(modem_->Requests()[1].setup.request_type, 0xc1);
+    EXPECT_EQ(modem_->Requests()[1].setup.length, 256);
+}
+
+struct NotSent {
+    const char* name;
+    std::function<void(PDEVICE)> prepare;
+    USB_CTRL_REQUEST request;
+    const char* trace; // null: none
+};
+
+class NotSentTest : public SubmitTest, public ::testing::WithParamInterface<NotSent> {};
+
+TEST_P(NotSentTest, FailsWithoutSendingAnything) {
+    PDEVICE_OBJECT lower = dev_->LowerDevObj;
+    GetParam().prepare(dev_);
+    uint64_t before = Urbs();
+    USB_CTRL_REQUEST request = GetParam().request;
+    ULONG length = 0;
+    EXPECT_EQ(ClassVendorRequest(FALSE, dev_, dev_->ControlIrp, &request, nullptr, &length),
+              STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(Urbs(), before);
+    if (GetParam().trace) {
+        EXPECT_TRUE(dbg().Contains(GetParam().trace));
+    }
+    dev_->LowerDevObj = lower;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Requests, NotSentTest,
+    ::testing::Values(
+        NotSent{"DeviceDisabled",
+                [](PDEVICE dev) { dev->UsbDeviceEnabled = FALSE; },
+                {BMREQUEST_CLASS, BMREQUEST_TO_INTERFACE, 0, sm::kSetControlLineState, 1, 0},
+                "ACM:COM7:ClassVendorRequest skipped, Device disabled"},
+        NotSent{"StandardType",
+                [](PDEVICE) {},
+                {BMREQUEST_STANDARD, BMREQUEST_TO_INTERFACE, 0, sm::kSetControlLineState, 1, 0},
+                nullptr},
+        NotSent{"RecipientAboveOther",
+                [](PDEVICE) {},
+                {BMREQUEST_CLASS, 4, 0, sm::kSetControlLineState, 1, 0},
+                nullptr},
+        NotSent{"NoLowerDevice",
+                [](PDEVICE dev) { dev->LowerDevObj = nullptr; },
+                {BMREQUEST_CLASS, BMREQUEST_TO_INTERFACE, 0, sm::kSetControlLineState, 1, 0},
+                nullptr}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+} // namespace
