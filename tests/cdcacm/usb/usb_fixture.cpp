@@ -18,7 +18,9 @@ void UsbDeviceTest::Start(const sm::Profile& profile, hu::BusOptions options, si
     dev_->LowerDevObj = IoAttachDeviceToDeviceStack(attach_, pdo);
     dev_->StackSize = dev_->LowerDevObj->StackSize;
     dev_->IrpSize = IoSizeOfIrp(dev_->StackSize);
-    dev_->ControlIrp = IoAllocateIrp(dev_->StackSize, FALSE);
+    // As device creation makes it: pool of IRP size, initialised by hand.
+    dev_->ControlIrp = static_cast<PIRP>(MemAlloc(dev_->IrpSize, 'PNP0'));
+    IoInitializeIrp(dev_->ControlIrp, dev_->IrpSize, dev_->StackSize);
     dev_->Cfg.RequestTimeout = 400;
     dev_->Cfg.HighPowerCfg = 1;
     dev_->Cfg.LowPowerCfg = 0;
@@ -75,7 +77,7 @@ void UsbDeviceTest::TearDown() {
             IoFreeIrp(transfer->irp);
         }
         UnconfigureDevice(usb_, FALSE);
-        IoFreeIrp(dev_->ControlIrp);
+        MemFree(dev_->ControlIrp);
         IoDetachDevice(dev_->LowerDevObj);
         IoDeleteDevice(attach_);
     }
