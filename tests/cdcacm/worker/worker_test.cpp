@@ -75,11 +75,14 @@ TEST_F(Worker, IrpCompletesWithTheFunctionsStatusAfterTheMutexIsReleased) {
     TraceMask = 0x2000;
     Probe probe = MakeProbe(STATUS_TIMEOUT);
     BOOLEAN queued = FALSE;
+    // Held, so that the work cannot run on another worker before the checks.
+    KeWaitForSingleObject(&dev_->DeviceMutex, Executive, KernelMode, FALSE, nullptr);
     AppRequest* request = PendedControl(&probe, &queued);
-    ASSERT_TRUE(queued);
     EXPECT_EQ(request->returned, STATUS_PENDING);
     EXPECT_EQ(dev_->RefCount, 2) << "the work item holds a reference";
     EXPECT_EQ(probe.runs, 0) << "runs on the worker thread, not in the caller";
+    KeReleaseMutex(&dev_->DeviceMutex, FALSE);
+    ASSERT_TRUE(queued);
 
     ASSERT_TRUE(Wait(request));
     RunFor(10); // the work item goes on after the completion
@@ -123,12 +126,15 @@ TEST_F(Worker, WorkWaitsForTheDeviceMutex) {
 TEST_F(Worker, QueuedWorkKeepsARemovedDeviceUntilItHasRun) {
     Probe probe = MakeProbe(STATUS_SUCCESS);
     BOOLEAN queued = FALSE;
+    KeWaitForSingleObject(&dev_->DeviceMutex, Executive, KernelMode, FALSE, nullptr);
     AppRequest* request = PendedControl(&probe, &queued);
     ASSERT_TRUE(queued);
     bool deleted_before_completion = true;
     request->on_complete = [&] { deleted_before_completion = !LaterDoubles().deleted.empty(); };
-    // Removal drops the data port's own reference; the work item's remains.
+    // Removal drops the data port's own reference while the work is queued;
+    // the work item's remains.
     EXPECT_EQ(InterlockedDecrement(&dev_->RefCount), 1);
+    KeReleaseMutex(&dev_->DeviceMutex, FALSE);
 
     ASSERT_TRUE(Wait(request));
     RunFor(10); // the work item goes on after the completion
