@@ -1,7 +1,8 @@
 // Verifier hooks shared by the kernel's calls, internal to the stand-in:
 // the locks each emulated context holds and the order they were taken in
-// (lockorder.cpp), and the check that a kernel object lies outside paged
-// pool (pool.cpp). A context is the emulated thread the scheduler runs,
+// (lockorder.cpp), the check that a kernel object lies outside paged pool
+// (pool.cpp) and the pages of paged pool, out of reach at DISPATCH_LEVEL
+// (pagedpool.cpp). A context is the emulated thread the scheduler runs,
 // Sched().Current(); DPCs run in the context they interrupt.
 #pragma once
 
@@ -55,5 +56,16 @@ void CheckNoMutexHeld(const char* what, bool context_ends);
 
 // Reports a dispatcher object, DPC or spin lock that lies in paged pool.
 void CheckNonPaged(const void* object, const char* what);
+std::string TagText(ULONG tag); // a pool tag as its four characters
+
+// Paged-pool blocks on pages of their own. A new block is accessible; the
+// pool makes it accessible again for its own work on it before it unmaps it.
+void* MapPagedBlock(size_t bytes, ULONG tag);
+void OpenPagedBlock(void* block);
+void UnmapPagedBlock(void* block);
+// Called wherever the running context's IRQL changes or another context
+// starts running: at DISPATCH_LEVEL or above every paged block becomes
+// inaccessible, below it accessible. Nearly free while no paged block exists.
+void GuardPagedPool(KIRQL irql);
 
 } // namespace hk::detail

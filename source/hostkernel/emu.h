@@ -67,7 +67,9 @@ class Debugger {
 // Non-paged and paged pool with per-tag accounting and fault injection. As
 // on Windows, a new block holds whatever was there before (here the pattern
 // kNewFill), and a freed block is overwritten with kFreedFill before it
-// goes back, so a driver that reads either sees garbage, not zeros.
+// goes back, so a driver that reads either sees garbage, not zeros. Paged
+// blocks lie on pages of their own that are out of reach while the running
+// context is at DISPATCH_LEVEL or above.
 class Pool {
   public:
     struct Usage {
@@ -122,6 +124,7 @@ inline constexpr const char* kIrqlDirection =
     "KeRaiseIrql to a lower or KeLowerIrql to a higher IRQL";
 inline constexpr const char* kPagedCode = "paged code run at DISPATCH_LEVEL";
 inline constexpr const char* kPoolIrql = "pool allocated or freed at a forbidden IRQL";
+inline constexpr const char* kPagedPoolAtDispatch = "paged pool touched at DISPATCH_LEVEL or above";
 inline constexpr const char* kBadFree = "pool block freed that is not allocated";
 inline constexpr const char* kFreeTagMismatch = "pool block freed with another tag";
 inline constexpr const char* kQueuedInFreedPool = "timer or DPC still queued inside freed pool";

@@ -138,7 +138,7 @@ void Scheduler::DpcContextLoop(EmuThread* self) {
             auto* dpc = CONTAINING_RECORD(RemoveHeadList(&dpc_queue_), KDPC, DpcListEntry);
             dpc->DpcData = nullptr;
             self->running_dpc = dpc;
-            self->irql = DISPATCH_LEVEL;
+            SetIrql(DISPATCH_LEVEL);
             dpc->DeferredRoutine(dpc, dpc->DeferredContext, dpc->SystemArgument1,
                                  dpc->SystemArgument2);
             if (self->irql != DISPATCH_LEVEL) {
@@ -147,7 +147,7 @@ void Scheduler::DpcContextLoop(EmuThread* self) {
                                                  std::to_string(self->irql) +
                                                  " instead of DISPATCH_LEVEL");
             }
-            self->irql = PASSIVE_LEVEL;
+            SetIrql(PASSIVE_LEVEL);
             self->running_dpc = nullptr;
         }
         if (DpcsIdle()) {

@@ -2,8 +2,11 @@
 // type, a byte and block count per tag, a leak report and fault injection.
 // New blocks are filled with a pattern so that uninitialised use shows;
 // freed blocks are overwritten with another and go back to the host at
-// once, so AddressSanitizer catches any later touch. Paged pool may not be
-// freed at DISPATCH_LEVEL nor hold objects the kernel touches there.
+// once, so AddressSanitizer catches any later touch (a paged block's pages
+// are unmapped, so a later touch faults). Paged pool may not be freed at
+// DISPATCH_LEVEL nor hold objects the kernel touches there; its pages are
+// out of reach at DISPATCH_LEVEL (pagedpool.cpp), and the pool opens a
+// block's pages before its own work on them.
 #include "hostkernel/checks.h"
 #include "hostkernel/scheduler.h"
 
@@ -13,20 +16,15 @@
 
 namespace hk {
 
-namespace {
-std::string TagText(ULONG tag) {
-    std::string text;
-    for (int i = 0; i < 4; ++i) {
-        char c = char((tag >> (8 * i)) & 0xFF);
-        text += (c >= 32 && c < 127) ? c : '.';
-    }
-    return text;
-}
-} // namespace
+using detail::TagText;
 
 Pool::~Pool() {
-    for (auto& [block, info] : blocks_)
-        std::free(block);
+    for (auto& [block, info] : blocks_) {
+        if (info.paged)
+            detail::UnmapPagedBlock(block);
+        else
+            std::free(block);
+    }
 }
 
 void* Pool::Allocate(POOL_TYPE type, size_t bytes, ULONG tag) {
@@ -40,10 +38,12 @@ void* Pool::Allocate(POOL_TYPE type, size_t bytes, ULONG tag) {
     ++allocations_;
     if (faults_.ShouldFail(tag))
         return nullptr;
-    void* block = std::malloc(bytes ? bytes : 1);
+    void* block = paged ? detail::MapPagedBlock(bytes, tag) : std::malloc(bytes ? bytes : 1);
     if (!block)
         return nullptr;
     std::memset(block, kNewFill, bytes);
+    if (paged)
+        detail::GuardPagedPool(irql);
     blocks_[block] = Block{bytes, tag, paged};
     Usage& usage = tags_[tag];
     usage.bytes += bytes;
@@ -72,6 +72,8 @@ size_t Pool::Free(void* block, ULONG tag, bool check_tag) {
                                                    "', freed as '" + TagText(tag) + "'");
     detail::Sched().CheckFreed(block, info.bytes);
     detail::Locks().Forget(block, info.bytes);
+    if (info.paged)
+        detail::OpenPagedBlock(block);
     if (free_observer_)
         free_observer_(block, info.bytes, info.tag);
     std::memset(block, kFreedFill, info.bytes);
@@ -81,7 +83,10 @@ size_t Pool::Free(void* block, ULONG tag, bool check_tag) {
     if (usage.blocks == 0)
         tags_.erase(info.tag);
     blocks_.erase(it);
-    std::free(block);
+    if (info.paged)
+        detail::UnmapPagedBlock(block);
+    else
+        std::free(block);
     return info.bytes;
 }
 
@@ -117,6 +122,15 @@ std::string Pool::LeakReport() const {
 }
 
 namespace detail {
+std::string TagText(ULONG tag) {
+    std::string text;
+    for (int i = 0; i < 4; ++i) {
+        char c = char((tag >> (8 * i)) & 0xFF);
+        text += (c >= 32 && c < 127) ? c : '.';
+    }
+    return text;
+}
+
 void CheckNonPaged(const void* object, const char* what) {
     if (Kernel::Current().pool().IsPaged(object))
         Kernel::Current().verifier().Violation(

@@ -67,7 +67,7 @@ void Scheduler::Start(EmuThread* thread) {
             kernel_.verifier().Violation(rule::kIrqlNotRestored, "thread '" + thread->name +
                                                                      "' ended at IRQL " +
                                                                      std::to_string(thread->irql));
-            thread->irql = PASSIVE_LEVEL;
+            SetIrql(PASSIVE_LEVEL);
         }
         CheckNoMutexHeld(("thread '" + thread->name + "'").c_str(), true);
         KeSetEvent(&thread->done, 0, FALSE);
@@ -122,6 +122,7 @@ void Scheduler::Block() {
 void Scheduler::SwitchTo(EmuThread* self, EmuThread* next) {
     std::unique_lock<std::mutex> lock(mutex_);
     next->state = EmuThread::State::Running;
+    GuardPagedPool(next->irql);
     current_ = next;
     next->cv.notify_one();
     if (self->state == EmuThread::State::Finished)
@@ -158,13 +159,13 @@ bool Scheduler::RunPosted() {
     if (work.empty())
         return false;
     KIRQL saved = current_->irql;
-    current_->irql = DISPATCH_LEVEL;
+    SetIrql(DISPATCH_LEVEL);
     for (auto& fn : work) {
         fn();
         if (!interleave_.enabled)
             RunDpcQueue();
     }
-    current_->irql = saved;
+    SetIrql(saved);
     return true;
 }
 
@@ -199,7 +200,7 @@ bool Scheduler::RunIdle() {
 
 void Scheduler::FireDue() {
     KIRQL saved = current_->irql;
-    current_->irql = DISPATCH_LEVEL;
+    SetIrql(DISPATCH_LEVEL);
     // Everything due at this instant expires before the DPCs run, as in one
     // clock interrupt.
     while (!timed_.empty() && timed_.begin()->first.first <= now_) {
@@ -209,7 +210,7 @@ void Scheduler::FireDue() {
     }
     if (!interleave_.enabled)
         RunDpcQueue();
-    current_->irql = saved;
+    SetIrql(saved);
 }
 
 void Scheduler::Fire(const Timed& entry) {
@@ -370,9 +371,9 @@ void Scheduler::DeliverDpcs() {
     if (current_->irql >= DISPATCH_LEVEL || IsListEmpty(&dpc_queue_))
         return;
     KIRQL saved = current_->irql;
-    current_->irql = DISPATCH_LEVEL;
+    SetIrql(DISPATCH_LEVEL);
     RunDpcQueue();
-    current_->irql = saved;
+    SetIrql(saved);
 }
 
 void Scheduler::RunDpcQueue() {
@@ -385,7 +386,7 @@ void Scheduler::RunDpcQueue() {
             text << "DPC routine " << reinterpret_cast<void*>(dpc->DeferredRoutine)
                  << " returned at IRQL " << int(current_->irql) << " instead of DISPATCH_LEVEL";
             kernel_.verifier().Violation(rule::kIrqlNotRestored, text.str());
-            current_->irql = DISPATCH_LEVEL;
+            SetIrql(DISPATCH_LEVEL);
         }
     }
 }

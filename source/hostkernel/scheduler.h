@@ -4,7 +4,7 @@
 // queue of timed events, and the DPC queue. Internal to the stand-in.
 #pragma once
 
-#include "hostkernel/emu.h"
+#include "hostkernel/checks.h"
 
 #include <chrono>
 #include <condition_variable>
@@ -56,7 +56,10 @@ class Scheduler {
 
     EmuThread* Current() const { return current_; }
     KIRQL Irql() const { return current_->irql; }
-    void SetIrql(KIRQL irql) { current_->irql = irql; }
+    void SetIrql(KIRQL irql) {
+        current_->irql = irql;
+        GuardPagedPool(irql);
+    }
     int64_t Now() const { return now_; }
     // A due time as the kernel takes it (negative: relative) to absolute.
     int64_t Absolute(LONGLONG due) const { return due < 0 ? now_ - due : due - kSystemTimeEpoch; }

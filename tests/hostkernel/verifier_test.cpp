@@ -50,6 +50,20 @@ void* Paged(size_t bytes) {
     return ExAllocatePoolWithTag(PagedPool, bytes, 'gaPT');
 }
 
+// Reads and writes the first byte of a block.
+void Touch(PVOID block) {
+    auto* bytes = static_cast<volatile char*>(block);
+    bytes[0] = char(bytes[0] + 1);
+}
+
+// Queues a DPC that touches the block; it runs before this returns.
+void TouchFromDpc(PVOID block) {
+    KDPC dpc;
+    KeInitializeDpc(
+        &dpc, [](PKDPC, PVOID context, PVOID, PVOID) { Touch(context); }, block);
+    KeInsertQueueDpc(&dpc, nullptr, nullptr);
+}
+
 struct RuleCase {
     const char* name;
     const char* rule;
@@ -145,6 +159,33 @@ const RuleCase kRuleCases[] = {
      [](hk::Kernel&) {
          void* block = Paged(8);
          AtDispatch([&] { ExFreePool(block); });
+     }},
+    {"PagedPoolTouchedAtDispatch", hk::rule::kPagedPoolAtDispatch,
+     [](hk::Kernel&) {
+         void* block = Paged(8);
+         Touch(block);
+         AtDispatch([] {});
+         Touch(block); // accessible again once the IRQL is back down
+         ExFreePool(block);
+     },
+     [](hk::Kernel&) {
+         void* block = Paged(8);
+         AtDispatch([&] {
+             Touch(block);
+             Touch(block); // reported once per stretch at DISPATCH_LEVEL
+         });
+         ExFreePool(block);
+     }},
+    {"PagedPoolTouchedByADpc", hk::rule::kPagedPoolAtDispatch,
+     [](hk::Kernel&) {
+         void* block = ExAllocatePoolWithTag(NonPagedPool, 8, 'gaPT');
+         TouchFromDpc(block);
+         ExFreePool(block);
+     },
+     [](hk::Kernel&) {
+         void* block = Paged(8);
+         TouchFromDpc(block);
+         ExFreePool(block);
      }},
     {"FreeOfABlockNotAllocated", hk::rule::kBadFree, [](hk::Kernel&) { ExFreePool(Paged(8)); },
      [](hk::Kernel&) {
