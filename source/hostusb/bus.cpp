@@ -517,6 +517,12 @@ NTSTATUS NTAPI Bus::Impl::DispatchInternal(PDEVICE_OBJECT device, PIRP irp) {
 }
 
 // Header length each URB function must carry.
+// A transfer's data: the MDL's system address when the URB has one, else its
+// buffer pointer.
+static PUCHAR UrbBuffer(PMDL mdl, PVOID buffer) {
+    return static_cast<PUCHAR>(mdl ? MmGetSystemAddressForMdlSafe(mdl, 0) : buffer);
+}
+
 static bool ExpectedLength(USHORT function, USHORT& length) {
     switch (function) {
     case URB_FUNCTION_SELECT_CONFIGURATION:
@@ -655,9 +661,7 @@ NTSTATUS Bus::Impl::SubmitUrb(Function* function, PIRP irp, PURB urb) {
         t->in = true;
         t->short_ok = true;
         t->length = d.TransferBufferLength;
-        t->buffer = static_cast<PUCHAR>(d.TransferBufferMDL
-                                            ? MmGetSystemAddressForMdlSafe(d.TransferBufferMDL, 0)
-                                            : d.TransferBuffer);
+        t->buffer = UrbBuffer(d.TransferBufferMDL, d.TransferBuffer);
         t->setup = {0x80, USB_REQUEST_GET_DESCRIPTOR, uint16_t(d.DescriptorType << 8 | d.Index),
                     d.LanguageId, uint16_t(std::min<ULONG>(d.TransferBufferLength, 0xffff))};
         if (t->length == 0 || t->buffer == nullptr)
@@ -677,9 +681,7 @@ NTSTATUS Bus::Impl::SubmitUrb(Function* function, PIRP irp, PURB urb) {
         t->in = (c.TransferFlags & USBD_TRANSFER_DIRECTION_IN) != 0;
         t->short_ok = (c.TransferFlags & USBD_SHORT_TRANSFER_OK) != 0;
         t->length = c.TransferBufferLength;
-        t->buffer = static_cast<PUCHAR>(c.TransferBufferMDL
-                                            ? MmGetSystemAddressForMdlSafe(c.TransferBufferMDL, 0)
-                                            : c.TransferBuffer);
+        t->buffer = UrbBuffer(c.TransferBufferMDL, c.TransferBuffer);
         t->setup = {uint8_t((t->in ? 0x80 : 0) | RequestTypeBits(function_code) |
                             c.RequestTypeReservedBits),
                     c.Request, c.Value, c.Index,
@@ -752,9 +754,7 @@ NTSTATUS Bus::Impl::SubmitUrb(Function* function, PIRP irp, PURB urb) {
         t->in = (b.TransferFlags & USBD_TRANSFER_DIRECTION_IN) != 0;
         t->short_ok = (b.TransferFlags & USBD_SHORT_TRANSFER_OK) != 0;
         t->length = b.TransferBufferLength;
-        t->buffer = static_cast<PUCHAR>(b.TransferBufferMDL
-                                            ? MmGetSystemAddressForMdlSafe(b.TransferBufferMDL, 0)
-                                            : b.TransferBuffer);
+        t->buffer = UrbBuffer(b.TransferBufferMDL, b.TransferBuffer);
         if (t->in != (USB_ENDPOINT_DIRECTION_IN(ep.address) != 0))
             why = std::string("transfer direction ") + (t->in ? "IN" : "OUT") +
                   " does not match endpoint " + HexText(ep.address);
