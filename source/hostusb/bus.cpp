@@ -516,13 +516,13 @@ NTSTATUS NTAPI Bus::Impl::DispatchInternal(PDEVICE_OBJECT device, PIRP irp) {
     }
 }
 
-// Header length each URB function must carry.
 // A transfer's data: the MDL's system address when the URB has one, else its
 // buffer pointer.
 static PUCHAR UrbBuffer(PMDL mdl, PVOID buffer) {
     return static_cast<PUCHAR>(mdl ? MmGetSystemAddressForMdlSafe(mdl, 0) : buffer);
 }
 
+// Header length each URB function must carry.
 static bool ExpectedLength(USHORT function, USHORT& length) {
     switch (function) {
     case URB_FUNCTION_SELECT_CONFIGURATION:
