@@ -64,6 +64,12 @@
 #define PPP_STATE_ON 2
 #define PPP_STATE_STOPPING 3
 
+// DEVICE.ModemStatus bits, as in the serial modem-status register.
+#define SERIAL_MSR_CTS 0x10
+#define SERIAL_MSR_DSR 0x20
+#define SERIAL_MSR_RI 0x40
+#define SERIAL_MSR_DCD 0x80
+
 // Byte capacity of the fixed name buffers of PORT_OBJ.
 #define PORT_NAME_BUFFER_BYTES 240
 // Byte capacity of DEVICE.Sernum.

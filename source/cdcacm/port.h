@@ -29,14 +29,42 @@ VOID CompleteWaitIrp(PPORT_OBJ Port, ULONG Mask);
 // wait with mask 0.
 TIMER_OBJ_CALLBACK DelayWaitCancelFnc;
 
-// CDC class requests for the serial settings, at PASSIVE_LEVEL; each
-// returns the status of its control request.
-NTSTATUS SendLineCoding(PDEVICE Dev);
+// Re-initialisation of the port after transfer errors: Reinit at
+// PASSIVE_LEVEL in a work item, ScheduleReinit (arms a delayed one) up to
+// DISPATCH_LEVEL.
+NTSTATUS Reinit(PDEVICE Dev);
+VOID ScheduleReinit(PDEVICE Dev);
+
+// Bits of DEVICE.PcStatus, the wValue of SET_CONTROL_LINE_STATE.
+#define PC_STATUS_DTR 0x01
+#define PC_STATUS_RTS 0x02
+
+// CDC class requests and the modem's vendor requests for PPP framing.
+#define CDC_SET_LINE_CODING 0x20
+#define CDC_SET_CONTROL_LINE_STATE 0x22
+#define CDC_SEND_BREAK 0x23
+#define VENDOR_GET_SPECIAL_CHARS 0x60
+#define VENDOR_START_FRAMING 0x61
+#define VENDOR_STOP_FRAMING 0x62
+#define CDC_LINE_CODING_BYTES 7
+#define PPP_SPECIAL_CHARS_BYTES 256
+
+// The control requests, at PASSIVE_LEVEL under DeviceMutex (one control
+// IRP per device); each returns the status of its request. The DTR and RTS
+// operations change PcStatus first, whatever the request's result.
+NTSTATUS SetPcStatus(PDEVICE Dev);
 NTSTATUS SetDTR(PDEVICE Dev);
 NTSTATUS ClrDTR(PDEVICE Dev);
 NTSTATUS SetRTS(PDEVICE Dev);
 NTSTATUS ClrRTS(PDEVICE Dev);
+NTSTATUS SendBreak(PDEVICE Dev, BOOLEAN On);
 NTSTATUS SendBreakOn(PDEVICE Dev);
 NTSTATUS SendBreakOff(PDEVICE Dev);
+NTSTATUS SendLineCoding(PDEVICE Dev);
+// Reads the modem's special characters into the PPP framer's escape table
+// (taking the device lock for that moment).
+NTSTATUS GetSpecialChars(PDEVICE Dev);
+NTSTATUS StartFraming(PDEVICE Dev);
+NTSTATUS StopFraming(PDEVICE Dev);
 // Copies the current modem status (SERIAL_MSR_* line bits); sends nothing.
 VOID GetModemStatus(PDEVICE Dev, PULONG ModemStatus);

@@ -13,6 +13,7 @@
 #pragma once
 
 #include "forward.h"
+#include "wdmkrnl.h"
 
 // The one callback of a context. Receive side: the consumer, handed the
 // unconsumed bytes of a completed packet; returns how many it took
@@ -34,21 +35,73 @@ struct _SNDRCV_PIPE {
     BOOLEAN ErrorStop;
     BOOLEAN Enabled;
     BOOLEAN SendZlp; // send only: a zero-length packet is owed
+    // Send only: 1 while SubmitWriteUrb is inside IoCallDriver. A completion
+    // that finds it set finishes from CompletionDpc, off the submitter's
+    // stack and lock.
+    volatile LONG Submitting;
+    KDPC CompletionDpc;
 };
 
-// Hands received bytes to the device's serial port; returns how many of
-// Length it took.
-ULONG SndRcvIndicateData(PDEVICE Dev, const UCHAR* Data, ULONG Length);
-
-// Offers the bytes parked in received packets to the serial port again, in
-// order, once a read may have made room. The caller holds the device lock.
-VOID SndRcvCheckRcvQueue(PSNDRCV_PIPE Pipe);
-
-// Returns every packet parked by the context to its pool, dropping the
-// unconsumed received bytes. The caller holds the device lock.
-VOID RcvPurge(PSNDRCV_PIPE Pipe);
-// Arranges for the receive context to submit its free packets again soon.
-VOID RcvScheduleDpc(PSNDRCV_PIPE Pipe);
+// Send engine (bulk-out, one packet). SndInit and SndFree at device
+// creation and deletion; StartSnd enables the context and calls its refill;
+// StopSnd disables it, aborts a transfer that is out and, with Wait (at
+// PASSIVE_LEVEL), waits until it is back.
+NTSTATUS SndInit(PSNDRCV_PIPE Pipe, PDEVICE Dev, SNDRCV_INDICATE Indicate, PUSB_PIPE UsbPipe,
+                 ULONG BufferSize, ULONG PacketCount);
+VOID SndFree(PSNDRCV_PIPE Pipe);
+VOID StartSnd(PSNDRCV_PIPE Pipe);
+VOID StopSnd(PSNDRCV_PIPE Pipe, BOOLEAN Wait);
 // Returns every packet parked by the send context to its pool. The caller
 // holds the device lock.
 VOID SndPurge(PSNDRCV_PIPE Pipe);
+// Sends the packet's Length bytes (0: a zero-length packet); takes no lock.
+NTSTATUS SubmitWriteUrb(PSNDRCV_PIPE Pipe, PUSB_PACKET Packet);
+// The send DPC: a zero-length packet if one is owed, then the refill.
+KDEFERRED_ROUTINE SndDpcRoutine;
+// Work item after a first send error: resets the pipe and sends the parked
+// packet again.
+NTSTATUS RestartWrite(PVOID Context);
+
+// Receive engines (bulk-in with five packets, interrupt-in with one).
+NTSTATUS RcvInit(PSNDRCV_PIPE Pipe, PDEVICE Dev, SNDRCV_INDICATE Indicate, PUSB_PIPE UsbPipe,
+                 ULONG BufferSize, ULONG PacketCount, BOOLEAN NoFraming);
+VOID RcvFree(PSNDRCV_PIPE Pipe);
+VOID StartRcv(PSNDRCV_PIPE Pipe);
+VOID StopRcv(PSNDRCV_PIPE Pipe, BOOLEAN Wait);
+// Submits free packets, up to five, while the context is enabled and error
+// free; without the device lock.
+VOID SubmitReadBuffer(PSNDRCV_PIPE Pipe);
+NTSTATUS SubmitRcvUrb(PSNDRCV_PIPE Pipe, PUSB_PACKET Packet);
+KDEFERRED_ROUTINE RcvDpcRoutine;
+// The flow-test timer's callback (DEVICE.FlowTestTimer): resubmits bulk-in.
+TIMER_OBJ_CALLBACK RcvTimerRoutine;
+// Work item after a receive error: stop, reset the pipe, start again.
+NTSTATUS RestartRead(PVOID Context);
+// Hands received bytes to the device's serial port; returns how many of
+// Length it took.
+ULONG SndRcvIndicateData(PDEVICE Dev, const UCHAR* Data, ULONG Length);
+// Offers the bytes parked in received packets to their consumer again, in
+// order, once it may have room. The caller holds the device lock.
+VOID SndRcvCheckRcvQueue(PSNDRCV_PIPE Pipe);
+// Returns every packet parked by the context to its pool, dropping the
+// unconsumed received bytes. The caller holds the device lock.
+VOID RcvPurge(PSNDRCV_PIPE Pipe);
+// Arranges for the receive context to submit its free packets again soon
+// (after Cfg.FlowTest ms for bulk-in when the flow test is on).
+VOID RcvScheduleDpc(PSNDRCV_PIPE Pipe);
+
+// All three pipes: started when the port is open and the device started
+// (the running transfers then hold one device reference); stopped with
+// Release (PASSIVE_LEVEL) to wait for them and drop that reference.
+VOID StartSendAndReceive(PDEVICE Dev);
+VOID StopSendAndReceive(PDEVICE Dev, BOOLEAN Release);
+
+// Interrupt-in notifications, under the device lock at DISPATCH_LEVEL:
+// IntPipe's consumer (always takes the whole packet) and the serial-state
+// decoder.
+ULONG RcvIntIn(PDEVICE Dev, const UCHAR* Data, ULONG Length);
+VOID ProzessModemStatus(PDEVICE Dev, USHORT SerialState);
+// Work items that switch PPP framing on (at the host's next frame flag,
+// waiting at most 300 ms) and off.
+NTSTATUS SwitchToPppMode(PVOID Context);
+NTSTATUS StopPppMode(PVOID Context);

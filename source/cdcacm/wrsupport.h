@@ -18,11 +18,14 @@
 // ReturnWriteBuffer.
 BOOLEAN GetWriteBuffer(PDEVICE Dev, PUCHAR* Buffer, PULONG MaxLength, PUSB_PACKET* Packet);
 // Sends Length bytes of the packet's Buffer. The PPP deframer calls it with
-// the device lock held, so the completion routine, which takes that lock,
-// must not run inside this call.
+// the device lock held; the send engine then keeps an inline completion off
+// that lock (see SubmitWriteUrb).
 void SubmitWriteBuffer(PDEVICE Dev, PUCHAR Buffer, ULONG Length, PUSB_PACKET Packet);
 // Gives back a packet that carries nothing.
 void ReturnWriteBuffer(PDEVICE Dev, PUCHAR Buffer, PUSB_PACKET Packet);
+// WritePipe's refill routine (its Indicate): the serial port sends what it
+// has. Data and Length are unused; returns 0.
+ULONG SndOutComplete(PDEVICE Dev, const UCHAR* Data, ULONG Length);
 
 // Arms the periodic queue timer (DEVICE.QueueTimer).
 void StartTimer(PDEVICE Dev);

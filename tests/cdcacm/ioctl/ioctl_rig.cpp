@@ -3,18 +3,12 @@
 void IoctlTest::SetUp() {
     DeviceFixture::SetUp();
     TraceMask = 0xFFFFFFFF; // every line, so that tests can look for the ones they expect
-    dev_->UsbDeviceEnabled = TRUE;
-    send_pool_.Magic = USB_PACKET_POOL_MAGIC;
-    send_pool_.PacketCount = 1;
-    send_pool_.Count = 1;
-    dev_->WritePipe.Pool = &send_pool_;
     dbg().Clear();
 }
 
 void IoctlTest::TearDown() {
     if (dev_ != nullptr) {
         EXPECT_EQ(dev_->Port.WaitIrp, nullptr) << "a test left a wait pending";
-        dev_->WritePipe.Pool = nullptr;
     }
     DeviceFixture::TearDown();
 }

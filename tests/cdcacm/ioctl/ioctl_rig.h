@@ -1,8 +1,7 @@
-// The shared data port with bigger buffers and the USB device enabled, and
-// helpers that send I/O controls from the test's application thread through
-// the fixture's Control (buffered I/O) and wait for them. The CDC control
-// requests and the purges are the fixture's doubles, which record their
-// calls in ControlCalls().
+// The shared data port with bigger buffers, and helpers that send I/O
+// controls from the test's application thread through the fixture's Control
+// (buffered I/O) and wait for them. The CDC control requests reach the
+// fixture's simulated modem, which records them.
 #pragma once
 
 // Tests take the device lock with the driver's macros, whose assertions
@@ -30,7 +29,10 @@ struct IoctlResult {
 class IoctlTest : public DeviceFixture {
   protected:
     Options DeviceOptions() override {
-        return Options{RigReceiveBufferSize, RigSendBufferSize, 10};
+        Options options;
+        options.rcv_buffer = RigReceiveBufferSize;
+        options.snd_buffer = RigSendBufferSize;
+        return options;
     }
     void SetUp() override;
     void TearDown() override;
@@ -61,10 +63,6 @@ class IoctlTest : public DeviceFixture {
         return ::testing::AssertionFailure() << "trace ends with:\n"
                                              << All.substr(All.size() > 600 ? All.size() - 600 : 0);
     }
-
-    // The send engine's packet pool as far as GET_COMMSTATUS reads it: one
-    // packet, free unless a test takes it.
-    USB_PACKET_POOL send_pool_{};
 
     PDEVICE_OBJECT DataPort() { return data_port_; }
     PDEVICE Dev() { return dev_; }

@@ -13,13 +13,6 @@ using Bytes = std::vector<uint8_t>;
 // Enough seeds that each window below showed up before it was closed.
 constexpr uint64_t kSeeds = 150;
 
-// The send engine as far as these races need it: while it is open a packet
-// is always free and what is submitted is recorded; while it is closed bytes
-// stay in the send buffer.
-bool g_engine_open = false;
-Bytes g_submitted;
-UCHAR g_packet[64];
-
 class Race : public DeviceFixture {
   protected:
     Options DeviceOptions() override {
@@ -36,8 +29,6 @@ class Race : public DeviceFixture {
             options.interleave.enabled = true;
             UseOptions(options);
             DeviceFixture::SetUp();
-            g_submitted.clear();
-            g_engine_open = false;
             SCOPED_TRACE(options.Replay());
             body();
         }
@@ -46,7 +37,7 @@ class Race : public DeviceFixture {
 
 NTSTATUS CountRun(PVOID Context) {
     auto* deleted_before = static_cast<std::vector<size_t>*>(Context);
-    deleted_before->push_back(LaterDoubles().deleted.size());
+    deleted_before->push_back(Lifecycle().deleted.size());
     return STATUS_SUCCESS;
 }
 
@@ -106,7 +97,7 @@ TEST_F(Race, NoWorkIsQueuedForADeviceWhoseLastReferenceWentAway) {
         BOOLEAN queued = WorkerQueue(dev_, CountRun, &deleted_before_run, nullptr);
         remover.Join();
         RunFor(1);
-        EXPECT_EQ(LaterDoubles().deleted.size(), 1u) << "the device is deleted exactly once";
+        EXPECT_EQ(Lifecycle().deleted.size(), 1u) << "the device is deleted exactly once";
         EXPECT_EQ(deleted_before_run.size(), queued ? 1u : 0u);
         if (queued && deleted_before_run.size() == 1) {
             EXPECT_EQ(deleted_before_run[0], 0u) << "the work ran on a deleted device";
@@ -116,8 +107,7 @@ TEST_F(Race, NoWorkIsQueuedForADeviceWhoseLastReferenceWentAway) {
 
 TEST_F(Race, TheFrameBoundaryEventNeverOutlivesTheFlagItStandsFor) {
     ForEachSeed(kSeeds, [&] {
-        g_engine_open = true;
-        KeInitializeEvent(&dev_->FlagSentEvent, NotificationEvent, FALSE);
+        StartPipes();
         AppRequest* boundary = Write("x~");
         ASSERT_TRUE(Wait(boundary));
         ASSERT_TRUE(KeReadStateEvent(&dev_->FlagSentEvent));
@@ -140,22 +130,10 @@ TEST_F(Race, TheFrameBoundaryEventNeverOutlivesTheFlagItStandsFor) {
             tick.QuadPart = -10;
             KeDelayExecutionThread(KernelMode, FALSE, &tick);
         }
-        EXPECT_EQ(g_submitted, Bytes({'x', '~', 'y', 'z'}));
+        RunFor(5);
+        EXPECT_EQ(modem_->Pull(), Bytes({'x', '~', 'y', 'z'}));
         EXPECT_FALSE(dev_->FlagSent);
     });
 }
 
 } // namespace
-
-BOOLEAN GetWriteBuffer(PDEVICE, PUCHAR* Buffer, PULONG MaxLength, PUSB_PACKET* Packet) {
-    if (!g_engine_open)
-        return FALSE;
-    *Buffer = g_packet;
-    *MaxLength = sizeof(g_packet);
-    *Packet = reinterpret_cast<PUSB_PACKET>(g_packet);
-    return TRUE;
-}
-
-void SubmitWriteBuffer(PDEVICE, PUCHAR Buffer, ULONG Length, PUSB_PACKET) {
-    g_submitted.insert(g_submitted.end(), Buffer, Buffer + Length);
-}

@@ -6,7 +6,7 @@
 
 void DeviceFixture::SetUp() {
     DriverTest::SetUp();
-    LaterDoubles() = LaterDoubleCalls{};
+    Lifecycle() = LifecycleCalls{};
     const Options options = DeviceOptions();
 
     driver_.Type = IO_TYPE_DRIVER;
@@ -17,8 +17,6 @@ void DeviceFixture::SetUp() {
     driver_.MajorFunction[IRP_MJ_WRITE] = DispatchWrite;
     driver_.MajorFunction[IRP_MJ_DEVICE_CONTROL] = DispatchDeviceControl;
     driver_.MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL] = DispatchInternalDeviceControl;
-    ControlCalls().clear();
-    ControlRequestStatus = STATUS_SUCCESS;
 
     UNICODE_STRING name;
     RtlInitUnicodeString(&name, WSTR("\\Device\\korvadem0"));
@@ -54,6 +52,83 @@ void DeviceFixture::SetUp() {
                       options.timer_interval, port_),
               STATUS_SUCCESS);
     ser_ = port_->SerPort;
+    AttachToModem(options);
+}
+
+void DeviceFixture::AttachToModem(const Options& options) {
+    bus_ = std::make_unique<hu::Bus>(options.bus);
+    modem_ = std::make_shared<sm::Modem>(sm::OrdinaryModem(options.speed),
+                                         options.loopback ? sm::Modem::DataMode::kLoopback
+                                                          : sm::Modem::DataMode::kTest);
+    bus_port_ = bus_->Plug(modem_, options.speed);
+    ASSERT_EQ(IoCreateDevice(&driver_, sizeof(ATTACH_OBJ), nullptr, FILE_DEVICE_MODEM, 0, FALSE,
+                             &attach_),
+              STATUS_SUCCESS);
+    auto* attach = static_cast<PATTACH_OBJ>(attach_->DeviceExtension);
+    attach->Type = EXTENSION_TYPE_ATTACH;
+    attach->DeviceObject = attach_;
+    attach->Device = dev_;
+    dev_->Pdo = bus_->Pdo(bus_port_);
+    dev_->LowerDevObj = IoAttachDeviceToDeviceStack(attach_, dev_->Pdo);
+    attach->LowerDevObj = dev_->LowerDevObj;
+    attach_->Flags &= ~DO_DEVICE_INITIALIZING;
+    dev_->StackSize = dev_->LowerDevObj->StackSize;
+    dev_->IrpSize = IoSizeOfIrp(dev_->StackSize);
+    dev_->ControlIrp = static_cast<PIRP>(MemAlloc(dev_->IrpSize, 'PNP0'));
+    IoInitializeIrp(dev_->ControlIrp, dev_->IrpSize, dev_->StackSize);
+
+    // As device creation leaves them: registry defaults, pipe contexts
+    // without pipes, the flow-test timer and the frame-flag event.
+    dev_->Cfg.RequestTimeout = 400;
+    dev_->Cfg.HighPowerCfg = 1;
+    dev_->Cfg.LowPowerCfg = 0;
+    dev_->Cfg.ReadBufferSize = options.read_packet;
+    dev_->Cfg.WriteBufferSize = options.write_packet;
+    dev_->SendChunkSize = options.write_packet;
+    InitTimerObj(&dev_->FlowTestTimer, RcvTimerRoutine, dev_, 0);
+    KeInitializeEvent(&dev_->FlagSentEvent, NotificationEvent, FALSE);
+    ASSERT_EQ(SndInit(&dev_->WritePipe, dev_, SndOutComplete, nullptr, options.write_packet, 1),
+              STATUS_SUCCESS);
+    ASSERT_EQ(RcvInit(&dev_->ReceivePipe, dev_, SndRcvIndicateData, nullptr, options.read_packet, 5,
+                      FALSE),
+              STATUS_SUCCESS);
+    ASSERT_EQ(RcvInit(&dev_->IntPipe, dev_, RcvIntIn, nullptr, 16, 1, TRUE), STATUS_SUCCESS);
+
+    UsbDeviceInit(dev_, &dev_->UsbDevice);
+    ASSERT_EQ(GetDeviceDescriptor(&dev_->UsbDevice, &dev_->DeviceDescriptor), STATUS_SUCCESS);
+    ASSERT_EQ(InitUsbDevice(&dev_->UsbDevice), STATUS_SUCCESS);
+    dev_->UsbDeviceEnabled = TRUE;
+    if (options.started)
+        StartPipes();
+}
+
+void DeviceFixture::StartPipes() {
+    dev_->OpenCount = 1;
+    StartSendAndReceive(dev_);
+}
+
+void DeviceFixture::DetachFromModem() {
+    if (attach_ == nullptr)
+        return;
+    StopSendAndReceive(dev_, TRUE);
+    RunFor(1);
+    SndFree(&dev_->WritePipe);
+    RcvFree(&dev_->ReceivePipe);
+    RcvFree(&dev_->IntPipe);
+    UnconfigureDevice(&dev_->UsbDevice, FALSE);
+    MemFree(dev_->ControlIrp);
+    IoDetachDevice(dev_->LowerDevObj);
+    IoDeleteDevice(attach_);
+    bus_->Unplug(bus_port_);
+    bus_.reset();
+    modem_.reset();
+}
+
+std::vector<std::pair<uint8_t, uint16_t>> DeviceFixture::ModemRequests() const {
+    std::vector<std::pair<uint8_t, uint16_t>> requests;
+    for (const sm::RecordedRequest& request : modem_->Requests())
+        requests.emplace_back(request.setup.request, request.setup.value);
+    return requests;
 }
 
 void DeviceFixture::TearDown() {
@@ -64,6 +139,7 @@ void DeviceFixture::TearDown() {
             if (!request->completed && request->irp != nullptr)
                 IoCancelIrp(request->irp);
         RunFor(1); // completion DPCs and work items
+        DetachFromModem();
         if (ser_ != nullptr) {
             KIRQL irql;
             KeAcquireSpinLock(&dev_->Lock, &irql);

@@ -1,29 +1,35 @@
-// A data port ready for requests: the DEVICE (zero-filled, magics set, Lock,
-// DeviceMutex, CompleteQueue, QueueTimer, WaitCancelTimer, TimerIdle, one
-// RefCount reference), its PORT_OBJ named "COM3" with the request pool, both
-// IRP queues and the SER_PORT made by AddPort, the named device object
+// A data port ready for requests, on a simulated modem: the DEVICE
+// (zero-filled, magics set, Lock, DeviceMutex, CompleteQueue, QueueTimer,
+// WaitCancelTimer, FlowTestTimer, TimerIdle, FlagSentEvent, one RefCount
+// reference), its PORT_OBJ named "COM3" with the request pool, both IRP
+// queues and the SER_PORT made by AddPort, the named device object
 // "\Device\korvadem0" whose extension is that DEVICE, and a DRIVER_OBJECT
 // whose read, write and (internal) device-control entries are the driver's
-// dispatch routines. The test body is the application thread: Read, Write
-// and Control build an IRP as a caller of the I/O manager does, send it with
-// IoCallDriver and return once the dispatch routine has returned; Wait lets
-// virtual time run until the request completes.
+// dispatch routines. Below it an attach object sits on a modem of the
+// simulated bus; the device is configured and its three pipe contexts exist
+// (packets of read_packet and write_packet bytes). With started the port is
+// open and the pipes run (StartSendAndReceive); otherwise nothing is sent or
+// read on the bulk pipes, and control requests still reach the modem. The test body is the
+// application thread: Read, Write and Control build an IRP as a caller of the I/O manager does,
+// send it with IoCallDriver and return once the dispatch routine has returned; Wait lets virtual
+// time run until the request completes.
 //
 // Adding pieces: a test replaces MajorFunction entries on driver_ after
 // DeviceFixture::SetUp, fills more DEVICE fields through dev_ before it
-// sends requests, or overrides the Options() hook to change buffer sizes or
-// the tick. Operations of modules that do not exist yet come from weak
-// doubles in later_doubles.cpp (a real module linked into the test replaces
-// them); a test that wants to observe them reads LaterDoubles() and
-// ControlCalls().
+// sends requests, or overrides the Options() hook to change buffer sizes,
+// the tick, the modem or the bus. The few operations of the device
+// lifecycle that come later (Reinit, ScheduleReinit, DeleteDevice) are
+// doubles in lifecycle_doubles.cpp that record their calls in
+// LifecycleCalls().
 //
-// Link with: LIBS device_fixture and MODULES trace wdmkrnl serport squeue
-// dpool irpqueue dispatch wrsupport port ppp_frame ioctl worker.
+// Link with: LIBS device_fixture and MODULES ${CDCACM_DEVICE_MODULES}.
 #pragma once
 
 #include "driver_test.h"
 
 #include "cdcacm.h"
+#include "hostusb/bus.h"
+#include "simmodem/simmodem.h"
 
 #include <cstdint>
 #include <functional>
@@ -31,17 +37,13 @@
 #include <string>
 #include <vector>
 
-// Calls of the later-issue operations, as the weak doubles saw them.
-struct LaterDoubleCalls {
-    int submit_write_buffer = 0;         // SubmitWriteBuffer: bytes reached the send engine
-    int check_rcv_queue = 0;             // SndRcvCheckRcvQueue
+// Calls of the lifecycle operations, as their doubles saw them.
+struct LifecycleCalls {
     std::vector<PDEVICE_OBJECT> deleted; // DeleteDevice, in order
+    int reinit = 0;                      // Reinit
+    int schedule_reinit = 0;             // ScheduleReinit
 };
-LaterDoubleCalls& LaterDoubles();
-// The CDC control requests and purges the doubles saw, in order
-// ("SendLineCoding", "RcvPurge", ...), and the status the requests return.
-std::vector<std::string>& ControlCalls();
-extern NTSTATUS ControlRequestStatus;
+LifecycleCalls& Lifecycle();
 
 // One request of the application, from IoCallDriver to its completion.
 struct AppRequest {
@@ -71,6 +73,12 @@ class DeviceFixture : public DriverTest {
         ULONG rcv_buffer = 1000;   // ReadCircBufferSize
         ULONG snd_buffer = 1000;   // WriteCircBufferSize
         ULONG timer_interval = 10; // TimerInterval, ms
+        ULONG read_packet = 4096;  // ReadBufferSize: bytes per bulk-in packet
+        ULONG write_packet = 4096; // WriteBufferSize: bytes per bulk-out packet
+        bool started = false;      // port open, pipes running
+        bool loopback = false;     // the modem echoes what it receives
+        hu::Speed speed = hu::Speed::kFull;
+        hu::BusOptions bus;
     };
     virtual Options DeviceOptions() { return Options{}; }
 
@@ -108,11 +116,19 @@ class DeviceFixture : public DriverTest {
     }
     // Read time-outs set by the application (IOCTL_SERIAL_SET_TIMEOUTS).
     void SetReadTimeouts(ULONG interval, ULONG multiplier, ULONG constant);
+    // Opens the port as far as the transfers are concerned: OpenCount 1 and
+    // StartSendAndReceive.
+    void StartPipes();
+    // The class and vendor requests the modem received, as bRequest/wValue.
+    std::vector<std::pair<uint8_t, uint16_t>> ModemRequests() const;
 
     PDEVICE dev_ = nullptr;
     PPORT_OBJ port_ = nullptr;
     PSER_PORT ser_ = nullptr;
     PDEVICE_OBJECT data_port_ = nullptr;
+    std::unique_ptr<hu::Bus> bus_;
+    std::shared_ptr<sm::Modem> modem_;
+    int bus_port_ = 0;
     DRIVER_OBJECT driver_{};
     DRIVER_EXTENSION driver_extension_{};
 
@@ -120,6 +136,10 @@ class DeviceFixture : public DriverTest {
     static NTSTATUS NTAPI OnComplete(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Context);
     AppRequest* NewRequest(UCHAR major, ULONG buffer_length);
 
+    void AttachToModem(const Options& options);
+    void DetachFromModem();
+
+    PDEVICE_OBJECT attach_ = nullptr;
     WCHAR port_name_[8] = {u'C', u'O', u'M', u'3', 0};
     std::vector<std::unique_ptr<AppRequest>> requests_;
     uint64_t completions_ = 0;

@@ -94,7 +94,7 @@ TEST_F(Worker, IrpCompletesWithTheFunctionsStatusAfterTheMutexIsReleased) {
     EXPECT_TRUE(request->pending_returned);
     EXPECT_TRUE(probe.mutex_free_at_completion) << "released before the IRP completes";
     EXPECT_EQ(dev_->RefCount, 1);
-    EXPECT_TRUE(LaterDoubles().deleted.empty());
+    EXPECT_TRUE(Lifecycle().deleted.empty());
 
     // The reference lines have a bit of their own; the work item's steps
     // are details.
@@ -130,7 +130,7 @@ TEST_F(Worker, QueuedWorkKeepsARemovedDeviceUntilItHasRun) {
     AppRequest* request = PendedControl(&probe, &queued);
     ASSERT_TRUE(queued);
     bool deleted_before_completion = true;
-    request->on_complete = [&] { deleted_before_completion = !LaterDoubles().deleted.empty(); };
+    request->on_complete = [&] { deleted_before_completion = !Lifecycle().deleted.empty(); };
     // Removal drops the data port's own reference while the work is queued;
     // the work item's remains.
     EXPECT_EQ(InterlockedDecrement(&dev_->RefCount), 1);
@@ -141,8 +141,8 @@ TEST_F(Worker, QueuedWorkKeepsARemovedDeviceUntilItHasRun) {
     EXPECT_FALSE(deleted_before_completion) << "the IRP completes before the data port goes";
     EXPECT_EQ(probe.refs_during_run, 1);
     EXPECT_EQ(dev_->RefCount, 0);
-    ASSERT_EQ(LaterDoubles().deleted.size(), 1u) << "the work item deleted the data port";
-    EXPECT_EQ(LaterDoubles().deleted[0], data_port_);
+    ASSERT_EQ(Lifecycle().deleted.size(), 1u) << "the work item deleted the data port";
+    EXPECT_EQ(Lifecycle().deleted[0], data_port_);
     EXPECT_EQ(request->status, STATUS_SUCCESS);
     dev_->RefCount = 1; // the fixture takes the device apart itself
 }
