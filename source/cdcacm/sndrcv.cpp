@@ -67,7 +67,8 @@ static void DumpBulk(const char* Format, PDEVICE Dev, const UCHAR* Data, ULONG L
     if (!(TraceMask & TL_BULK_DUMP))
         return;
     TracePrint(Format, DEV_PORT_NAME(Dev), Length);
-    TraceDump(Data, Length < BULK_DUMP_BYTES ? Length : BULK_DUMP_BYTES);
+    if (Length > 0)
+        TraceDump(Data, Length < BULK_DUMP_BYTES ? Length : BULK_DUMP_BYTES);
     if (Length > BULK_DUMP_BYTES)
         TracePrint("...\n");
 }

@@ -1,0 +1,353 @@
+// Bytes the whole way: application writes through the send engine to the
+// simulated modem, the modem's bytes through five bulk-in reads to the
+// application's reads, and the modem's notifications to the modem lines and
+// the send decision. Everything runs on the simulated bus in virtual time.
+#define TRACE_FILE "tests/cdcacm/transport"
+#include "device_fixture.h"
+
+#include <random>
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+// Long enough for a notification: the interrupt endpoint is polled every
+// 16 ms at full speed.
+constexpr int64_t kPoll = 20;
+
+Bytes Pattern(size_t length, uint8_t seed) {
+    Bytes bytes(length);
+    for (size_t i = 0; i < length; ++i)
+        bytes[i] = uint8_t(seed + i * 7);
+    return bytes;
+}
+
+class Transport : public DeviceFixture {
+  protected:
+    Options DeviceOptions() override {
+        Options options;
+        options.started = true;
+        options.rcv_buffer = rcv_buffer_;
+        options.snd_buffer = 8192; // a 4096-byte write leaves in one packet
+        options.read_packet = read_packet_;
+        options.loopback = loopback_;
+        return options;
+    }
+    // Reads until length bytes arrived (each read waits for all it asks).
+    Bytes ReadAll(size_t length, size_t chunk) {
+        Bytes got;
+        while (got.size() < length) {
+            AppRequest* read = Read(ULONG(std::min(chunk, length - got.size())));
+            if (!Wait(read, 20000))
+                break;
+            Bytes data = read->Data();
+            got.insert(got.end(), data.begin(), data.end());
+        }
+        return got;
+    }
+    // Bulk-in transfers waiting at the bus (the interrupt read excluded).
+    size_t BulkReadsOut() { return 5 - dev_->ReceivePipe.Pool->Count - ParkedPackets(); }
+    size_t ParkedPackets() {
+        size_t count = 0;
+        for (PLIST_ENTRY e = dev_->ReceivePipe.Queue.Flink; e != &dev_->ReceivePipe.Queue;
+             e = e->Flink)
+            ++count;
+        return count;
+    }
+    void Notify(const Bytes& packet) {
+        KIRQL irql;
+        DEVICE_LOCK(dev_, &irql);
+        RcvIntIn(dev_, packet.data(), ULONG(packet.size()));
+        DEVICE_UNLOCK(dev_, irql);
+    }
+
+    ULONG rcv_buffer_ = 1000;
+    ULONG read_packet_ = 4096;
+    bool loopback_ = false;
+};
+
+class Loopback : public Transport {
+  protected:
+    Loopback() { loopback_ = true; }
+};
+
+TEST_F(Loopback, RandomWritesAndReadsArriveCompleteAndInOrder) {
+    std::mt19937 rng(7);
+    Bytes sent;
+    std::vector<size_t> sizes;
+    while (sent.size() < 60000) {
+        size_t size = std::uniform_int_distribution<size_t>(1, 3 * 4096)(rng);
+        sizes.push_back(size);
+        Bytes chunk = Pattern(size, uint8_t(sizes.size()));
+        sent.insert(sent.end(), chunk.begin(), chunk.end());
+    }
+    hk::Thread writer("writer", [&] {
+        size_t offset = 0;
+        for (size_t size : sizes) {
+            AppRequest* write = Write(Bytes(sent.begin() + offset, sent.begin() + offset + size));
+            ASSERT_TRUE(Wait(write, 20000));
+            EXPECT_EQ(write->information, size);
+            offset += size;
+        }
+    });
+    Bytes got;
+    while (got.size() < sent.size()) {
+        // Without time-outs a read larger than the receive buffer would wait
+        // for the next read to offer the parked bytes again.
+        size_t ask = std::uniform_int_distribution<size_t>(1, rcv_buffer_)(rng);
+        AppRequest* read = Read(ULONG(std::min(ask, sent.size() - got.size())));
+        ASSERT_TRUE(Wait(read, 20000)) << "after " << got.size() << " bytes";
+        Bytes data = read->Data();
+        got.insert(got.end(), data.begin(), data.end());
+    }
+    writer.Join();
+    EXPECT_EQ(got, sent);
+}
+
+TEST_F(Transport, AZeroLengthPacketFollowsEveryMultipleOf64) {
+    TraceMask |= TL_BULK_DUMP;
+    struct Row {
+        size_t length;
+        bool zlp;
+    };
+    const Row rows[] = {{64, true}, {128, true}, {4096, true}, {63, false}, {65, false}};
+    for (const Row& row : rows) {
+        dbg().Clear();
+        ASSERT_TRUE(Wait(Write(Pattern(row.length, 1))));
+        RunFor(20);
+        EXPECT_EQ(modem_->Pull(), Pattern(row.length, 1));
+        EXPECT_EQ(dbg().Count("ACM:COM3:SND: " + std::to_string(row.length)), 1u);
+        EXPECT_EQ(dbg().Count("ACM:COM3:SND: 0"), row.zlp ? 1u : 0u) << row.length;
+        EXPECT_FALSE(dev_->WritePipe.SendZlp);
+    }
+}
+
+class ReceiveFlow : public Transport {
+  protected:
+    ReceiveFlow() {
+        rcv_buffer_ = 100; // the smallest receive buffer
+        read_packet_ = 64;
+    }
+};
+
+TEST_F(ReceiveFlow, AFullBufferParksPacketsAndAReadRestartsThemWithNothingLost) {
+    const Bytes data = Pattern(100 + 5 * 63 + 200, 3);
+    // Short packets end each transfer: one 63-byte transfer per packet.
+    for (size_t offset = 0; offset < data.size(); offset += 63)
+        modem_->Push(
+            Bytes(data.begin() + offset, data.begin() + std::min(offset + 63, data.size())));
+    RunFor(50);
+    EXPECT_EQ(ser_->CircRcvBuf.Count, 100u);
+    EXPECT_EQ(ParkedPackets(), 5u) << "every packet holds bytes the port has no room for";
+    EXPECT_EQ(BulkReadsOut(), 0u) << "all five parked stop the reads";
+
+    EXPECT_EQ(ReadAll(data.size(), 37), data);
+    RunFor(20);
+    EXPECT_EQ(ParkedPackets(), 0u);
+    EXPECT_EQ(BulkReadsOut(), 5u) << "the reads were restarted";
+}
+
+TEST_F(ReceiveFlow, TheRestOfAPartlyTakenPacketComesNextAndFirst) {
+    const Bytes data = Pattern(150, 9);
+    modem_->Push(data); // three transfers into the 64-byte reads: 64, 64 and 22
+    RunFor(20);
+    EXPECT_EQ(ser_->CircRcvBuf.Count, 100u);
+    ASSERT_EQ(ParkedPackets(), 2u);
+    auto* parked = CONTAINING_RECORD(dev_->ReceivePipe.Queue.Flink, USB_PACKET, Link);
+    EXPECT_EQ(parked->Length, 28u) << "the port took 36 of the second packet's 64 bytes";
+    EXPECT_EQ(ReadAll(10, 10), Bytes(data.begin(), data.begin() + 10));
+    EXPECT_EQ(ReadAll(140, 100), Bytes(data.begin() + 10, data.end()));
+}
+
+TEST_F(Transport, PurgeDropsParkedBytesAndReadsResume) {
+    ASSERT_EQ(Wait(Control(IOCTL_SERIAL_SET_QUEUE_SIZE, {100, 0, 0, 0, 100, 0, 0, 0}, 0)), true);
+    modem_->Push(Pattern(300, 1));
+    RunFor(20);
+    ASSERT_GT(ParkedPackets(), 0u);
+    const ULONG purge = SERIAL_PURGE_RXCLEAR;
+    const auto* bytes = reinterpret_cast<const uint8_t*>(&purge);
+    ASSERT_TRUE(Wait(Control(IOCTL_SERIAL_PURGE, {bytes, bytes + 4}, 0)));
+    RunFor(20);
+    EXPECT_EQ(ParkedPackets(), 0u);
+    EXPECT_EQ(ser_->CircRcvBuf.Count, 0u);
+    modem_->Push(Pattern(5, 2));
+    EXPECT_EQ(ReadAll(5, 5), Pattern(5, 2)) << "reads were resubmitted after the purge";
+}
+
+TEST_F(Transport, FlowTestSpacesBulkInResubmissionsButNotInterruptIn) {
+    dev_->Cfg.FlowTest = 50;
+    InitTimerObj(&dev_->FlowTestTimer, RcvTimerRoutine, dev_, 50);
+    // Seven short transfers: the five reads out take five, the next reads go
+    // out 50 ms after the last completion.
+    for (uint8_t i = 0; i < 7; ++i)
+        modem_->Push(Pattern(3, i));
+    RunFor(10);
+    EXPECT_EQ(ser_->CircRcvBuf.Count, 15u);
+    RunFor(35);
+    EXPECT_EQ(ser_->CircRcvBuf.Count, 15u) << "no read before the flow-test delay";
+    RunFor(20);
+    EXPECT_EQ(ser_->CircRcvBuf.Count, 21u);
+
+    modem_->SendSerialState(0x0001);
+    RunFor(kPoll);
+    EXPECT_EQ(dev_->ModemStatus & SERIAL_MSR_DCD, ULONG(SERIAL_MSR_DCD));
+    modem_->SendSerialState(0x0000);
+    RunFor(kPoll);
+    EXPECT_EQ(dev_->ModemStatus & SERIAL_MSR_DCD, 0u) << "interrupt-in is resubmitted at once";
+}
+
+TEST_F(Transport, CtsFlowControlHoldsDataUntilTheModemRaisesCts) {
+    dev_->Cfg.useCtsFlowControl = 1;
+    TraceMask |= TL_CTS;
+    ASSERT_TRUE(Wait(Write("held")));
+    RunFor(50);
+    EXPECT_TRUE(modem_->Pull().empty());
+    EXPECT_TRUE(dbg().Contains("ACM:COM3:Stop sending because CTS is inactive"));
+    modem_->SendNetworkConnection(true);
+    RunFor(20);
+    EXPECT_EQ(modem_->Pull(), Bytes({'h', 'e', 'l', 'd'}));
+    EXPECT_TRUE(dbg().Contains("ACM:COM3:CTS active restart write"));
+}
+
+TEST_F(Transport, AGrantWhileCtsIsInactiveIsUsedUpByWhatIsSent) {
+    dev_->Cfg.useCtsFlowControl = 1;
+    struct Step {
+        ULONG length;
+        ULONG left;
+    };
+    KIRQL irql;
+    DEVICE_LOCK(dev_, &irql);
+    dev_->WaitingData = 10;
+    DEVICE_UNLOCK(dev_, irql);
+    for (const Step& step : {Step{6, 4}, Step{12, 0}}) {
+        PUCHAR buffer;
+        ULONG max_length;
+        PUSB_PACKET packet;
+        DEVICE_LOCK(dev_, &irql);
+        BOOLEAN got = GetWriteBuffer(dev_, &buffer, &max_length, &packet);
+        DEVICE_UNLOCK(dev_, irql);
+        ASSERT_TRUE(got) << "a grant lets bytes out while CTS is inactive";
+        SubmitWriteBuffer(dev_, buffer, step.length, packet);
+        EXPECT_EQ(dev_->WaitingData, step.left);
+        RunFor(20);
+    }
+    PUCHAR buffer;
+    ULONG max_length;
+    PUSB_PACKET packet;
+    DEVICE_LOCK(dev_, &irql);
+    EXPECT_FALSE(GetWriteBuffer(dev_, &buffer, &max_length, &packet));
+    DEVICE_UNLOCK(dev_, irql);
+}
+
+TEST_F(Transport, TheStopSendingBitHoldsDataAndItsClearingResumesAtOnce) {
+    modem_->SendSerialState(0x0100);
+    RunFor(kPoll);
+    EXPECT_FALSE(dev_->SendAllowed);
+    ASSERT_TRUE(Wait(Write("wait")));
+    RunFor(50);
+    EXPECT_TRUE(modem_->Pull().empty());
+    modem_->SendSerialState(0x0000);
+    RunFor(kPoll);
+    EXPECT_EQ(modem_->Pull(), Bytes({'w', 'a', 'i', 't'}));
+}
+
+// One serial state after another: the modem lines and the events raised.
+TEST_F(Transport, SerialStatesMoveTheLinesAndRaiseTheirEvents) {
+    const ULONG all = 0x1FF;
+    const auto* bytes = reinterpret_cast<const uint8_t*>(&all);
+    ASSERT_TRUE(Wait(Control(IOCTL_SERIAL_SET_WAIT_MASK, {bytes, bytes + 4}, 0)));
+    struct Row {
+        uint16_t state;
+        ULONG lines;  // ModemStatus after it
+        ULONG events; // raised by it
+    };
+    const Row rows[] = {
+        {0x0003, 0xA0, 0x30},  // DCD and DSR on
+        {0x0003, 0xA0, 0x00},  // no change, no event
+        {0x0008, 0x40, 0x130}, // RI on, DCD and DSR off
+        {0x0004, 0x00, 0x140}, // break, RI off
+        {0x0004, 0x00, 0x40},  // break again: raised each time
+        {0x0010, 0x00, 0x80},  // framing error
+        {0x0020, 0x00, 0x80},  // parity error
+        {0x0040, 0x00, 0x80},  // overrun
+    };
+    for (const Row& row : rows) {
+        port_->PendingEvents = 0;
+        modem_->SendSerialState(row.state);
+        RunFor(kPoll);
+        EXPECT_EQ(dev_->ModemStatus, row.lines) << std::hex << row.state;
+        EXPECT_EQ(dev_->ReceivedModemStatus, row.lines);
+        EXPECT_EQ(port_->PendingEvents, row.events) << std::hex << row.state;
+    }
+    port_->PendingEvents = 0;
+    modem_->SendNetworkConnection(true);
+    RunFor(kPoll);
+    EXPECT_EQ(dev_->ModemStatus, ULONG(SERIAL_MSR_CTS));
+    EXPECT_EQ(port_->PendingEvents, ULONG(SERIAL_EV_CTS));
+    modem_->SendSerialState(0x0002);
+    RunFor(kPoll);
+    EXPECT_EQ(dev_->ModemStatus, ULONG(SERIAL_MSR_CTS | SERIAL_MSR_DSR))
+        << "CTS comes only from NETWORK_CONNECTION";
+}
+
+TEST_F(Transport, MalformedAndUnknownNotificationsAreTracedAndTheReadGoesOn) {
+    struct Row {
+        Bytes packet;
+        const char* trace;
+    };
+    const Row rows[] = {
+        {{0xA1, 0x20, 0, 0, 0, 0, 2, 0, 3}, "RcvIntIn: Data packet to small for RESPONDS_SERIAL_"},
+        {{0xA1, 0x20, 0, 0}, "RcvIntIn: Data packet to small"},
+        {{0xA1, 0x01, 0, 0, 0, 0, 0, 0}, "RcvIntIn: RESPONDS_AVAILABLE not supported"},
+        {{0xA1, 0x2A, 0, 0, 0, 0, 0, 0}, "RcvIntIn: Unexpected class responds:"},
+        {{0xC1, 0x12, 0, 0, 0, 0, 0, 0}, "RcvIntIn: Unexpected vendor responds:"},
+        {{0x81, 0x00, 0, 0, 0, 0, 0, 0}, "RcvIntIn: Unexpected responds:"},
+    };
+    for (const Row& row : rows) {
+        Notify(row.packet);
+        EXPECT_TRUE(dbg().Contains(row.trace)) << row.trace;
+    }
+    EXPECT_EQ(dev_->ModemStatus, 0u);
+    Notify({0xA1, 0x20, 0, 0, 0, 0, 2, 0, 3, 0});
+    EXPECT_EQ(dev_->ModemStatus, ULONG(SERIAL_MSR_DCD | SERIAL_MSR_DSR))
+        << "a 10-byte serial state is processed";
+    modem_->SendSerialState(0);
+    RunFor(kPoll);
+    EXPECT_EQ(dev_->ModemStatus, 0u) << "the interrupt read is still running";
+}
+
+TEST_F(Transport, ControlLinesAndLineCodingReachTheModemAsSetupPackets) {
+    struct Row {
+        ULONG code;
+        Bytes input;
+        uint8_t request;
+        uint16_t value;
+    };
+    const Row rows[] = {
+        {IOCTL_SERIAL_SET_BAUD_RATE, {0x00, 0xC2, 0x01, 0x00}, 0x20, 0},
+        {IOCTL_SERIAL_SET_LINE_CONTROL, {1, 3, 8}, 0x20, 0}, // 1.5 stop bits, mark parity
+        {IOCTL_SERIAL_SET_DTR, {}, 0x22, 1},
+        {IOCTL_SERIAL_SET_RTS, {}, 0x22, 3},
+        {IOCTL_SERIAL_CLR_DTR, {}, 0x22, 2},
+        {IOCTL_SERIAL_SET_BREAK_ON, {}, 0x23, 0xFFFF},
+        {IOCTL_SERIAL_SET_BREAK_OFF, {}, 0x23, 0},
+    };
+    for (const Row& row : rows) {
+        ASSERT_TRUE(Wait(Control(row.code, row.input, 0)));
+        const sm::RecordedRequest& got = modem_->Requests().back();
+        EXPECT_EQ(got.setup.request_type, 0x21);
+        EXPECT_EQ(got.setup.request, row.request);
+        EXPECT_EQ(got.setup.value, row.value);
+        EXPECT_EQ(got.setup.index, dev_->Cfg.UsbInterface & 0xFFFF);
+    }
+    EXPECT_EQ(modem_->Requests()[0].data, Bytes({0x00, 0xC2, 0x01, 0x00, 1, 0, 8}));
+    EXPECT_EQ(modem_->Requests()[1].data, Bytes({0x00, 0xC2, 0x01, 0x00, 1, 3, 8}));
+
+    dev_->UsbDeviceEnabled = FALSE;
+    ASSERT_TRUE(Wait(Control(IOCTL_SERIAL_SET_RTS, {}, 0)));
+    dev_->UsbDeviceEnabled = TRUE;
+    EXPECT_EQ(modem_->Requests().size(), std::size(rows)) << "nothing is sent while disabled";
+    EXPECT_EQ(dev_->PcStatus, 0x02) << "the lines change all the same";
+}
+
+} // namespace
