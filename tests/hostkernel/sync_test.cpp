@@ -12,58 +12,41 @@ LARGE_INTEGER RelativeMs(int64_t ms) {
     return t;
 }
 
-using Sync = KernelTest;
-
-TEST_F(Sync, NotificationEventReleasesEveryWaiterAndStaysSignalled) {
-    KEVENT event;
-    KeInitializeEvent(&event, NotificationEvent, FALSE);
-    int woken = 0;
-    hk::Thread a("a", [&] {
-        KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr);
-        ++woken;
-    });
-    hk::Thread b("b", [&] {
-        KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr);
-        ++woken;
-    });
-    kernel().Sleep(1);
-    EXPECT_EQ(woken, 0);
-    EXPECT_EQ(KeSetEvent(&event, 0, FALSE), 0);
-    a.Join();
-    b.Join();
-    EXPECT_EQ(woken, 2);
-    EXPECT_EQ(KeReadStateEvent(&event), 1);
-    EXPECT_EQ(KeResetEvent(&event), 1);
-    EXPECT_EQ(KeReadStateEvent(&event), 0);
+NTSTATUS Wait(PVOID object, int64_t timeout_ms = -1) {
+    LARGE_INTEGER timeout = RelativeMs(timeout_ms);
+    return KeWaitForSingleObject(object, Executive, KernelMode, FALSE,
+                                 timeout_ms < 0 ? nullptr : &timeout);
 }
 
-TEST_F(Sync, SynchronizationEventReleasesOneWaiterAndResets) {
-    KEVENT event;
-    KeInitializeEvent(&event, SynchronizationEvent, FALSE);
-    int woken = 0;
-    auto waiter = [&] {
-        LARGE_INTEGER timeout = RelativeMs(100);
-        if (KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &timeout) == STATUS_SUCCESS)
-            ++woken;
-    };
-    hk::Thread a("a", waiter);
-    hk::Thread b("b", waiter);
-    kernel().Sleep(1);
-    KeSetEvent(&event, 0, FALSE);
-    a.Join();
-    b.Join();
-    EXPECT_EQ(woken, 1);
-    EXPECT_EQ(KeReadStateEvent(&event), 0);
+using Sync = KernelTest;
+
+// A notification event releases every waiter and stays signalled; a
+// synchronization event releases one and resets.
+TEST_F(Sync, EventsReleaseWaitersByTheirType) {
+    for (EVENT_TYPE type : {NotificationEvent, SynchronizationEvent}) {
+        const bool notification = type == NotificationEvent;
+        KEVENT event;
+        KeInitializeEvent(&event, type, FALSE);
+        int woken = 0;
+        auto waiter = [&] { woken += Wait(&event, 100) == STATUS_SUCCESS; };
+        hk::Thread a("a", waiter), b("b", waiter);
+        kernel().Sleep(1);
+        EXPECT_EQ(woken, 0);
+        EXPECT_EQ(KeSetEvent(&event, 0, FALSE), 0);
+        a.Join();
+        b.Join();
+        EXPECT_EQ(woken, notification ? 2 : 1);
+        EXPECT_EQ(KeResetEvent(&event), notification ? 1 : 0);
+        EXPECT_EQ(KeReadStateEvent(&event), 0);
+    }
 }
 
 TEST_F(Sync, ZeroTimeoutPollsWithoutBlockingAndADelayTakesVirtualTime) {
     KEVENT event;
     KeInitializeEvent(&event, NotificationEvent, FALSE);
-    LARGE_INTEGER zero;
-    zero.QuadPart = 0;
-    EXPECT_EQ(KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &zero), STATUS_TIMEOUT);
+    EXPECT_EQ(Wait(&event, 0), STATUS_TIMEOUT);
     KeSetEvent(&event, 0, FALSE);
-    EXPECT_EQ(KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &zero), STATUS_SUCCESS);
+    EXPECT_EQ(Wait(&event, 0), STATUS_SUCCESS);
     EXPECT_EQ(kernel().Now(), 0);
     LARGE_INTEGER interval = RelativeMs(1020);
     EXPECT_EQ(KeDelayExecutionThread(KernelMode, FALSE, &interval), STATUS_SUCCESS);
@@ -74,11 +57,11 @@ TEST_F(Sync, MutexWaitersAcquireInArrivalOrder) {
     KMUTEX mutex;
     KeInitializeMutex(&mutex, 0);
     std::vector<std::string> order;
-    KeWaitForSingleObject(&mutex, Executive, KernelMode, FALSE, nullptr);
+    Wait(&mutex);
     std::vector<std::unique_ptr<hk::Thread>> threads;
     for (const char* name : {"first", "second", "third"}) {
         threads.push_back(std::make_unique<hk::Thread>(name, [&, name] {
-            KeWaitForSingleObject(&mutex, Executive, KernelMode, FALSE, nullptr);
+            Wait(&mutex);
             order.push_back(name);
             kernel().Sleep(5); // hold it across a blocking point
             KeReleaseMutex(&mutex, FALSE);
@@ -92,39 +75,21 @@ TEST_F(Sync, MutexWaitersAcquireInArrivalOrder) {
     EXPECT_EQ(order, (std::vector<std::string>{"first", "second", "third"}));
 }
 
-TEST_F(Sync, MutexIsRecursiveForItsOwner) {
+// Taken twice by its owner, a mutex is still held after one release: another
+// thread's wait times out at its deadline.
+TEST_F(Sync, MutexIsRecursiveForItsOwnerAndOtherWaitsTimeOut) {
     KMUTEX mutex;
     KeInitializeMutex(&mutex, 0);
-    KeWaitForSingleObject(&mutex, Executive, KernelMode, FALSE, nullptr);
-    KeWaitForSingleObject(&mutex, Executive, KernelMode, FALSE, nullptr);
-    bool other_got_it = false;
-    hk::Thread other("other", [&] {
-        KeWaitForSingleObject(&mutex, Executive, KernelMode, FALSE, nullptr);
-        other_got_it = true;
-        KeReleaseMutex(&mutex, FALSE);
-    });
+    Wait(&mutex);
+    Wait(&mutex);
     KeReleaseMutex(&mutex, FALSE);
-    kernel().Sleep(1);
-    EXPECT_FALSE(other_got_it); // still held once
-    KeReleaseMutex(&mutex, FALSE);
-    other.Join();
-    EXPECT_TRUE(other_got_it);
-    EXPECT_EQ(KeReadStateMutex(&mutex), 1);
-}
-
-TEST_F(Sync, MutexWaitTimesOut) {
-    KMUTEX mutex;
-    KeInitializeMutex(&mutex, 0);
-    KeWaitForSingleObject(&mutex, Executive, KernelMode, FALSE, nullptr);
     NTSTATUS status = STATUS_PENDING;
-    hk::Thread other("other", [&] {
-        LARGE_INTEGER timeout = RelativeMs(50);
-        status = KeWaitForSingleObject(&mutex, Executive, KernelMode, FALSE, &timeout);
-    });
-    other.Join();
+    hk::Thread("other", [&] { status = Wait(&mutex, 50); }).Join();
     EXPECT_EQ(status, STATUS_TIMEOUT);
     EXPECT_EQ(kernel().NowMs(), 50);
+    EXPECT_EQ(KeReadStateMutex(&mutex), 0);
     KeReleaseMutex(&mutex, FALSE);
+    EXPECT_EQ(KeReadStateMutex(&mutex), 1);
 }
 
 TEST_F(Sync, InterlockedOperationsReturnTheKernelsValues) {

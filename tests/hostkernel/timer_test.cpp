@@ -44,27 +44,24 @@ TEST_F(Timers, FiresOnceIntoItsDpcAtDispatchLevel) {
     EXPECT_TRUE(KeReadStateTimer(&timer));
 }
 
-TEST_F(Timers, ReArmingASetTimerReturnsTrueAndMovesTheDeadline) {
+// Setting a set timer moves its deadline and says it was set; cancelling
+// says whether it removed a pending timer; an expired one is set no more.
+TEST_F(Timers, SetAndCancelReportWhetherTheTimerWasPending) {
+    EXPECT_FALSE(KeCancelTimer(&timer));
     EXPECT_FALSE(KeSetTimer(&timer, RelativeMs(100), &dpc));
     kernel().Sleep(50);
     EXPECT_TRUE(KeSetTimer(&timer, RelativeMs(100), &dpc));
     kernel().Sleep(200);
     EXPECT_EQ(log.times_ms, std::vector<int64_t>{150});
-    EXPECT_FALSE(KeSetTimer(&timer, RelativeMs(10), &dpc)); // expired: no longer set
-    kernel().Sleep(20);
-    EXPECT_EQ(log.times_ms, (std::vector<int64_t>{150, 260}));
-}
-
-TEST_F(Timers, CancelReportsWhetherItRemovedAPendingTimer) {
-    EXPECT_FALSE(KeCancelTimer(&timer));
-    KeSetTimer(&timer, RelativeMs(100), &dpc);
+    EXPECT_FALSE(KeSetTimer(&timer, RelativeMs(10), &dpc));
     EXPECT_TRUE(KeCancelTimer(&timer));
     EXPECT_FALSE(KeCancelTimer(&timer));
-    kernel().Sleep(200);
-    EXPECT_TRUE(log.times_ms.empty());
+    kernel().Sleep(20);
+    EXPECT_EQ(log.times_ms, std::vector<int64_t>{150});
     KeSetTimer(&timer, RelativeMs(10), &dpc);
     kernel().Sleep(20);
     EXPECT_FALSE(KeCancelTimer(&timer)); // already fired
+    EXPECT_EQ(log.times_ms, (std::vector<int64_t>{150, 280}));
 }
 
 TEST_F(Timers, AThreadCanWaitOnATimer) {
@@ -73,42 +70,30 @@ TEST_F(Timers, AThreadCanWaitOnATimer) {
     EXPECT_EQ(kernel().NowMs(), 70);
 }
 
-TEST_F(Timers, ADpcQueuedTwiceRunsOnce) {
-    KIRQL old;
-    KeRaiseIrql(DISPATCH_LEVEL, &old);
-    EXPECT_TRUE(KeInsertQueueDpc(&dpc, nullptr, nullptr));
-    EXPECT_FALSE(KeInsertQueueDpc(&dpc, nullptr, nullptr));
-    KeLowerIrql(old);
-    EXPECT_EQ(log.times_ms.size(), 1u);
-    EXPECT_TRUE(KeInsertQueueDpc(&dpc, nullptr, nullptr)); // may be queued again once it ran
-    EXPECT_EQ(log.times_ms.size(), 2u);
-}
-
-TEST_F(Timers, DpcsRunOnTheIrqlDropNotBefore) {
+// Queued at DISPATCH_LEVEL (under a spin lock), a DPC waits for the IRQL to
+// drop, runs once however often it was queued, and not at all once removed;
+// queued below DISPATCH_LEVEL it runs at once, at DISPATCH_LEVEL.
+TEST_F(Timers, DpcsRunOnceOnTheIrqlDropUnlessRemoved) {
     KSPIN_LOCK lock;
     KeInitializeSpinLock(&lock);
     KIRQL old;
     KeAcquireSpinLock(&lock, &old);
-    KeInsertQueueDpc(&dpc, nullptr, nullptr);
+    EXPECT_TRUE(KeInsertQueueDpc(&dpc, nullptr, nullptr));
+    EXPECT_FALSE(KeInsertQueueDpc(&dpc, nullptr, nullptr));
     EXPECT_TRUE(log.times_ms.empty());
     KeReleaseSpinLock(&lock, old);
     EXPECT_EQ(log.times_ms.size(), 1u);
 
-    // Queued below DISPATCH_LEVEL, a DPC runs at once, at DISPATCH_LEVEL.
-    KeInsertQueueDpc(&dpc, nullptr, nullptr);
-    EXPECT_EQ(log.times_ms.size(), 2u);
-    EXPECT_EQ(log.irqls[1], DISPATCH_LEVEL);
-    EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
-}
-
-TEST_F(Timers, RemovedDpcDoesNotRun) {
-    KIRQL old;
     KeRaiseIrql(DISPATCH_LEVEL, &old);
     KeInsertQueueDpc(&dpc, nullptr, nullptr);
     EXPECT_TRUE(KeRemoveQueueDpc(&dpc));
     EXPECT_FALSE(KeRemoveQueueDpc(&dpc));
     KeLowerIrql(old);
-    EXPECT_TRUE(log.times_ms.empty());
+    EXPECT_EQ(log.times_ms.size(), 1u);
+
+    EXPECT_TRUE(KeInsertQueueDpc(&dpc, nullptr, nullptr));
+    EXPECT_EQ(log.irqls, (std::vector<KIRQL>{DISPATCH_LEVEL, DISPATCH_LEVEL}));
+    EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
 }
 
 TEST_F(Timers, TimersDueAtTheSameInstantExpireBeforeTheirDpcsRun) {

@@ -1,19 +1,9 @@
 #include "kernel_test.h"
 
-namespace {
-void InstallFailureHandler(hk::Kernel& kernel) {
-    // The verifier's message already names the options that reproduce the run.
-    kernel.verifier().SetHandler(
-        [](const std::string&, const std::string& message) { ADD_FAILURE() << message; });
-}
-} // namespace
-
 void KernelTest::SetUp() {
     // HK_SEED and HK_INTERLEAVE let a campaign run every test under other
     // seeds and the interleaving mode.
-    kernel_ =
-        std::make_unique<hk::Kernel>(next_options_.value_or(hk::KernelOptions::FromEnvironment()));
-    InstallFailureHandler(*kernel_);
+    Restart(next_options_.value_or(hk::KernelOptions::FromEnvironment()));
 }
 
 void KernelTest::TearDown() {
@@ -23,5 +13,7 @@ void KernelTest::TearDown() {
 void KernelTest::Restart(hk::KernelOptions options) {
     kernel_.reset();
     kernel_ = std::make_unique<hk::Kernel>(options);
-    InstallFailureHandler(*kernel_);
+    // The verifier's message already names the options that reproduce the run.
+    kernel_->verifier().SetHandler(
+        [](const std::string&, const std::string& message) { ADD_FAILURE() << message; });
 }
