@@ -6,9 +6,7 @@
 
 #include "driver_test.h"
 
-#include <cstring>
 #include <memory>
-#include <string>
 
 namespace {
 
@@ -63,23 +61,6 @@ TEST_F(RecordsTest, PtrValidNeedsAPointerAndItsOwnMagic) {
     SER_PORT serPort{};
     serPort.Magic = SER_PORT_MAGIC;
     EXPECT_TRUE(PTRVALID(&serPort, SER_PORT));
-}
-
-// A magic or tag as the four characters a memory dump shows.
-std::string Spelling(ULONG value) {
-    char text[4];
-    std::memcpy(text, &value, sizeof(text));
-    return std::string(text, sizeof(text));
-}
-
-TEST(Magics, SpellTheirNamesInMemory) {
-    EXPECT_EQ(Spelling(DEVICE_MAGIC), "DevO");
-    EXPECT_EQ(Spelling(PORT_OBJ_MAGIC), "PrtO");
-    EXPECT_EQ(Spelling(SER_PORT_MAGIC), "SPOR");
-    EXPECT_EQ(Spelling(USB_PACKET_POOL_MAGIC), "UpkP");
-    EXPECT_EQ(Spelling(USB_PACKET_MAGIC), "Upkt");
-    EXPECT_EQ(Spelling(MEMHD_MAGIC), "KMem");
-    EXPECT_EQ(Spelling(DPOOL_TAG), "pool");
 }
 
 TEST_F(RecordsTest, PortNameForTracesFallsBackToComQuestionMark) {

