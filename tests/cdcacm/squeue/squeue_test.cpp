@@ -3,12 +3,24 @@
 // write time-out with CTS flow control.
 #include "serial_fixture.h"
 
+#include <tuple>
+#include <vector>
+
 namespace {
 
 using SqueueTest = SerialTest;
 
 NTSTATUS StatusOf(const Completion* done) {
     return done != nullptr ? done->status : DEFAULT_STATUS;
+}
+
+// Every completion so far as (request, status, length), in order.
+using Done = std::vector<std::tuple<PSER_REQUEST, NTSTATUS, ULONG>>;
+Done Completed(const SerialFakes& fakes) {
+    Done done;
+    for (const Completion& completion : fakes.completions)
+        done.emplace_back(completion.request, completion.status, completion.length);
+    return done;
 }
 
 struct ModeCase {
@@ -102,10 +114,7 @@ TEST_F(SqueueTest, IntervalsRunWhileTheHeadIsPartlyFilled) {
     Tick(2);
     EXPECT_TRUE(fakes.completions.empty());
     Tick();
-    ASSERT_EQ(fakes.completions.size(), 1u);
-    EXPECT_EQ(fakes.completions[0].request, next);
-    EXPECT_EQ(fakes.completions[0].status, STATUS_TIMEOUT);
-    EXPECT_EQ(fakes.completions[0].length, 0u);
+    EXPECT_EQ(Completed(fakes), (Done{{next, STATUS_TIMEOUT, 0}}));
     Tick(2);
     EXPECT_EQ(CompletionOf(head), nullptr);
     Tick();
@@ -133,12 +142,8 @@ TEST_F(SqueueTest, NoWaitAfterASwitchCompletesEveryQueuedReadAtTheNextIndication
     SetTimeouts(0xFFFFFFFF, 0, 0);
     EXPECT_TRUE(fakes.completions.empty());
     Indicate({3});
-    ASSERT_EQ(fakes.completions.size(), 2u);
-    EXPECT_EQ(fakes.completions[0].request, head);
-    EXPECT_EQ(fakes.completions[0].status, STATUS_SUCCESS);
+    EXPECT_EQ(Completed(fakes), (Done{{head, STATUS_SUCCESS, 3}, {next, STATUS_SUCCESS, 0}}));
     EXPECT_EQ(ReadData(head), (Bytes{1, 2, 3}));
-    EXPECT_EQ(fakes.completions[1].status, STATUS_SUCCESS);
-    EXPECT_EQ(fakes.completions[1].length, 0u);
 }
 
 TEST_F(SqueueTest, IntervalOfHalfTheRangeOrMoreExpiresAtTheNextTick) {
@@ -197,11 +202,7 @@ TEST_F(SqueueTest, TotalTimeoutReportsTheHeadsBytesOnly) {
     Tick(5);
     EXPECT_TRUE(fakes.completions.empty());
     Tick();
-    ASSERT_EQ(fakes.completions.size(), 2u);
-    EXPECT_EQ(fakes.completions[0].request, head);
-    EXPECT_EQ(fakes.completions[0].length, 2u);
-    EXPECT_EQ(fakes.completions[1].length, 0u);
-    EXPECT_EQ(fakes.completions[1].status, STATUS_TIMEOUT);
+    EXPECT_EQ(Completed(fakes), (Done{{head, STATUS_TIMEOUT, 2}, {next, STATUS_TIMEOUT, 0}}));
 }
 
 TEST_F(SqueueTest, CancelOfTheSecondReadLeavesTheHeadsProgress) {
@@ -231,11 +232,7 @@ TEST_F(SqueueTest, FlushCancelsEveryRequestHeadFirst) {
     DEVICE_LOCK(dev.get(), &irql);
     SqueueFlush(&port->RcvQueue);
     DEVICE_UNLOCK(dev.get(), irql);
-    ASSERT_EQ(fakes.completions.size(), 2u);
-    EXPECT_EQ(fakes.completions[0].request, head);
-    EXPECT_EQ(fakes.completions[0].status, STATUS_CANCELLED);
-    EXPECT_EQ(fakes.completions[0].length, 3u);
-    EXPECT_EQ(fakes.completions[1].length, 0u);
+    EXPECT_EQ(Completed(fakes), (Done{{head, STATUS_CANCELLED, 3}, {second, STATUS_CANCELLED, 0}}));
     EXPECT_EQ(port->RcvQueue.CurPtr, nullptr);
 }
 
@@ -280,10 +277,7 @@ TEST_F(CtsTimeoutTest, InactiveCtsGrantsOneMoreSecondThenTimesOut) {
     Tick(100);
     EXPECT_TRUE(fakes.completions.empty());
     Tick();
-    ASSERT_EQ(fakes.completions.size(), 2u);
-    EXPECT_EQ(fakes.completions[0].status, STATUS_TIMEOUT);
-    EXPECT_EQ(fakes.completions[0].length, 16u);
-    EXPECT_EQ(fakes.completions[1].length, 0u);
+    EXPECT_EQ(Completed(fakes), (Done{{head, STATUS_TIMEOUT, 16}, {next, STATUS_TIMEOUT, 0}}));
     EXPECT_EQ(dbg().Count("ACM:COM7:IRP with seconds timout, complete it with timeout"), 2u);
 }
 
@@ -291,10 +285,7 @@ TEST_F(CtsTimeoutTest, ActiveCtsTimesOutAtOnce) {
     dev->Cfg.useCtsFlowControl = 1;
     dev->ModemStatus = 0x10;
     Tick(11);
-    ASSERT_EQ(fakes.completions.size(), 2u);
-    EXPECT_EQ(fakes.completions[0].request, head);
-    EXPECT_EQ(fakes.completions[0].status, STATUS_TIMEOUT);
-    EXPECT_EQ(fakes.completions[0].length, 16u);
+    EXPECT_EQ(Completed(fakes), (Done{{head, STATUS_TIMEOUT, 16}, {next, STATUS_TIMEOUT, 0}}));
     EXPECT_EQ(fakes.send_dpc_runs, 0);
     EXPECT_EQ(dbg().Count("ACM:COM7:CTS active and timeout, complete IRP with timeout"), 2u);
 }
