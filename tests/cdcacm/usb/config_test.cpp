@@ -128,14 +128,6 @@ INSTANTIATE_TEST_SUITE_P(
                               "ACM:COM7:Interface (ff,0) not found in config descriptor"}),
     [](const auto& info) { return std::string(info.param.name); });
 
-TEST_F(UsbDeviceTest, SecondSelectionWhileConfiguredIsRefused) {
-    Start(sm::OrdinaryModem());
-    ASSERT_EQ(Configure(), STATUS_SUCCESS);
-    USB_INTERFACE_REQUEST request = {0, 2, {{0, 0, 64}, {1, 0, 64}}};
-    EXPECT_EQ(SetConfiguration(usb_, &request, usb_->ConfigDescriptor), STATUS_UNSUCCESSFUL);
-    EXPECT_TRUE(dbg().Contains("ACM:COM7:SetConfiguration: already configured"));
-}
-
 TEST_F(UsbDeviceTest, DeselectReturnsTheDeviceToUnconfigured) {
     Start(sm::OrdinaryModem());
     ASSERT_EQ(Configure(), STATUS_SUCCESS);
