@@ -26,30 +26,29 @@ Done Completed(const SerialFakes& fakes) {
 struct ModeCase {
     ULONG interval, multiplier, constant;
     ULONG mode;
-    const char* trace; // nullptr: none
+    const char* traced; // the mode's name as traced; nullptr: not traced
 };
 
 class TimeModeTest : public SerialTest, public ::testing::WithParamInterface<ModeCase> {};
 
 TEST_P(TimeModeTest, ReadTimeoutsChooseTheMode) {
-    TraceMask |= 0x8000;
+    TraceMask |= TL_SND;
     const ModeCase& c = GetParam();
     SetTimeouts(c.interval, c.multiplier, c.constant);
     EXPECT_EQ(port->RcvQueue.TimeMode, c.mode);
-    EXPECT_EQ(dbg().Count("SqueueCheckTimeMode"), c.trace != nullptr ? 1u : 0u);
-    if (c.trace != nullptr) {
-        EXPECT_TRUE(dbg().Contains(c.trace));
+    EXPECT_EQ(dbg().Count("SqueueCheckTimeMode"), c.traced != nullptr ? 1u : 0u);
+    if (c.traced != nullptr) {
+        EXPECT_TRUE(
+            dbg().Contains(std::string("ACM:SqueueCheckTimeMode: Set TimeMode to ") + c.traced));
     }
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Squeue, TimeModeTest,
-    ::testing::Values(ModeCase{0, 0, 0, INTERVALTIME_OFF,
-                               "ACM:SqueueCheckTimeMode: Set TimeMode to INTERVALTIME_OFF"},
-                      ModeCase{0xFFFFFFFF, 0, 0, INTERVALTIME_NOWAIT,
-                               "ACM:SqueueCheckTimeMode: Set TimeMode to INTERVALTIME_NOWAIT"},
+    ::testing::Values(ModeCase{0, 0, 0, INTERVALTIME_OFF, "INTERVALTIME_OFF"},
+                      ModeCase{0xFFFFFFFF, 0, 0, INTERVALTIME_NOWAIT, "INTERVALTIME_NOWAIT"},
                       ModeCase{0xFFFFFFFF, 0xFFFFFFFF, 500, INTERVALTIME_WAITFIRST,
-                               "ACM:SqueueCheckTimeMode: Set TimeMode to INTERVALTIME_WAITFIRST"},
+                               "INTERVALTIME_WAITFIRST"},
                       ModeCase{0xFFFFFFFF, 0xFFFFFFFF, 0, INTERVALTIME_ON, nullptr},
                       ModeCase{50, 0, 0, INTERVALTIME_ON, nullptr}));
 
