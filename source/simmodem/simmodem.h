@@ -131,15 +131,17 @@ class Modem : public hu::Device {
     // good magic and the next sequence number is kept as received (content
     // with the host's FCS), its FCS checked; the others are counted and
     // skipped up to the next 0xAA (a length below the header's own counts as
-    // bad magic). Each start of framing restarts both directions' numbering;
-    // the counters and kept frames last until taken.
+    // bad magic). In loopback mode each kept frame whose FCS is good comes
+    // back as a device packet without it. Each start of framing restarts both
+    // directions' numbering; the counters and kept frames last until taken.
     bool Framing(size_t function = 0) const { return functions_.at(function).framing; }
     std::vector<std::vector<uint8_t>> TakeFrames(size_t function = 0);
     uint32_t BadMagic(size_t function = 0) const { return functions_.at(function).bad_magic; }
     uint32_t BadSequence(size_t function = 0) const { return functions_.at(function).bad_sequence; }
     uint32_t BadFcs(size_t function = 0) const { return functions_.at(function).bad_fcs; }
-    // One device-to-host modem packet per content (at most 2043 bytes, no
-    // FCS), all in one push: they reach the host in the same transfer.
+    // One device-to-host modem packet per content (no FCS; more than 2043
+    // bytes throw std::length_error), all in one push: they reach the host
+    // in the same transfer.
     void PushFrames(const std::vector<std::vector<uint8_t>>& contents, size_t function = 0);
     void PushFrame(const std::vector<uint8_t>& content, size_t function = 0) {
         PushFrames({content}, function);
