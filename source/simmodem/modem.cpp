@@ -1,11 +1,13 @@
 // The simulated modem's behaviour: standard requests from its descriptor
 // tables, the CDC and vendor requests of an ACM modem (recorded with their
 // virtual time), a stall for anything else, bulk data in loopback or test
-// mode, and notifications on the interrupt endpoint on demand. Runs in the
-// bus's completion context or on the test thread; no locks.
+// mode, transparent or as modem packets of the PPP framing mode, and
+// notifications on the interrupt endpoint on demand. Runs in the bus's
+// completion context or on the test thread; no locks.
 #include "simmodem/simmodem.h"
 
 #include <algorithm>
+#include <stdexcept>
 
 namespace sm {
 
@@ -17,6 +19,30 @@ constexpr uint8_t kTypeStandard = 0x00;
 constexpr uint8_t kTypeClass = 0x20;
 constexpr uint8_t kTypeVendor = 0x40;
 constexpr uint8_t kRecipientInterface = 0x01;
+
+// Modem packets: magic 0xAA 0xBB, then a big-endian word of a 5-bit
+// sequence number and an 11-bit length that counts the header too.
+constexpr uint8_t kMagicLow = 0xaa;
+constexpr uint8_t kMagicHigh = 0xbb;
+constexpr size_t kHeaderBytes = 4;
+constexpr size_t kLengthMask = 0x7ff;
+constexpr size_t kMaxContent = kLengthMask - kHeaderBytes;
+constexpr uint8_t kSequences = 32;
+constexpr size_t kFcsBytes = 2;
+
+// The FCS-16 of RFC 1662, computed bit by bit: the modem checks the host's
+// table-driven FCS by other means. Run over content and FCS, a good frame
+// leaves this residue.
+constexpr uint16_t kGoodFcsResidue = 0xf0b8;
+uint16_t Fcs16(const std::vector<uint8_t>& bytes) {
+    uint16_t fcs = 0xffff;
+    for (uint8_t byte : bytes) {
+        fcs ^= byte;
+        for (int bit = 0; bit < 8; ++bit)
+            fcs = (fcs & 1) ? uint16_t((fcs >> 1) ^ 0x8408) : uint16_t(fcs >> 1);
+    }
+    return fcs;
+}
 
 } // namespace
 
@@ -131,11 +157,10 @@ hu::ControlAnswer Modem::Control(const hu::SetupPacket& setup,
     }
     // Class and vendor requests go to a communication interface of a
     // configured device.
-    bool to_comm = (setup.request_type & 0x1f) == kRecipientInterface &&
-                   std::any_of(functions_.begin(), functions_.end(), [&](const FunctionData& f) {
-                       return f.comm_interface == uint8_t(setup.index);
-                   });
-    if (configuration_ == 0 || !to_comm)
+    FunctionData* function = (setup.request_type & 0x1f) == kRecipientInterface
+                                 ? ByCommInterface(uint8_t(setup.index))
+                                 : nullptr;
+    if (configuration_ == 0 || function == nullptr)
         return hu::ControlAnswer::Stall();
     hu::ControlAnswer answer;
     bool in = setup.DeviceToHost();
@@ -148,9 +173,15 @@ hu::ControlAnswer Modem::Control(const hu::SetupPacket& setup,
     } else if (type == kTypeClass && setup.request == kSendBreak && !in) {
         break_state_ = setup.value;
     } else if (type == kTypeVendor && setup.request == kGetSpecialChars && in) {
+        if (stall_special_chars_) {
+            stall_special_chars_ = false;
+            return hu::ControlAnswer::Stall();
+        }
         answer.data = special_chars_;
-    } else if (type == kTypeVendor &&
-               (setup.request == kStartFraming || setup.request == kStopFraming) && !in) {
+    } else if (type == kTypeVendor && setup.request == kStartFraming && !in) {
+        StartFraming(*function);
+    } else if (type == kTypeVendor && setup.request == kStopFraming && !in) {
+        function->framing = false;
     } else {
         return hu::ControlAnswer::Stall();
     }
@@ -167,11 +198,21 @@ Modem::FunctionData* Modem::ByEndpoint(uint8_t endpoint) {
     return nullptr;
 }
 
+Modem::FunctionData* Modem::ByCommInterface(uint8_t interface) {
+    for (FunctionData& f : functions_)
+        if (f.comm_interface == interface)
+            return &f;
+    return nullptr;
+}
+
 void Modem::Out(uint8_t endpoint, const std::vector<uint8_t>& data) {
     FunctionData* f = ByEndpoint(endpoint);
     if (f == nullptr)
         return;
-    if (mode_ == DataMode::kLoopback)
+    if (f->framing) {
+        f->stream.insert(f->stream.end(), data.begin(), data.end());
+        ParseStream(*f);
+    } else if (mode_ == DataMode::kLoopback)
         Push(data, size_t(f - functions_.data()));
     else
         f->written.insert(f->written.end(), data.begin(), data.end());
@@ -191,13 +232,96 @@ std::optional<std::vector<uint8_t>> Modem::In(uint8_t endpoint, uint16_t max_pac
     return packet;
 }
 
+void Modem::StartFraming(FunctionData& f) {
+    f.framing = true;
+    f.stream.clear();
+    f.resynchronising = false;
+    f.host_sequence = 0;
+    f.device_sequence = 0;
+}
+
+// Takes every whole modem packet off the front of the host's stream; a
+// packet still incomplete waits for the next transfer. A bad header is
+// counted once and the bytes up to the next 0xAA are skipped uncounted; a
+// length shorter than the header counts as a bad header. After a packet out
+// of sequence the expected number follows the host's.
+void Modem::ParseStream(FunctionData& f) {
+    std::vector<uint8_t>& s = f.stream;
+    size_t at = 0;
+    auto skip = [&](uint32_t& counter) {
+        if (!f.resynchronising)
+            ++counter;
+        f.resynchronising = true;
+        ++at;
+    };
+    while (at < s.size()) {
+        if (s[at] != kMagicLow) {
+            skip(f.bad_magic);
+            continue;
+        }
+        f.resynchronising = false;
+        if (s.size() - at < kHeaderBytes)
+            break;
+        size_t word = size_t(s[at + 2]) << 8 | s[at + 3];
+        uint8_t sequence = uint8_t(word >> 11);
+        size_t length = word & kLengthMask;
+        if (s[at + 1] != kMagicHigh || length < kHeaderBytes) {
+            skip(f.bad_magic);
+            continue;
+        }
+        if (sequence != f.host_sequence) {
+            f.host_sequence = (sequence + 1) % kSequences;
+            skip(f.bad_sequence);
+            continue;
+        }
+        if (s.size() - at < length)
+            break;
+        std::vector<uint8_t> frame(s.begin() + long(at + kHeaderBytes),
+                                   s.begin() + long(at + length));
+        at += length;
+        f.host_sequence = (sequence + 1) % kSequences;
+        bool good = frame.size() >= kFcsBytes && Fcs16(frame) == kGoodFcsResidue;
+        if (!good)
+            ++f.bad_fcs;
+        // A looped-back frame with a bad FCS is dropped, as a PPP peer would.
+        if (good && mode_ == DataMode::kLoopback)
+            PushFrame(std::vector<uint8_t>(frame.begin(), frame.end() - kFcsBytes),
+                      size_t(&f - functions_.data()));
+        f.frames.push_back(std::move(frame));
+    }
+    s.erase(s.begin(), s.begin() + long(at));
+}
+
+std::vector<std::vector<uint8_t>> Modem::TakeFrames(size_t function) {
+    std::vector<std::vector<uint8_t>> frames;
+    frames.swap(functions_.at(function).frames);
+    return frames;
+}
+
+void Modem::PushFrames(const std::vector<std::vector<uint8_t>>& contents, size_t function) {
+    FunctionData& f = functions_.at(function);
+    std::vector<uint8_t> packets;
+    for (const std::vector<uint8_t>& content : contents) {
+        if (content.size() > kMaxContent)
+            throw std::length_error("a modem packet holds at most 2043 content bytes");
+        size_t word = size_t(f.device_sequence) << 11 | (content.size() + kHeaderBytes);
+        f.device_sequence = (f.device_sequence + 1) % kSequences;
+        packets.insert(packets.end(), {kMagicLow, kMagicHigh, uint8_t(word >> 8), uint8_t(word)});
+        packets.insert(packets.end(), content.begin(), content.end());
+    }
+    Push(packets, function);
+}
+
+// Each push ends with a short packet, or with a zero-length one when its
+// last packet is full (an empty push is a zero-length packet alone), so a
+// host transfer never runs from one push into the next.
 void Modem::Push(const std::vector<uint8_t>& data, size_t function) {
     FunctionData& f = functions_.at(function);
     size_t packet = f.bulk_in_packet;
     for (size_t at = 0; at < data.size(); at += packet)
         f.in_packets.emplace_back(data.begin() + long(at),
                                   data.begin() + long(std::min(data.size(), at + packet)));
-    if (!data.empty() && data.size() % packet == 0)
+    if (data.size() % packet == 0)
         f.in_packets.emplace_back();
     DataReady(f.bulk_in);
 }
@@ -230,6 +354,14 @@ void Modem::SendNetworkConnection(bool connected, size_t function) {
 void Modem::SendVendorNotification(uint8_t code, size_t function) {
     uint8_t interface = functions_.at(function).comm_interface;
     Notify(function, {0xc1, code, 0, 0, interface, 0, 0, 0});
+}
+
+void Modem::RequestFraming(bool start, size_t function) {
+    SendVendorNotification(start ? kRequestToStartFraming : kRequestToStopFraming, function);
+}
+
+void Modem::SendRawNotification(std::vector<uint8_t> bytes, size_t function) {
+    Notify(function, std::move(bytes));
 }
 
 } // namespace sm

@@ -1,7 +1,8 @@
 // Simulated CDC-ACM modems: profiles described as constant descriptor
 // tables, the helpers that turn them into descriptor bytes, and the modem
 // that answers the bus: standard, CDC and vendor requests (recorded with
-// their virtual time), loopback or test data, and notifications on demand.
+// their virtual time), loopback or test data, the PPP framing mode's modem
+// packets, and notifications on demand.
 //
 // Environment: a modem is called by the bus in its completion context
 // (DISPATCH_LEVEL) and by the test thread; both run on the one emulated
@@ -115,17 +116,44 @@ class Modem : public hu::Device {
     uint8_t Configuration() const { return configuration_; }
     // The answer to the special-character request.
     void SetSpecialChars(std::vector<uint8_t> table) { special_chars_ = std::move(table); }
+    // The next special-character request stalls (once).
+    void StallNextGetSpecialChars() { stall_special_chars_ = true; }
 
     // Test mode: bytes for the host to read on the function's bulk-in
     // endpoint, framed by its packet size (a zero-length packet follows a
-    // chunk that fills its last packet), and the bytes the host wrote.
+    // chunk that fills its last packet, and is all an empty chunk sends), and
+    // the bytes the host wrote outside framing mode.
     void Push(const std::vector<uint8_t>& data, size_t function = 0);
     std::vector<uint8_t> Pull(size_t function = 0);
+
+    // Framing mode, switched by the start and stop framing requests. The
+    // host's bulk-out stream is parsed into modem packets: each packet with
+    // good magic and the next sequence number is kept as received (content
+    // with the host's FCS), its FCS checked; the others are counted and
+    // skipped up to the next 0xAA (a length below the header's own counts as
+    // bad magic). In loopback mode each kept frame whose FCS is good comes
+    // back as a device packet without it. Each start of framing restarts both
+    // directions' numbering; the counters and kept frames last until taken.
+    bool Framing(size_t function = 0) const { return functions_.at(function).framing; }
+    std::vector<std::vector<uint8_t>> TakeFrames(size_t function = 0);
+    uint32_t BadMagic(size_t function = 0) const { return functions_.at(function).bad_magic; }
+    uint32_t BadSequence(size_t function = 0) const { return functions_.at(function).bad_sequence; }
+    uint32_t BadFcs(size_t function = 0) const { return functions_.at(function).bad_fcs; }
+    // One device-to-host modem packet per content (no FCS; more than 2043
+    // bytes throw std::length_error), all in one push: they reach the host
+    // in the same transfer.
+    void PushFrames(const std::vector<std::vector<uint8_t>>& contents, size_t function = 0);
+    void PushFrame(const std::vector<uint8_t>& content, size_t function = 0) {
+        PushFrames({content}, function);
+    }
 
     // Notifications on the function's interrupt endpoint.
     void SendSerialState(uint16_t state, size_t function = 0);
     void SendNetworkConnection(bool connected, size_t function = 0);
     void SendVendorNotification(uint8_t code, size_t function = 0);
+    void RequestFraming(bool start, size_t function = 0);
+    // Any bytes, malformed ones included.
+    void SendRawNotification(std::vector<uint8_t> bytes, size_t function = 0);
 
   private:
     struct FunctionData {
@@ -135,10 +163,20 @@ class Modem : public hu::Device {
         std::deque<std::vector<uint8_t>> in_packets; // bulk-in, framed
         std::deque<std::vector<uint8_t>> notifications;
         std::vector<uint8_t> written;
+        bool framing = false;
+        std::vector<uint8_t> stream;  // bulk-out bytes not yet parsed
+        bool resynchronising = false; // skipping up to the next 0xAA
+        uint8_t host_sequence = 0;    // expected next
+        uint8_t device_sequence = 0;
+        std::vector<std::vector<uint8_t>> frames;
+        uint32_t bad_magic = 0, bad_sequence = 0, bad_fcs = 0;
     };
     const ConfigurationTable* Selected() const;
     void Configure(uint8_t value);
     FunctionData* ByEndpoint(uint8_t endpoint);
+    FunctionData* ByCommInterface(uint8_t interface);
+    void StartFraming(FunctionData& f);
+    void ParseStream(FunctionData& f);
     void Notify(size_t function, std::vector<uint8_t> packet);
     std::optional<std::vector<uint8_t>> Descriptor(uint8_t type, uint8_t index, uint16_t language);
 
@@ -151,6 +189,7 @@ class Modem : public hu::Device {
     uint16_t control_lines_ = 0;
     uint16_t break_state_ = 0;
     std::vector<uint8_t> special_chars_{0x7e, 0x7d};
+    bool stall_special_chars_ = false;
 };
 
 } // namespace sm

@@ -1,5 +1,5 @@
 // The simulated modems: descriptor bytes of the profiles, the requests a
-// modem answers, records or stalls, and how pushed data is framed.
+// modem answers, records or stalls.
 #include "kernel_test.h"
 
 #include "simmodem/simmodem.h"
@@ -104,22 +104,5 @@ INSTANTIATE_TEST_SUITE_P(
         StallCase{"LineCodingOfWrongLength", true, 0x21, sm::kSetLineCoding, 0, 3},
         StallCase{"UnknownConfiguration", false, 0x00, USB_REQUEST_SET_CONFIGURATION, 7, 0}),
     [](const auto& info) { return std::string(info.param.name); });
-
-TEST_F(ModemTest, PushedDataIsFramedByThePacketSize) {
-    modem_.Push(Bytes(130, 7));
-    modem_.Push(Bytes(128, 8));
-    std::vector<size_t> sizes;
-    while (auto packet = modem_.In(0x81, 64))
-        sizes.push_back(packet->size());
-    EXPECT_EQ(sizes, (std::vector<size_t>{64, 64, 2, 64, 64, 0}));
-}
-
-TEST_F(ModemTest, NotificationsQueueOnTheInterruptEndpoint) {
-    modem_.SendNetworkConnection(true);
-    modem_.SendVendorNotification(sm::kRequestToStartFraming);
-    EXPECT_EQ(*modem_.In(0x82, 16), (Bytes{0xa1, sm::kNetworkConnection, 1, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(*modem_.In(0x82, 16), (Bytes{0xc1, sm::kRequestToStartFraming, 0, 0, 0, 0, 0, 0}));
-    EXPECT_FALSE(modem_.In(0x82, 16).has_value());
-}
 
 } // namespace
