@@ -508,5 +508,10 @@ size_t LiveIrps();
 // completed from a DPC once the processor is next idle, at DISPATCH_LEVEL
 // (STATUS_PENDING is returned). A dispatch routine returns what this returns.
 NTSTATUS CompleteAsLowerDriver(PIRP irp, NTSTATUS status, ULONG_PTR information = 0);
+// A lower driver of the stand-in (the bus) completing an IRP inside the
+// caller's IoCallDriver: the spin locks held then are the caller's, which
+// Windows allows; the completed-under-a-spin-lock rule is the driver's own
+// and judges only the driver's completions.
+void CompleteInsideCall(PIRP irp);
 
 } // namespace hk

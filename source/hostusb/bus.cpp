@@ -405,7 +405,7 @@ void Bus::Impl::Record(const Transfer* t, PIRP irp, PURB urb, bool completion, U
 NTSTATUS Bus::Impl::CompleteNow(PIRP irp, NTSTATUS status, ULONG_PTR information) {
     irp->IoStatus.Status = status;
     irp->IoStatus.Information = information;
-    IoCompleteRequest(irp, IO_NO_INCREMENT);
+    hk::CompleteInsideCall(irp);
     return status;
 }
 
@@ -767,6 +767,12 @@ NTSTATUS Bus::Impl::SubmitUrb(Function* function, PIRP irp, PURB urb) {
                   std::to_string(pipe->second.max_transfer);
         break;
     }
+    }
+    UsbFaultKnob* inline_knob = nullptr;
+    if (why.empty() && t->kind == Transfer::Kind::kData &&
+        Fires(Fault::kInline, EndpointKey(t->endpoint->address), &inline_knob)) {
+        refusal = inline_knob->status;
+        why = "transfer failed inside IoCallDriver (inline knob)";
     }
     if (!why.empty()) {
         KeReleaseSpinLock(&lock, irql);

@@ -88,6 +88,7 @@ enum class Fault {
     kResetPortFail, // IOCTL_INTERNAL_USB_RESET_PORT fails
     kHubQueryFail,  // GET_PARENT_HUB_INFO and the hub's node information fail
     kDeviceGone,    // from this URB on the device is gone
+    kInline,        // a bulk or interrupt transfer fails with the knob's status inside IoCallDriver
 };
 constexpr uint32_t EndpointKey(uint8_t address) {
     return 0x100u | address;
