@@ -27,9 +27,10 @@ struct FaultKnob {
     uint64_t every = 0;     // fire on every n-th matching call
     double probability = 0; // fire with this probability on each matching call
     uint64_t max_fires = UINT64_MAX;
-    uint32_t match = 0; // only calls with this key (a pool tag, an endpoint); 0: all
-    uint64_t calls = 0; // matching calls seen
-    uint64_t fired = 0; // faults caused
+    uint32_t match = 0;  // only calls with this key (a pool tag, an endpoint); 0: all
+    uint32_t except = 0; // never calls with this key; 0: none excepted
+    uint64_t calls = 0;  // matching calls seen
+    uint64_t fired = 0;  // faults caused
 };
 
 class FaultSet {

@@ -60,7 +60,7 @@ FaultKnob* FaultSet::Find(std::string_view name) {
 bool FaultSet::ShouldFail(uint32_t key) {
     bool fail = false;
     for (auto& [name, knob] : knobs_) {
-        if (knob.match != 0 && knob.match != key)
+        if ((knob.match != 0 && knob.match != key) || (knob.except != 0 && knob.except == key))
             continue;
         ++knob.calls;
         if (knob.fired >= knob.max_fires)

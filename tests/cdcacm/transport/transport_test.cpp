@@ -104,6 +104,28 @@ TEST_F(Loopback, RandomWritesAndReadsArriveCompleteAndInOrder) {
     EXPECT_EQ(got, sent);
 }
 
+TEST_F(Loopback, AMegabyteMovesWithEveryPoolAllocationFailing) {
+    hk::FaultKnob every;
+    every.every = 1;
+    every.except = 0x20707249; // 'Irp ': the application's own requests
+    hk::FaultKnob& knob = kernel().pool().Faults().Add("pool", every);
+    const Bytes block = Pattern(1000, 5);
+    hk::Thread writer("writer", [&] {
+        for (int i = 0; i < 1000; ++i)
+            ASSERT_TRUE(Wait(Write(block), 20000));
+    });
+    size_t moved = 0;
+    while (moved < 1000 * block.size()) {
+        AppRequest* read = Read(ULONG(block.size()));
+        ASSERT_TRUE(Wait(read, 20000)) << "after " << moved << " bytes";
+        ASSERT_EQ(read->Data(), block);
+        moved += block.size();
+    }
+    writer.Join();
+    EXPECT_EQ(knob.fired, 0u) << "the data path allocated";
+    kernel().pool().Faults().Clear();
+}
+
 TEST_F(Transport, AZeroLengthPacketFollowsEveryMultipleOf64) {
     TraceMask |= TL_BULK_DUMP;
     struct Row {
