@@ -416,10 +416,9 @@ VOID SubmitReadBuffer(PSNDRCV_PIPE Pipe) {
         if (!Dev->UsbDeviceEnabled || !Pipe->Enabled)
             break;
         if (Pipe->ErrorCount >= 1) {
-            TRACE(TL_ERROR,
-                  "%P:%S:ProcessRcvBuffer: max error count reached, stop processing of RCV "
-                  "buffers!\n",
-                  DEV_PORT_NAME(Dev));
+            // clang-format off
+            TRACE(TL_ERROR, "%P:%S:ProcessRcvBuffer: max error count reached, stop processing of RCV buffers!\n", DEV_PORT_NAME(Dev));
+            // clang-format on
             break;
         }
         // Unsigned: never true for a one-packet pool.
