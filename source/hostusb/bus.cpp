@@ -854,16 +854,18 @@ void Bus::Impl::ArmAt(Transfer* t, int64_t due) {
 }
 
 // A transfer taken by a running completion pass only learns that it was
-// cancelled; the pass finishes it.
+// cancelled; the pass finishes it. A delayed transfer comes back that much
+// later even when cancelled, like a controller slow to give transfers back.
 void Bus::Impl::Release(Transfer* t) {
     if (t->running)
         return;
     if (t->scheduled)
         schedule.erase(t->slot);
-    t->slot = schedule.emplace(hk::Kernel::Current().Now(), t);
+    t->slot = schedule.emplace(hk::Kernel::Current().Now() + t->delay, t);
     t->scheduled = true;
     ArmFrameTimer();
-    KeInsertQueueDpc(&completion_dpc, nullptr, nullptr);
+    if (t->delay == 0)
+        KeInsertQueueDpc(&completion_dpc, nullptr, nullptr);
 }
 
 // Absolute due times, so that completions fall on frame boundaries.

@@ -83,7 +83,7 @@ enum class Fault {
     kStall,         // the transfer stalls and the endpoint stays halted until reset
     kError,         // the transfer fails with the knob's USBD status
     kNoAnswer,      // a control request that never completes; only a cancel ends it
-    kDelay,         // the completion comes delay_ms later than modelled
+    kDelay,         // the completion, or the cancellation, comes delay_ms later than modelled
     kResetPipeFail, // reset pipe fails with the knob's USBD status
     kResetPortFail, // IOCTL_INTERNAL_USB_RESET_PORT fails
     kHubQueryFail,  // GET_PARENT_HUB_INFO and the hub's node information fail

@@ -25,6 +25,13 @@ void Put64(std::vector<uint8_t>& out, uint64_t value) {
     Put32(out, uint32_t(value >> 32));
 }
 
+uint64_t Get(const u_char* at, int bytes) {
+    uint64_t value = 0;
+    for (int i = bytes - 1; i >= 0; --i)
+        value = value << 8 | at[i];
+    return value;
+}
+
 } // namespace
 
 Capture::Capture(const std::string& file) {
@@ -71,6 +78,39 @@ void Capture::Write(const CaptureRecord& record, int64_t time_100ns) {
     header.caplen = bpf_u_int32(packet.size());
     header.len = header.caplen;
     pcap_dump(reinterpret_cast<u_char*>(dumper_), &header, packet.data());
+}
+
+std::vector<CaptureRecord> ReadCapture(const std::string& file) {
+    std::vector<CaptureRecord> records;
+    char error[PCAP_ERRBUF_SIZE];
+    pcap_t* pcap = pcap_open_offline(file.c_str(), error);
+    if (pcap == nullptr)
+        return records;
+    pcap_pkthdr* header;
+    const u_char* packet;
+    while (pcap_next_ex(pcap, &header, &packet) == 1) {
+        if (header->caplen < 27)
+            continue;
+        const uint16_t header_length = uint16_t(Get(packet, 2));
+        const uint32_t data_length = uint32_t(Get(packet + 23, 4));
+        if (header_length < 27 || header_length + data_length > header->caplen)
+            continue;
+        CaptureRecord record;
+        record.irp_id = Get(packet + 2, 8);
+        record.usbd_status = int32_t(Get(packet + 10, 4));
+        record.function = uint16_t(Get(packet + 14, 2));
+        record.completion = (packet[16] & 1) != 0;
+        record.bus = uint16_t(Get(packet + 17, 2));
+        record.device = uint16_t(Get(packet + 19, 2));
+        record.endpoint = packet[21];
+        record.transfer = CaptureTransfer(packet[22]);
+        if (header_length > 27)
+            record.stage = CaptureStage(packet[27]);
+        record.data.assign(packet + header_length, packet + header_length + data_length);
+        records.push_back(std::move(record));
+    }
+    pcap_close(pcap);
+    return records;
 }
 
 } // namespace hu

@@ -1,6 +1,7 @@
 // The bus capture, internal to the bus: every URB at submission and at
 // completion as a USBPcap record (pcap link type 249), written through
-// libpcap's dump interface with the virtual time as the packet time.
+// libpcap's dump interface with the virtual time as the packet time, and
+// read back the same way for tests and tools.
 //
 // Environment: called by the bus under its lock, at any IRQL.
 #pragma once
@@ -46,5 +47,10 @@ class Capture {
     pcap* pcap_ = nullptr;
     pcap_dumper* dumper_ = nullptr;
 };
+
+// The records of a capture file written by Capture, in order; empty when
+// the file cannot be read. A record that is not a USBPcap pseudo-header is
+// skipped.
+std::vector<CaptureRecord> ReadCapture(const std::string& file);
 
 } // namespace hu

@@ -4,8 +4,12 @@
 // the send decision. Everything runs on the simulated bus in virtual time.
 #define TRACE_FILE "tests/cdcacm/transport"
 #include "device_fixture.h"
+#include "hostusb/capture.h"
 
+#include <cstdio>
 #include <random>
+
+#include <unistd.h>
 
 namespace {
 
@@ -31,6 +35,7 @@ class Transport : public DeviceFixture {
         options.snd_buffer = 8192; // a 4096-byte write leaves in one packet
         options.read_packet = read_packet_;
         options.loopback = loopback_;
+        options.bus.capture_file = capture_;
         return options;
     }
     // Reads until length bytes arrived (each read waits for all it asks).
@@ -64,6 +69,7 @@ class Transport : public DeviceFixture {
     ULONG rcv_buffer_ = 1000;
     ULONG read_packet_ = 4096;
     bool loopback_ = false;
+    std::string capture_; // empty: no capture
 };
 
 class Loopback : public Transport {
@@ -126,7 +132,26 @@ TEST_F(Loopback, AMegabyteMovesWithEveryPoolAllocationFailing) {
     kernel().pool().Faults().Clear();
 }
 
-TEST_F(Transport, AZeroLengthPacketFollowsEveryMultipleOf64) {
+class CapturedTransport : public Transport {
+  protected:
+    // One file per process: campaigns run several copies at once.
+    CapturedTransport() {
+        capture_ = ::testing::TempDir() + "cdcacm_transport_" + std::to_string(getpid()) + ".pcap";
+    }
+    ~CapturedTransport() override { std::remove(capture_.c_str()); }
+    // The lengths of the bulk-out transfers in the capture, as submitted.
+    std::vector<size_t> CapturedWrites() {
+        bus_->CloseCapture();
+        std::vector<size_t> lengths;
+        for (const hu::CaptureRecord& record : hu::ReadCapture(capture_))
+            if (record.transfer == hu::CaptureTransfer::kBulk && !record.completion &&
+                record.endpoint == dev_->WritePipe.Pipe->EndpointAddress)
+                lengths.push_back(record.data.size());
+        return lengths;
+    }
+};
+
+TEST_F(CapturedTransport, AZeroLengthPacketFollowsEveryMultipleOf64) {
     TraceMask |= TL_BULK_DUMP;
     struct Row {
         size_t length;
@@ -142,6 +167,7 @@ TEST_F(Transport, AZeroLengthPacketFollowsEveryMultipleOf64) {
         EXPECT_EQ(dbg().Count("ACM:COM3:SND: 0"), row.zlp ? 1u : 0u) << row.length;
         EXPECT_FALSE(dev_->WritePipe.SendZlp);
     }
+    EXPECT_EQ(CapturedWrites(), (std::vector<size_t>{64, 0, 128, 0, 4096, 0, 63, 65}));
 }
 
 class ReceiveFlow : public Transport {
