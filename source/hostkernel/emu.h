@@ -179,6 +179,10 @@ inline constexpr const char* kMutexHeldAtExit = "work item or thread ended ownin
 inline constexpr const char* kObjectInPagedPool =
     "timer, DPC, event or spin lock inside paged pool";
 inline constexpr const char* kLockOrderInversion = "locks taken in inverted order (deadlock)";
+inline constexpr const char* kErrorLogEntryUnknown =
+    "error log entry written or freed that IoAllocateErrorLogEntry did not hand out";
+inline constexpr const char* kErrorLogEntryOverrun =
+    "error log entry whose strings or dump data run past its end";
 inline constexpr const char* kCompletedUnderSpinLock =
     "IRP completed while the completing context holds a spin lock";
 } // namespace rule
@@ -322,6 +326,7 @@ struct EmuThread;
 class IoManager;
 class LockOrder;
 } // namespace detail
+class ErrorLog;
 
 // One emulated machine. The constructing OS thread becomes the first
 // application thread; the destructor stops the system worker thread and
@@ -339,6 +344,7 @@ class Kernel {
     Pool& pool() { return *pool_; }
     Verifier& verifier() { return verifier_; }
     Registry& registry() { return *registry_; }
+    ErrorLog& errorlog() { return *errorlog_; }
     detail::Scheduler& scheduler() { return *scheduler_; }
     detail::IoManager& io() { return *io_; }
     detail::LockOrder& locks() { return *locks_; }
@@ -366,6 +372,7 @@ class Kernel {
     Verifier verifier_;
     std::unique_ptr<Pool> pool_;
     std::unique_ptr<Registry> registry_;
+    std::unique_ptr<ErrorLog> errorlog_;
     std::unique_ptr<detail::Scheduler> scheduler_;
     std::unique_ptr<detail::IoManager> io_;
     std::unique_ptr<detail::LockOrder> locks_;

@@ -624,6 +624,28 @@ void IoQueueWorkItem(PIO_WORKITEM IoWorkItem, PIO_WORKITEM_ROUTINE WorkerRoutine
                      WORK_QUEUE_TYPE QueueType, PVOID Context);
 void IoFreeWorkItem(PIO_WORKITEM IoWorkItem);
 
+// The system error log.
+typedef struct _IO_ERROR_LOG_PACKET {
+    UCHAR MajorFunctionCode;
+    UCHAR RetryCount;
+    USHORT DumpDataSize;
+    USHORT NumberOfStrings;
+    USHORT StringOffset;
+    USHORT EventCategory;
+    NTSTATUS ErrorCode;
+    ULONG UniqueErrorValue;
+    NTSTATUS FinalStatus;
+    ULONG SequenceNumber;
+    ULONG IoControlCode;
+    LARGE_INTEGER DeviceOffset;
+    ULONG DumpData[1];
+} IO_ERROR_LOG_PACKET, *PIO_ERROR_LOG_PACKET;
+// The x86 value: a 256-byte port message less the 104-byte message header.
+#define ERROR_LOG_MAXIMUM_SIZE 152
+PVOID IoAllocateErrorLogEntry(PVOID IoObject, UCHAR EntrySize);
+void IoFreeErrorLogEntry(PVOID ElEntry);
+void IoWriteErrorLogEntry(PVOID ElEntry);
+
 // MDLs.
 PMDL IoAllocateMdl(PVOID VirtualAddress, ULONG Length, BOOLEAN SecondaryBuffer, BOOLEAN ChargeQuota,
                    PIRP Irp);

@@ -33,7 +33,7 @@ static std::u16string FromUnicode(PCUNICODE_STRING name) {
     return std::u16string(name->Buffer, name->Length / sizeof(WCHAR));
 }
 
-static std::string Narrow(std::u16string_view text) {
+std::string Narrow(std::u16string_view text) {
     std::string out;
     for (char16_t c : text)
         out += c < 0x80 ? char(c) : '?';

@@ -122,5 +122,7 @@ inline constexpr ULONG kFileTag = 0x656c6946;         // 'File'
 // Reports when the IRQL is above max for the named call.
 bool CheckIoIrql(const char* call, KIRQL max);
 std::string Hex(uint64_t value);
+// A name for messages: ASCII kept, anything else as '?'.
+std::string Narrow(std::u16string_view text);
 
 } // namespace hk::detail

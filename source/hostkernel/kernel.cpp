@@ -1,6 +1,7 @@
 // One emulated machine: its options, its lifetime, the system worker threads
 // and the application threads, and the checks made when it is torn down.
 #include "hostkernel/checks.h"
+#include "hostkernel/errorlog.h"
 #include "hostkernel/iomgr.h"
 #include "hostkernel/scheduler.h"
 
@@ -88,6 +89,7 @@ Kernel::Kernel(KernelOptions options) : options_(options), rng_(options.seed) {
     g_current = this;
     pool_ = std::make_unique<Pool>(rng_);
     registry_ = std::make_unique<Registry>(rng_);
+    errorlog_ = std::make_unique<ErrorLog>();
     scheduler_ = std::make_unique<detail::Scheduler>(*this, options);
     io_ = std::make_unique<detail::IoManager>(*this);
     locks_ = std::make_unique<detail::LockOrder>();
