@@ -219,18 +219,6 @@ TEST_F(ConfiguredBusTest, InterruptEndpointIsPolledAtItsInterval) {
     EXPECT_EQ(in->buffer[8], 0x03);
 }
 
-TEST_F(BusTest, LoopbackModemAnswersWhatItWasSent) {
-    bus_ = std::make_unique<hu::Bus>();
-    modem_ = std::make_shared<sm::Modem>(sm::OrdinaryModem(), sm::Modem::DataMode::kLoopback);
-    port_ = bus_->Plug(modem_);
-    pdo_ = bus_->Pdo(port_);
-    ASSERT_EQ(Select(0), STATUS_SUCCESS);
-    BusRequest* in = Transfer(kBulkIn, true, {}, 64);
-    Transfer(kBulkOut, false, {'A', 'T', '\r'});
-    ASSERT_TRUE(Wait(in));
-    EXPECT_EQ(std::string(in->buffer.begin(), in->buffer.begin() + 3), "AT\r");
-}
-
 // --- cancel, abort, device gone --------------------------------------------
 
 TEST_F(ConfiguredBusTest, CancelCompletesAPendingTransferCancelled) {
