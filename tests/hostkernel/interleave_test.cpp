@@ -126,8 +126,7 @@ TEST_F(Interleave, WorkItemsRunOnSeveralWorkers) {
         KeSetEvent(&both_done, 0, FALSE);
     });
     kernel().QueueSystemWork([&] { KeSetEvent(&second_ran, 0, FALSE); });
-    LARGE_INTEGER timeout;
-    timeout.QuadPart = -1000 * 10000;
+    LARGE_INTEGER timeout = RelativeMs(1000);
     EXPECT_EQ(KeWaitForSingleObject(&both_done, Executive, KernelMode, FALSE, &timeout),
               STATUS_SUCCESS);
 }

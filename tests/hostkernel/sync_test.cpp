@@ -6,12 +6,6 @@
 
 namespace {
 
-LARGE_INTEGER RelativeMs(int64_t ms) {
-    LARGE_INTEGER t;
-    t.QuadPart = -ms * 10000;
-    return t;
-}
-
 NTSTATUS Wait(PVOID object, int64_t timeout_ms = -1) {
     LARGE_INTEGER timeout = RelativeMs(timeout_ms);
     return KeWaitForSingleObject(object, Executive, KernelMode, FALSE,

@@ -5,12 +5,6 @@
 
 namespace {
 
-LARGE_INTEGER RelativeMs(int64_t ms) {
-    LARGE_INTEGER t;
-    t.QuadPart = -ms * 10000;
-    return t;
-}
-
 struct DpcLog {
     std::vector<int64_t> times_ms;
     std::vector<KIRQL> irqls;

@@ -9,12 +9,6 @@
 
 namespace {
 
-LARGE_INTEGER RelativeMs(int64_t ms) {
-    LARGE_INTEGER t;
-    t.QuadPart = -ms * 10000;
-    return t;
-}
-
 // Runs fn at the given IRQL and comes back to the one it was called at.
 void AtIrql(KIRQL irql, const std::function<void()>& fn) {
     KIRQL old;

@@ -97,8 +97,7 @@ template <class Base> class BusRig : public Base {
     }
 
     bool Wait(BusRequest* request, int64_t ms = 5000) {
-        LARGE_INTEGER timeout;
-        timeout.QuadPart = -ms * 10000;
+        LARGE_INTEGER timeout = RelativeMs(ms);
         return KeWaitForSingleObject(&request->done, Executive, KernelMode, FALSE, &timeout) ==
                STATUS_SUCCESS;
     }

@@ -9,6 +9,13 @@
 #include <memory>
 #include <optional>
 
+// A due time or time-out ms milliseconds from now, as the kernel takes it.
+inline LARGE_INTEGER RelativeMs(int64_t ms) {
+    LARGE_INTEGER t;
+    t.QuadPart = -ms * 10000;
+    return t;
+}
+
 class KernelTest : public ::testing::Test {
   protected:
     void SetUp() override;

@@ -45,43 +45,6 @@ class NtcfgTest : public DriverTest {
     std::string hardwareKey_;
 };
 
-struct ParamCase {
-    const char* name;
-    ULONG stored;
-    ULONG DEVICE_CFG::*field;
-    ULONG used;
-};
-
-class LoadCfgBoundsTest : public NtcfgTest, public ::testing::WithParamInterface<ParamCase> {};
-
-TEST_P(LoadCfgBoundsTest, ClampsTheValueAndLeavesTheRegistryAlone) {
-    const ParamCase& c = GetParam();
-    reg().SetDword(HardwareKey(), c.name, c.stored);
-    DEVICE_CFG cfg = MarkedCfg();
-    ASSERT_EQ(LoadCfg(Pdo(), &cfg), STATUS_SUCCESS);
-    EXPECT_EQ(cfg.*c.field, c.used);
-    EXPECT_EQ(reg().GetDword(HardwareKey(), c.name), c.stored);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Bounds, LoadCfgBoundsTest,
-    ::testing::Values(
-        ParamCase{"TimerInterval", 0, &DEVICE_CFG::TimerInterval, 1},
-        ParamCase{"TimerInterval", 250, &DEVICE_CFG::TimerInterval, 100},
-        ParamCase{"TimerInterval", 100, &DEVICE_CFG::TimerInterval, 100},
-        ParamCase{"ReadBufferSize", 10, &DEVICE_CFG::ReadBufferSize, 64},
-        ParamCase{"ReadBufferSize", 200000, &DEVICE_CFG::ReadBufferSize, 128000},
-        ParamCase{"WriteBufferSize", 63, &DEVICE_CFG::WriteBufferSize, 64},
-        ParamCase{"WriteBufferSize", 128001, &DEVICE_CFG::WriteBufferSize, 128000},
-        ParamCase{"WriteBufferSize", 64, &DEVICE_CFG::WriteBufferSize, 64},
-        ParamCase{"ReadCircBufferSize", 255, &DEVICE_CFG::ReadCircBufferSize, 256},
-        ParamCase{"ReadCircBufferSize", 128000, &DEVICE_CFG::ReadCircBufferSize, 128000},
-        ParamCase{"WriteCircBufferSize", 100, &DEVICE_CFG::WriteCircBufferSize, 256},
-        ParamCase{"WriteCircBufferSize", 0xFFFFFFFF, &DEVICE_CFG::WriteCircBufferSize, 128000},
-        ParamCase{"RequestTimeout", 0xFFFFFFFF, &DEVICE_CFG::RequestTimeout, 0xFFFFFFFF},
-        ParamCase{"FlowTest", 7, &DEVICE_CFG::FlowTest, 7},
-        ParamCase{"useCtsFlowControl", 1, &DEVICE_CFG::useCtsFlowControl, 1}));
-
 TEST_F(NtcfgTest, FirstLoadWritesEveryDeviceDefaultAndLeavesTheEndpointsAlone) {
     TraceMask = 3 | TL_LIFECYCLE;
     DEVICE_CFG cfg = MarkedCfg();
@@ -106,10 +69,10 @@ TEST_F(NtcfgTest, FirstLoadWritesEveryDeviceDefaultAndLeavesTheEndpointsAlone) {
     EXPECT_TRUE(dbg().Contains("ACM:]LoadCfg (00000000)"));
 }
 
-// Values that exist but do not hold a 4-byte REG_DWORD: the default is used
-// and the user's value stays exactly as it was, even one too long for the
-// reader's buffer.
-struct ForeignValueCase {
+// A stored REG_DWORD is used within its bounds; a value that does not hold a
+// 4-byte REG_DWORD gives way to the default. Either way the registry keeps
+// exactly what the user wrote, even a value too long for the reader's buffer.
+struct StoredCase {
     const char* name;
     ULONG type;
     std::vector<uint8_t> data;
@@ -117,11 +80,26 @@ struct ForeignValueCase {
     ULONG used;
 };
 
-class ForeignValueTest : public NtcfgTest,
-                         public ::testing::WithParamInterface<ForeignValueCase> {};
+StoredCase Dword(const char* name, ULONG stored, ULONG DEVICE_CFG::*field, ULONG used) {
+    return {name,
+            REG_DWORD,
+            {uint8_t(stored), uint8_t(stored >> 8), uint8_t(stored >> 16), uint8_t(stored >> 24)},
+            field,
+            used};
+}
 
-TEST_P(ForeignValueTest, KeepsTheDefaultAndLeavesTheValueUntouched) {
-    const ForeignValueCase& c = GetParam();
+std::vector<uint8_t> Utf16(const std::string& text) {
+    std::vector<uint8_t> bytes;
+    for (char ch : text)
+        bytes.insert(bytes.end(), {uint8_t(ch), 0});
+    bytes.insert(bytes.end(), {0, 0});
+    return bytes;
+}
+
+class StoredValueTest : public NtcfgTest, public ::testing::WithParamInterface<StoredCase> {};
+
+TEST_P(StoredValueTest, UsesTheValueWithinItsBoundsAndLeavesTheRegistryAlone) {
+    const StoredCase& c = GetParam();
     reg().SetValue(HardwareKey(), c.name, c.type, c.data);
     DEVICE_CFG cfg = MarkedCfg();
     ASSERT_EQ(LoadCfg(Pdo(), &cfg), STATUS_SUCCESS);
@@ -132,24 +110,30 @@ TEST_P(ForeignValueTest, KeepsTheDefaultAndLeavesTheValueUntouched) {
     EXPECT_EQ(stored->data, c.data);
 }
 
-static std::vector<uint8_t> Utf16(const std::string& text) {
-    std::vector<uint8_t> bytes;
-    for (char ch : text)
-        bytes.insert(bytes.end(), {uint8_t(ch), 0});
-    bytes.insert(bytes.end(), {0, 0});
-    return bytes;
-}
-
 INSTANTIATE_TEST_SUITE_P(
-    Foreign, ForeignValueTest,
+    Values, StoredValueTest,
     ::testing::Values(
-        ForeignValueCase{"TimerInterval", REG_SZ, Utf16("5"), &DEVICE_CFG::TimerInterval, 10},
-        ForeignValueCase{"RequestTimeout", REG_SZ, Utf16(std::string(49, '7')),
-                         &DEVICE_CFG::RequestTimeout, 400},
-        ForeignValueCase{
-            "RequestTimeout", REG_DWORD, {0x10, 0x00}, &DEVICE_CFG::RequestTimeout, 400},
-        ForeignValueCase{"FlowTest", REG_DWORD, {5, 0, 0, 0, 0, 0, 0, 0}, &DEVICE_CFG::FlowTest, 0},
-        ForeignValueCase{"HighPowerCfg", REG_BINARY, {2, 0, 0, 0}, &DEVICE_CFG::HighPowerCfg, 1}));
+        Dword("TimerInterval", 0, &DEVICE_CFG::TimerInterval, 1),
+        Dword("TimerInterval", 250, &DEVICE_CFG::TimerInterval, 100),
+        Dword("TimerInterval", 100, &DEVICE_CFG::TimerInterval, 100),
+        Dword("ReadBufferSize", 10, &DEVICE_CFG::ReadBufferSize, 64),
+        Dword("ReadBufferSize", 200000, &DEVICE_CFG::ReadBufferSize, 128000),
+        Dword("WriteBufferSize", 63, &DEVICE_CFG::WriteBufferSize, 64),
+        Dword("WriteBufferSize", 128001, &DEVICE_CFG::WriteBufferSize, 128000),
+        Dword("WriteBufferSize", 64, &DEVICE_CFG::WriteBufferSize, 64),
+        Dword("ReadCircBufferSize", 255, &DEVICE_CFG::ReadCircBufferSize, 256),
+        Dword("ReadCircBufferSize", 128000, &DEVICE_CFG::ReadCircBufferSize, 128000),
+        Dword("WriteCircBufferSize", 100, &DEVICE_CFG::WriteCircBufferSize, 256),
+        Dword("WriteCircBufferSize", 0xFFFFFFFF, &DEVICE_CFG::WriteCircBufferSize, 128000),
+        Dword("RequestTimeout", 0xFFFFFFFF, &DEVICE_CFG::RequestTimeout, 0xFFFFFFFF),
+        Dword("FlowTest", 7, &DEVICE_CFG::FlowTest, 7),
+        Dword("useCtsFlowControl", 1, &DEVICE_CFG::useCtsFlowControl, 1),
+        StoredCase{"TimerInterval", REG_SZ, Utf16("5"), &DEVICE_CFG::TimerInterval, 10},
+        StoredCase{"RequestTimeout", REG_SZ, Utf16(std::string(49, '7')),
+                   &DEVICE_CFG::RequestTimeout, 400},
+        StoredCase{"RequestTimeout", REG_DWORD, {0x10, 0x00}, &DEVICE_CFG::RequestTimeout, 400},
+        StoredCase{"FlowTest", REG_DWORD, {5, 0, 0, 0, 0, 0, 0, 0}, &DEVICE_CFG::FlowTest, 0},
+        StoredCase{"HighPowerCfg", REG_BINARY, {2, 0, 0, 0}, &DEVICE_CFG::HighPowerCfg, 1}));
 
 TEST_F(NtcfgTest, HardwareKeyThatCannotBeOpenedFailsAndWritesNothing) {
     TraceMask = 3 | TL_LIFECYCLE;

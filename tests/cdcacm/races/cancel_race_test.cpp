@@ -10,7 +10,6 @@
 #include <cstring>
 #include <functional>
 #include <list>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -52,28 +51,6 @@ NTSTATUS NTAPI OnOwnIrpComplete(PDEVICE_OBJECT, PIRP Irp, PVOID Context) {
     return STATUS_MORE_PROCESSING_REQUIRED;
 }
 
-// Sets an environment variable for the life of the scope.
-class ScopedEnv {
-  public:
-    ScopedEnv(const char* Name, const std::string& Value) : Name_(Name) {
-        if (const char* Old = std::getenv(Name))
-            Old_ = Old;
-        setenv(Name, Value.c_str(), 1);
-    }
-    ~ScopedEnv() {
-        if (Old_.has_value())
-            setenv(Name_, Old_->c_str(), 1);
-        else
-            unsetenv(Name_);
-    }
-    ScopedEnv(const ScopedEnv&) = delete;
-    ScopedEnv& operator=(const ScopedEnv&) = delete;
-
-  private:
-    const char* Name_;
-    std::optional<std::string> Old_;
-};
-
 } // namespace
 
 class CancelRace : public IoctlTest {
@@ -83,44 +60,25 @@ class CancelRace : public IoctlTest {
     void TearDown() override {}
 
     // Runs Scenario on a fresh machine for each seed in the interleaving
-    // mode and reports the seeds that failed. The fixtures build their kernel
-    // from HK_SEED and HK_INTERLEAVE, so each round sets them; with HK_SEED
-    // (and HK_INTERLEAVE) from a failure's replay line in the environment,
-    // only that round runs.
+    // mode until one fails; with HK_SEED (and HK_INTERLEAVE) from a failure's
+    // replay line in the environment, only that machine runs.
     void ForEachSeed(int64_t JumpUs, const std::function<void()>& Scenario) {
         const char* ReplaySeed = std::getenv("HK_SEED");
         const char* ReplayMode = std::getenv("HK_INTERLEAVE");
-        std::string Mode = ReplayMode != nullptr && *ReplayMode != 0
-                               ? ReplayMode
-                               : "cpus=2,workers=3,jump_us=" + std::to_string(JumpUs);
-        uint64_t First = ReplaySeed != nullptr ? std::stoull(ReplaySeed) : 1;
-        uint64_t Last = ReplaySeed != nullptr ? First : kSeeds;
-        std::vector<uint64_t> Failing;
-        for (uint64_t Seed = First; Seed <= Last; Seed++) {
-            ScopedEnv SeedEnv("HK_SEED", std::to_string(Seed));
-            ScopedEnv ModeEnv("HK_INTERLEAVE", Mode);
-            SCOPED_TRACE("HK_SEED=" + std::to_string(Seed) + " HK_INTERLEAVE=" + Mode);
-            int FailuresBefore = FailureCount();
+        for (uint64_t Seed = 1; Seed <= (ReplaySeed ? 1 : kSeeds) && !HasFailure(); Seed++) {
+            hk::KernelOptions Options = hk::KernelOptions::FromEnvironment();
+            if (ReplaySeed == nullptr)
+                Options.seed = Seed;
+            if (ReplayMode == nullptr || *ReplayMode == 0)
+                Options.interleave = {true, 2, 3, JumpUs};
+            SCOPED_TRACE(Options.Replay());
+            UseOptions(Options);
             Requests_.clear();
             IoctlTest::SetUp();
-            if (FailureCount() == FailuresBefore)
+            if (!HasFailure())
                 Scenario();
             IoctlTest::TearDown();
-            if (FailureCount() != FailuresBefore)
-                Failing.push_back(Seed);
         }
-        std::string List;
-        for (uint64_t Seed : Failing)
-            List += " " + std::to_string(Seed);
-        EXPECT_TRUE(Failing.empty())
-            << Failing.size() << " of " << (Last - First + 1) << " seeds failed:" << List;
-    }
-
-    static int FailureCount() {
-        return ::testing::UnitTest::GetInstance()
-            ->current_test_info()
-            ->result()
-            ->total_part_count();
     }
 
     // A request record that outlives the scenario's scope, so that a request
@@ -153,8 +111,7 @@ class CancelRace : public IoctlTest {
 
     // Waits in virtual time; true once the request has completed.
     static bool WaitFor(OwnIrp& Request, int64_t Milliseconds) {
-        LARGE_INTEGER Timeout;
-        Timeout.QuadPart = -Milliseconds * 10000;
+        LARGE_INTEGER Timeout = RelativeMs(Milliseconds);
         KeWaitForSingleObject(&Request.Done, Executive, KernelMode, FALSE, &Timeout);
         return Request.Completions != 0;
     }

@@ -70,8 +70,7 @@ TEST_F(Race, AWriteCancelledWhileItIsDispatchedIsNeverLost) {
         IoSetCompletionRoutine(irp, KeepIrp, &kept, TRUE, TRUE, TRUE);
         hk::Thread canceller("canceller", [irp] { IoCancelIrp(irp); });
         IoCallDriver(data_port_, irp);
-        LARGE_INTEGER timeout;
-        timeout.QuadPart = -1000 * 10000;
+        LARGE_INTEGER timeout = RelativeMs(1000);
         KeWaitForSingleObject(&kept.done, Executive, KernelMode, FALSE, &timeout);
         canceller.Join();
         EXPECT_EQ(kept.completions, 1) << "the cancel was lost and the write waits for room";

@@ -32,13 +32,6 @@ TEST_F(WaitOnMask, MaskRoundTripsAndAnyBitsAreAccepted) {
     EXPECT_TRUE(Traced("ACM:COM3S:Mask: 00000101\n"));
 }
 
-TEST_F(WaitOnMask, WaitFailsWithoutAMask) {
-    IoctlResult Result = Ioctl(IOCTL_SERIAL_WAIT_ON_MASK, nullptr, 0, sizeof(ULONG));
-    EXPECT_EQ(Result.Status, STATUS_INVALID_PARAMETER);
-    EXPECT_TRUE(Traced("ACM:COM3S:IOCTL_SERIAL_WAIT_ON_MASK: failing request, WaitMask==zero\n"));
-    EXPECT_EQ(Dev()->Port.WaitIrp, nullptr);
-}
-
 TEST_F(WaitOnMask, AMaskedEventCompletesThePendingWait) {
     SetMask(SERIAL_EV_CTS | SERIAL_EV_DSR);
     AppRequest* Wait = StartWait();
