@@ -50,6 +50,10 @@ TEST_F(Rtl, CompareEqualAndCopy) {
     EXPECT_EQ(a.MaximumLength, 10);
     EXPECT_FALSE(RtlEqualUnicodeString(&a, &b, FALSE));
     EXPECT_TRUE(RtlEqualUnicodeString(&a, &b, TRUE));
+    UNICODE_STRING lower, upper; // the ends of the alphabet fold too
+    RtlInitUnicodeString(&lower, u"az");
+    RtlInitUnicodeString(&upper, u"AZ");
+    EXPECT_TRUE(RtlEqualUnicodeString(&lower, &upper, TRUE));
     EXPECT_LT(RtlCompareUnicodeString(&a, &c, FALSE), 0);
     EXPECT_LT(RtlCompareUnicodeString(&a, &b, FALSE), 0); // 'C' sorts before 'c'
     WCHAR copy_buffer[3];
