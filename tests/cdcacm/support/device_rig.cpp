@@ -150,6 +150,23 @@ void DeviceRig::DetachFromModem() {
     modem.reset();
 }
 
+bool DeviceRig::SwitchToPpp(const std::vector<uint8_t>& special_chars) {
+    modem->SetSpecialChars(special_chars);
+    modem->RequestFraming(true);
+    RunFor(20); // the interrupt endpoint's next poll
+    AppRequest* flag = Write(std::vector<uint8_t>{0x7E});
+    if (!Wait(flag) || flag->status != STATUS_SUCCESS) {
+        Fail("the flag that starts framing was not written");
+        return false;
+    }
+    RunFor(50); // the framing requests
+    if (dev->PppState != PPP_STATE_ON || !modem->Framing()) {
+        Fail("framing did not start");
+        return false;
+    }
+    return true;
+}
+
 std::vector<std::pair<uint8_t, uint16_t>> DeviceRig::ModemRequests() const {
     std::vector<std::pair<uint8_t, uint16_t>> requests;
     for (const sm::RecordedRequest& request : modem->Requests())

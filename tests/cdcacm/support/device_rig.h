@@ -133,6 +133,10 @@ class DeviceRig {
     // Opens the port as far as the transfers are concerned: OpenCount 1 and
     // StartSendAndReceive.
     void StartPipes();
+    // Switches PPP framing on as a modem does: it answers the special
+    // characters, asks for framing, and the host's next flag starts it.
+    // False (reported) when the port and the modem did not both switch.
+    bool SwitchToPpp(const std::vector<uint8_t>& special_chars);
     // The class and vendor requests the modem received, as bRequest/wValue.
     std::vector<std::pair<uint8_t, uint16_t>> ModemRequests() const;
 
