@@ -6,12 +6,14 @@
 // 19 x 64 bytes per 1 ms frame at full speed (1,216,000 B/s), 13 x 512
 // bytes per 125 us microframe at high speed (53,248,000 B/s).
 //
-// Send direction: one bulk-out transfer in flight by design. The bus moves a
-// transfer in the frames after the one it is queued in and completes it at
-// the end of its last frame; the send engine submits the next chunk from that
-// completion, so every transfer pays the frame it waits to start in. A
-// 4096-byte chunk needs 3.4 frames of bus time and costs 5 at full speed; at
-// high speed 0.6 of a microframe costs 2.
+// Send direction: one bulk-out transfer in flight by design, so every
+// transfer starts in the frame after the one before it completed, and a
+// 4096-byte chunk (a multiple of 64) is followed by its zero-length packet
+// as a transfer of its own. At full speed the chunk takes ceil(4096 / 1216)
+// = 4 frames and the zero-length packet a fifth: 4096 / (5 x 1216) = 67 % of
+// the limit. At high speed each takes one microframe: 4096 / (2 x 6656) =
+// 31 %. Receive direction: five bulk-in transfers queued behind one another
+// share every frame's budget and reach the limit.
 #include "device_rig.h"
 
 #include <benchmark/benchmark.h>
