@@ -3,10 +3,10 @@
 // real bus driver does, queues valid ones on their endpoint (one transfer at
 // a time per endpoint) and completes them in a DPC after the modelled time:
 // full-speed bulk moves at most 19 x 64 bytes per 1 ms frame, high-speed at
-// most 13 x 512 bytes per 125 us microframe, interrupt endpoints are polled
-// at their interval. IN transfers wait for the device's data and end at a
-// short packet. The parent hub's own device object answers the node
-// information query.
+// most 13 x 512 bytes per 125 us microframe, and a transfer queued behind
+// another on its endpoint carries on in the frame where that one ended;
+// interrupt endpoints are polled at their interval. IN transfers wait for the device's data and end
+// at a short packet. The parent hub's own device object answers the node information query.
 //
 // Environment: dispatch routines at the caller's IRQL (up to DISPATCH_LEVEL);
 // every completion, cancelled and aborted ones included, in the host
@@ -130,6 +130,7 @@ struct Transfer {
     bool running = false;   // taken by a completion pass
     bool no_answer = false;
     bool waiting = false; // an IN transfer waiting for the device's data
+    bool behind = false;  // queued behind another transfer of its endpoint
     bool cancel = false;  // cancelled, aborted or device gone: complete with forced
     USBD_STATUS forced = USBD_STATUS_SUCCESS;
     USBD_STATUS injected = USBD_STATUS_SUCCESS; // a fault's status
@@ -146,7 +147,12 @@ struct Endpoint {
     uint16_t max_packet = 64;
     uint8_t interval = 0;
     bool halted = false;
-    uint64_t data_ready = 0;     // the device's DataReady calls, counted
+    uint64_t data_ready = 0; // the device's DataReady calls, counted
+    // The last frame bulk bytes moved in (by index) and how many: a transfer
+    // queued behind it fills the rest of that frame, as a host controller
+    // does with the transfers queued on an endpoint.
+    int64_t last_frame = -1;
+    ULONG last_frame_bytes = 0;
     std::deque<Transfer*> queue; // the head is the active transfer
 };
 
@@ -227,6 +233,8 @@ struct Bus::Impl {
     int64_t FrameTime(const PortState& port) const;
     int64_t NextBoundary(int64_t period) const;
     int64_t DataDue(const PortState& port, const Endpoint& ep, ULONG bytes) const;
+    int64_t MoveBulk(const PortState& port, Endpoint& ep, bool behind, ULONG bytes);
+    bool Continues(const PortState& port, const Endpoint& ep, bool behind) const;
     bool Fires(Fault kind, uint32_t key, UsbFaultKnob** knob = nullptr);
 
     // In the DPC.
@@ -315,6 +323,38 @@ int64_t Bus::Impl::DataDue(const PortState& port, const Endpoint& ep, ULONG byte
     ULONG per_frame = port.speed == Speed::kFull ? kFullSpeedFrameBytes : kHighSpeedFrameBytes;
     int64_t frames = std::max<int64_t>(1, (int64_t(bytes) + per_frame - 1) / per_frame);
     return NextBoundary(frame) + (frames - 1) * frame;
+}
+
+// A transfer that was queued behind the one that just completed at a frame
+// boundary carries on in the frame the other's last bytes moved in.
+bool Bus::Impl::Continues(const PortState& port, const Endpoint& ep, bool behind) const {
+    int64_t frame = FrameTime(port);
+    int64_t now = hk::Kernel::Current().Now();
+    return behind && now % frame == 0 && ep.last_frame == now / frame - 1;
+}
+
+// Moves bulk bytes in the frames from the current one (or the one a
+// continuing transfer carries on in), each frame's budget shared by the
+// endpoint's transfers in order; returns the end of the last frame used.
+int64_t Bus::Impl::MoveBulk(const PortState& port, Endpoint& ep, bool behind, ULONG bytes) {
+    int64_t frame = FrameTime(port);
+    ULONG per_frame = port.speed == Speed::kFull ? kFullSpeedFrameBytes : kHighSpeedFrameBytes;
+    int64_t first = hk::Kernel::Current().Now() / frame;
+    ULONG used = 0;
+    if (Continues(port, ep, behind)) {
+        first = ep.last_frame;
+        used = ep.last_frame_bytes;
+    }
+    int64_t last = first;
+    ULONG in_last = used + bytes;
+    if (bytes > per_frame - used) {
+        ULONG rest = bytes - (per_frame - used);
+        last = first + (rest + per_frame - 1) / per_frame;
+        in_last = rest - ULONG(last - first - 1) * per_frame;
+    }
+    ep.last_frame = last;
+    ep.last_frame_bytes = in_last;
+    return (last + 1) * frame;
 }
 
 bool Bus::Impl::Fires(Fault kind, uint32_t key, UsbFaultKnob** which) {
@@ -882,6 +922,7 @@ void Bus::Impl::ArmFrameTimer() {
 
 void Bus::Impl::Enqueue(Transfer* t) {
     Endpoint& ep = *t->endpoint;
+    t->behind = !ep.queue.empty();
     ep.queue.push_back(t);
     if (ep.queue.front() == t)
         Activate(t);
@@ -902,8 +943,14 @@ void Bus::Impl::Activate(Transfer* t) {
     }
     if (t->no_answer)
         return;
-    ULONG bytes = t->in && t->kind == Transfer::Kind::kData ? 0 : t->length;
-    ArmAt(t, DataDue(port, *t->endpoint, bytes));
+    bool bulk = t->kind == Transfer::Kind::kData && t->endpoint->type == USB_ENDPOINT_TYPE_BULK;
+    if (bulk && t->in && Continues(port, *t->endpoint, t->behind))
+        ArmAt(t, hk::Kernel::Current().Now()); // the device's data, at once
+    else if (bulk && !t->in)
+        ArmAt(t, MoveBulk(port, *t->endpoint, t->behind, t->length));
+    else
+        ArmAt(t, DataDue(port, *t->endpoint,
+                         t->in && t->kind == Transfer::Kind::kData ? 0 : t->length));
 }
 
 void Bus::Impl::DataReady(PortState* port, uint8_t endpoint) {
@@ -1158,7 +1205,9 @@ bool Bus::Impl::RunData(Transfer* t, USBD_STATUS& status) {
         return false;
     }
     t->finished = true;
-    int64_t due = DataDue(port, *t->endpoint, t->done);
+    int64_t due = t->endpoint->type == USB_ENDPOINT_TYPE_BULK
+                      ? MoveBulk(port, *t->endpoint, t->behind, t->done)
+                      : DataDue(port, *t->endpoint, t->done);
     if (t->endpoint->type == USB_ENDPOINT_TYPE_INTERRUPT || due <= NextBoundary(FrameTime(port)))
         return true;
     KeAcquireSpinLock(&lock, &irql);

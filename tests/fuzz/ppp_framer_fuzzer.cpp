@@ -1,25 +1,29 @@
 // Fuzzes the PPP framer with arbitrary modem bytes, arbitrary special
-// characters and arbitrary acceptance limits of the serial port.
+// characters and arbitrary room in the serial port's receive buffer, on the
+// device rig with framing switched on as a modem does.
 //
-// Input: a count n and n special characters; then records of a chunk
-// length, an acceptance byte and that many modem bytes. Each chunk is added
-// to the bytes the framer has not taken yet, and everything is offered the
-// way the receive engine offers a bulk-in packet. At the end the serial
-// port takes everything.
+// Input: a count n and n special characters (the modem's answer); then
+// records of a chunk length, a drain byte and that many modem bytes. Each
+// chunk is added to the bytes the framer has not taken yet, and everything
+// is offered under the device lock the way the receive engine offers a
+// bulk-in packet; then the application reads up to 17 times the drain byte
+// from the port. At the end the application reads until everything is taken.
+#define TRACE_FILE "tests/fuzz/ppp_framer_fuzzer"
+#include "device_rig.h"
 #include "fuzz_support.h"
 #include "ppp_reference.h"
-#include "ppp_rig.h"
 
+#include <algorithm>
 #include <cstring>
 
 using namespace ppp_test;
 
 namespace {
 
-void CheckFramer(PppRig& rig, const UCHAR (&table)[256]) {
-    PPP_FRAMER& framer = rig.Framer();
+void CheckFramer(DeviceRig& rig, const UCHAR (&table)[256]) {
+    PPP_FRAMER& framer = rig.dev->PppFramer;
     PUCHAR buffer_end = framer.Buffer + sizeof(framer.Buffer);
-    FUZZ_CHECK(framer.Device == &rig.Device());
+    FUZZ_CHECK(framer.Device == rig.dev);
     FUZZ_CHECK(std::memcmp(framer.EscapeTable, table, sizeof(table)) == 0);
     switch (framer.State) {
     case PPP_FRAMER_HUNT:
@@ -69,6 +73,27 @@ void CheckReceived(const Bytes& received, const EscapeSet& escapes) {
     }
 }
 
+// Offers the bytes to the framer as the receive engine does; returns how
+// many it took.
+size_t FeedModem(DeviceRig& rig, const Bytes& bytes) {
+    KIRQL irql;
+    DEVICE_LOCK(rig.dev, &irql);
+    size_t taken = PppFramerIndicateBuffer(&rig.dev->PppFramer, bytes.data(), (ULONG)bytes.size());
+    DEVICE_UNLOCK(rig.dev, irql);
+    return taken;
+}
+
+// What the application reads at once (the read time-outs return at once).
+void ReadPort(DeviceRig& rig, ULONG length, Bytes& received) {
+    if (length == 0)
+        return;
+    AppRequest* read = rig.Read(length);
+    FUZZ_CHECK(rig.Wait(read) && read->status == STATUS_SUCCESS);
+    Bytes data = read->Data();
+    received.insert(received.end(), data.begin(), data.end());
+    rig.DropCompleted();
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
@@ -79,34 +104,47 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fuzz::BeginInput();
     fuzz::Reader input(data, size);
-    PppRig rig;
-    Bytes special = input.Take(input.Byte());
-    rig.StartFraming(special);
-    UCHAR table[256];
-    std::memcpy(table, rig.Framer().EscapeTable, sizeof(table));
+    ResetDriverState(TraceMask);
+    Bytes special = input.Take(std::min<size_t>(input.Byte(), PPP_SPECIAL_CHARS_BYTES));
+    {
+        DeviceRig rig;
+        DeviceRigOptions options;
+        options.started = true;
+        FUZZ_CHECK(rig.Build(options) && rig.SwitchToPpp(special) &&
+                   rig.SetReadTimeouts(0xFFFFFFFF, 0, 0));
+        UCHAR table[256];
+        std::memcpy(table, rig.dev->PppFramer.EscapeTable, sizeof(table));
 
-    Bytes pending;
-    while (!input.Empty()) {
-        size_t length = input.Byte();
-        uint8_t accept = input.Byte();
-        Bytes chunk = input.Take(length);
-        pending.insert(pending.end(), chunk.begin(), chunk.end());
-        if (accept != 0xFF)
-            rig.LimitReceive({accept * 17u, accept % 16u, accept});
-        size_t taken = rig.FeedModem(pending);
-        FUZZ_CHECK(taken <= pending.size());
-        pending.erase(pending.begin(), pending.begin() + taken);
+        Bytes pending, received;
+        while (!input.Empty()) {
+            size_t length = input.Byte();
+            uint8_t drain = input.Byte();
+            Bytes chunk = input.Take(length);
+            pending.insert(pending.end(), chunk.begin(), chunk.end());
+            size_t taken = FeedModem(rig, pending);
+            FUZZ_CHECK(taken <= pending.size());
+            pending.erase(pending.begin(), pending.begin() + taken);
+            ReadPort(rig, drain * 17u, received);
+            CheckFramer(rig, table);
+            fuzz::CheckTrace();
+        }
+        // The rest of a frame goes out when the next modem byte is offered;
+        // each read makes room for more.
+        pending.push_back(PPP_MAGIC_LO);
+        for (int rounds = 0; !pending.empty(); rounds++) {
+            FUZZ_CHECK(rounds < 100);
+            size_t taken = FeedModem(rig, pending);
+            pending.erase(pending.begin(), pending.begin() + taken);
+            ReadPort(rig, options.rcv_buffer, received);
+        }
+        ReadPort(rig, options.rcv_buffer, received);
+        FUZZ_CHECK(rig.dev->PppFramer.State != PPP_FRAMER_DELIVER);
         CheckFramer(rig, table);
-        fuzz::CheckTrace();
+        CheckReceived(received, EscapeSetOf(special));
+        rig.TearDown();
+        FUZZ_CHECK(rig.Failures().empty());
     }
-    // The rest of a frame goes out when the next modem byte is offered.
-    rig.LimitReceive({});
-    pending.push_back(PPP_MAGIC_LO);
-    FUZZ_CHECK(rig.FeedModem(pending) == pending.size());
-    FUZZ_CHECK(rig.Framer().State != PPP_FRAMER_DELIVER);
-    CheckFramer(rig, table);
-    CheckReceived(rig.Received(), EscapeSetOf(special));
-    FUZZ_CHECK(rig.Violations().empty());
+    FUZZ_CHECK(MemoryCounter == 0);
     fuzz::CheckTrace();
     return 0;
 }

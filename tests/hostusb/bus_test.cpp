@@ -206,6 +206,23 @@ TEST_F(ConfiguredBusTest, ZeroLengthPacketEndsTheNextTransfer) {
     EXPECT_EQ(zlp->status, STATUS_SUCCESS);
 }
 
+// Transfers queued behind one another share each frame's budget: the next
+// one carries on in the frame where the one before it ended, so 16384 bytes
+// in four transfers take ceil(16384 / 1216) frames, not four frames each
+// and a gap.
+TEST_F(ConfiguredBusTest, QueuedInTransfersFillEveryFrame) {
+    modem_->Push(std::vector<uint8_t>(4 * 4096, 7));
+    int64_t first_frame = (kernel().Now() / kFrame + 1) * kFrame;
+    std::vector<BusRequest*> ins;
+    for (int i = 0; i < 4; ++i)
+        ins.push_back(Transfer(kBulkIn, true, {}, 4096));
+    ASSERT_TRUE(Wait(ins.back()));
+    EXPECT_EQ(ins.front()->completed_at - first_frame, 4 * kFrame);
+    EXPECT_EQ(ins.back()->completed_at - first_frame, 14 * kFrame);
+    for (BusRequest* in : ins)
+        EXPECT_EQ(in->Urb()->UrbBulkOrInterruptTransfer.TransferBufferLength, 4096u);
+}
+
 TEST_F(ConfiguredBusTest, InterruptEndpointIsPolledAtItsInterval) {
     BusRequest* in = Transfer(kInterruptIn, true, {}, 16);
     kernel().Sleep(5);

@@ -8,11 +8,6 @@
 
 #include <vector>
 
-// The buffer routines share their module with the serial port, whose event
-// and completion calls the benchmark never reaches.
-void IndicateWaitEvent(PPORT_OBJ, ULONG) {}
-void CompleteRequest(PSER_REQUEST) {}
-
 namespace {
 
 constexpr ULONG kRingBytes = 10000;

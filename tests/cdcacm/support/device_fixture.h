@@ -1,146 +1,69 @@
-// A data port ready for requests, on a simulated modem: the DEVICE
-// (zero-filled, magics set, Lock, DeviceMutex, CompleteQueue, QueueTimer,
-// WaitCancelTimer, FlowTestTimer, TimerIdle, FlagSentEvent, one RefCount
-// reference), its PORT_OBJ named "COM3" with the request pool, both IRP
-// queues and the SER_PORT made by AddPort, the named device object
-// "\Device\korvadem0" whose extension is that DEVICE, and a DRIVER_OBJECT
-// whose read, write and (internal) device-control entries are the driver's
-// dispatch routines. Below it an attach object sits on a modem of the
-// simulated bus; the device is configured and its three pipe contexts exist
-// (packets of read_packet and write_packet bytes). With started the port is
-// open and the pipes run (StartSendAndReceive); otherwise nothing is sent or
-// read on the bulk pipes, and control requests still reach the modem. The test body is the
-// application thread: Read, Write and Control build an IRP as a caller of the I/O manager does,
-// send it with IoCallDriver and return once the dispatch routine has returned; Wait lets virtual
-// time run until the request completes.
+// The data-port rig (device_rig.h) as a test fixture: SetUp builds the rig
+// with the DeviceOptions() of the test inside the test's kernel, the test
+// body is the application thread, and TearDown takes the rig apart and
+// checks that every request completed and no pool is left counted. Rig
+// failures fail the test.
 //
 // Adding pieces: a test replaces MajorFunction entries on driver_ after
 // DeviceFixture::SetUp, fills more DEVICE fields through dev_ before it
 // sends requests, or overrides the Options() hook to change buffer sizes,
-// the tick, the modem or the bus. The few operations of the device
-// lifecycle that come later (Reinit, ScheduleReinit, DeleteDevice) are
-// doubles in lifecycle_doubles.cpp that record their calls in
-// LifecycleCalls().
+// the tick, the modem or the bus.
 //
 // Link with: LIBS device_fixture and MODULES ${CDCACM_DEVICE_MODULES}.
 #pragma once
 
+#include "device_rig.h"
 #include "driver_test.h"
 
-#include "cdcacm.h"
-#include "hostusb/bus.h"
-#include "simmodem/simmodem.h"
-
-#include <cstdint>
-#include <functional>
-#include <memory>
 #include <string>
-#include <vector>
-
-// Calls of the lifecycle operations, as their doubles saw them.
-struct LifecycleCalls {
-    std::vector<PDEVICE_OBJECT> deleted; // DeleteDevice, in order
-    int reinit = 0;                      // Reinit
-    int schedule_reinit = 0;             // ScheduleReinit
-};
-LifecycleCalls& Lifecycle();
-
-// One request of the application, from IoCallDriver to its completion.
-struct AppRequest {
-    PIRP irp = nullptr;    // null once completed (the IRP is then freed)
-    NTSTATUS returned = 0; // what IoCallDriver returned
-    bool completed = false;
-    int completions = 0;               // times the completion routine ran
-    NTSTATUS status = 0;               // IoStatus.Status at completion
-    ULONG_PTR information = 0;         // IoStatus.Information at completion
-    bool pending_returned = false;     // the driver marked the IRP pending
-    int64_t completed_at_ms = -1;      // virtual time of the completion
-    uint64_t completion_order = 0;     // 1 for the first request completed in the test, ...
-    std::vector<uint8_t> buffer;       // the system buffer (buffered I/O), first hk::Pool::kNewFill
-    std::function<void()> on_complete; // called inside the completion, if set
-    KEVENT done;                       // signalled at completion
-    uint64_t* order_source = nullptr;  // the fixture's completion counter
-
-    // The bytes a read returned.
-    std::vector<uint8_t> Data() const {
-        return std::vector<uint8_t>(buffer.begin(), buffer.begin() + information);
-    }
-};
 
 class DeviceFixture : public DriverTest {
   protected:
-    struct Options {
-        ULONG rcv_buffer = 1000;   // ReadCircBufferSize
-        ULONG snd_buffer = 1000;   // WriteCircBufferSize
-        ULONG timer_interval = 10; // TimerInterval, ms
-        ULONG read_packet = 4096;  // ReadBufferSize: bytes per bulk-in packet
-        ULONG write_packet = 4096; // WriteBufferSize: bytes per bulk-out packet
-        bool started = false;      // port open, pipes running
-        bool loopback = false;     // the modem echoes what it receives
-        hu::Speed speed = hu::Speed::kFull;
-        hu::BusOptions bus;
-    };
+    using Options = DeviceRigOptions;
     virtual Options DeviceOptions() { return Options{}; }
 
     void SetUp() override;
-    // Cancels requests still pending, lets their completions run and takes
-    // the device apart again.
     void TearDown() override;
 
-    // Sends a request from the test body (the application thread). With
-    // cancel_first the IRP is cancelled before it reaches the driver.
-    AppRequest* Read(ULONG length, bool cancel_first = false);
-    AppRequest* Write(const std::vector<uint8_t>& data, bool cancel_first = false);
+    AppRequest* Read(ULONG length, bool cancel_first = false) {
+        return rig_.Read(length, cancel_first);
+    }
+    AppRequest* Write(const std::vector<uint8_t>& data, bool cancel_first = false) {
+        return rig_.Write(data, cancel_first);
+    }
     AppRequest* Write(const std::string& text) {
         return Write(std::vector<uint8_t>(text.begin(), text.end()));
     }
-    // METHOD_BUFFERED control: the system buffer holds the input and receives
-    // the output.
     AppRequest* Control(ULONG code, const std::vector<uint8_t>& input, ULONG output_length,
-                        bool internal = false);
-    // An IRP of the given major function, filled by the caller before Send.
-    AppRequest* Prepare(UCHAR major, ULONG buffer_length);
-    void Send(AppRequest* request, bool cancel_first = false);
-
-    // Waits in virtual time; true when the request completed within ms.
-    bool Wait(AppRequest* request, int64_t ms = 5000);
-    void Cancel(AppRequest* request) { IoCancelIrp(request->irp); }
-    // Lets virtual time pass (timers, DPCs and work items run).
-    void RunFor(int64_t ms) { kernel().Sleep(ms); }
-
-    // Bytes arriving from the modem, offered to the serial port under the
-    // device lock as the receive engine does; returns how many it took.
-    ULONG Receive(const std::vector<uint8_t>& data);
+                        bool internal = false) {
+        return rig_.Control(code, input, output_length, internal);
+    }
+    AppRequest* Prepare(UCHAR major, ULONG buffer_length) {
+        return rig_.Prepare(major, buffer_length);
+    }
+    void Send(AppRequest* request, bool cancel_first = false) { rig_.Send(request, cancel_first); }
+    bool Wait(AppRequest* request, int64_t ms = 5000) { return rig_.Wait(request, ms); }
+    void Cancel(AppRequest* request) { rig_.Cancel(request); }
+    void RunFor(int64_t ms) { rig_.RunFor(ms); }
+    ULONG Receive(const std::vector<uint8_t>& data) { return rig_.Receive(data); }
     ULONG Receive(const std::string& text) {
         return Receive(std::vector<uint8_t>(text.begin(), text.end()));
     }
-    // Read time-outs set by the application (IOCTL_SERIAL_SET_TIMEOUTS).
-    void SetReadTimeouts(ULONG interval, ULONG multiplier, ULONG constant);
-    // Opens the port as far as the transfers are concerned: OpenCount 1 and
-    // StartSendAndReceive.
-    void StartPipes();
-    // The class and vendor requests the modem received, as bRequest/wValue.
-    std::vector<std::pair<uint8_t, uint16_t>> ModemRequests() const;
+    void SetReadTimeouts(ULONG interval, ULONG multiplier, ULONG constant) {
+        rig_.SetReadTimeouts(interval, multiplier, constant);
+    }
+    void StartPipes() { rig_.StartPipes(); }
+    std::vector<std::pair<uint8_t, uint16_t>> ModemRequests() const { return rig_.ModemRequests(); }
 
-    PDEVICE dev_ = nullptr;
-    PPORT_OBJ port_ = nullptr;
-    PSER_PORT ser_ = nullptr;
-    PDEVICE_OBJECT data_port_ = nullptr;
-    std::unique_ptr<hu::Bus> bus_;
-    std::shared_ptr<sm::Modem> modem_;
-    int bus_port_ = 0;
-    DRIVER_OBJECT driver_{};
-    DRIVER_EXTENSION driver_extension_{};
-
-  private:
-    static NTSTATUS NTAPI OnComplete(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Context);
-    AppRequest* NewRequest(UCHAR major, ULONG buffer_length);
-
-    void AttachToModem(const Options& options);
-    void DetachFromModem();
-
-    PDEVICE_OBJECT attach_ = nullptr;
-    WCHAR port_name_[8] = {u'C', u'O', u'M', u'3', 0};
-    std::vector<std::unique_ptr<AppRequest>> requests_;
-    uint64_t completions_ = 0;
+    DeviceRig rig_;
+    // The rig's pieces under the names the tests use.
+    PDEVICE& dev_ = rig_.dev;
+    PPORT_OBJ& port_ = rig_.port;
+    PSER_PORT& ser_ = rig_.ser;
+    PDEVICE_OBJECT& data_port_ = rig_.data_port;
+    std::unique_ptr<hu::Bus>& bus_ = rig_.bus;
+    std::shared_ptr<sm::Modem>& modem_ = rig_.modem;
+    int& bus_port_ = rig_.bus_port;
+    DRIVER_OBJECT& driver_ = rig_.driver;
+    DRIVER_EXTENSION& driver_extension_ = rig_.driver_extension;
 };

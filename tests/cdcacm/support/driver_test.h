@@ -1,13 +1,11 @@
-// A fresh emulated kernel and fresh driver-wide state per test: the trace
-// mask and lock, the memory lock and counters, the device list and its
-// mutex, and the registry path copy. Nothing leaks from one test into the
-// next. Tests using it link the trace and wdmkrnl driver modules.
+// A fresh emulated kernel and fresh driver-wide state (driver_state.h) per
+// test: nothing leaks from one test into the next. Tests using it link the trace and wdmkrnl driver
+// modules.
 #pragma once
 
 #include "kernel_test.h"
 
-#include "trace.h"
-#include "wdmkrnl.h"
+#include "driver_state.h"
 
 #include <string>
 #include <vector>
@@ -16,17 +14,7 @@ class DriverTest : public KernelTest {
   protected:
     void SetUp() override {
         KernelTest::SetUp();
-        TraceMask = 3; // the mask before driver entry
-        TraceInit();
-        MemInit();
-        MemoryCounter = 0;
-        ContMemoryCounter = 0;
-        InitializeListHead(&DeviceList);
-        KeInitializeMutex(&DeviceListMutex, 0);
-        RtlZeroMemory(RegistryPathBuffer, sizeof(RegistryPathBuffer));
-        DriverRegistryPath.Length = 0;
-        DriverRegistryPath.MaximumLength = REGISTRY_PATH_BYTES;
-        DriverRegistryPath.Buffer = RegistryPathBuffer;
+        ResetDriverState(3); // the mask before driver entry
     }
 
     void TearDown() override {

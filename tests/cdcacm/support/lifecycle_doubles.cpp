@@ -2,7 +2,7 @@
 // work items call and whose module comes later: re-initialisation and the
 // deletion of the data port. Each records its call; a real module linked
 // into a test replaces them (they are weak).
-#include "device_fixture.h"
+#include "device_rig.h"
 
 LifecycleCalls& Lifecycle() {
     static LifecycleCalls calls;
@@ -11,7 +11,7 @@ LifecycleCalls& Lifecycle() {
 
 #define WEAK __attribute__((weak))
 
-// The fixture deletes the data port itself at teardown.
+// The rig deletes the data port itself at teardown.
 WEAK VOID DeleteDevice(PDEVICE_OBJECT DeviceObject) {
     Lifecycle().deleted.push_back(DeviceObject);
 }
