@@ -1,292 +1,221 @@
-// The timed request queues: the four time modes of the receive queue, the
-// total and interval time-outs on explicit ticks, cancel and flush, and the
-// write time-out with CTS flow control.
-#include "serial_fixture.h"
-
-#include <tuple>
-#include <vector>
+// The timed request queues on the real queue timer in virtual time: the
+// time-outs choose each queue's mode, reads complete or time out at the tick
+// the mode says, cancel and purge report the head's bytes only, and a write
+// times out under CTS flow control.
+#include "serial_port_test.h"
 
 namespace {
 
-using SqueueTest = SerialTest;
-
-NTSTATUS StatusOf(const Completion* done) {
-    return done != nullptr ? done->status : DEFAULT_STATUS;
-}
-
-// Every completion so far as (request, status, length), in order.
-using Done = std::vector<std::tuple<PSER_REQUEST, NTSTATUS, ULONG>>;
-Done Completed(const SerialFakes& fakes) {
-    Done done;
-    for (const Completion& completion : fakes.completions)
-        done.emplace_back(completion.request, completion.status, completion.length);
-    return done;
-}
+constexpr ULONG kAll = 0xFFFFFFFF;
 
 struct ModeCase {
-    ULONG interval, multiplier, constant;
-    ULONG mode;
-    const char* traced; // the mode's name as traced; nullptr: not traced
+    SERIAL_TIMEOUTS timeouts;
+    ULONG read_mode, write_mode;
+    const char* traced; // the read mode's name as traced; nullptr: not traced
 };
 
-class TimeModeTest : public SerialTest, public ::testing::WithParamInterface<ModeCase> {};
+class TimeMode : public SerialPortTest, public ::testing::WithParamInterface<ModeCase> {};
 
-TEST_P(TimeModeTest, ReadTimeoutsChooseTheMode) {
+TEST_P(TimeMode, TimeoutsChooseTheQueuesModes) {
     TraceMask |= TL_SND;
     const ModeCase& c = GetParam();
-    SetTimeouts(c.interval, c.multiplier, c.constant);
-    EXPECT_EQ(port->RcvQueue.TimeMode, c.mode);
+    SetTimeouts(c.timeouts);
+    EXPECT_EQ(ser_->RcvQueue.TimeMode, c.read_mode);
+    EXPECT_EQ(ser_->SndQueue.TimeMode, c.write_mode);
     EXPECT_EQ(dbg().Count("SqueueCheckTimeMode"), c.traced != nullptr ? 1u : 0u);
     if (c.traced != nullptr) {
         EXPECT_TRUE(
-            dbg().Contains(std::string("ACM:SqueueCheckTimeMode: Set TimeMode to ") + c.traced));
+            dbg().Contains(std::string("SqueueCheckTimeMode: Set TimeMode to ") + c.traced));
     }
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Squeue, TimeModeTest,
-    ::testing::Values(ModeCase{0, 0, 0, INTERVALTIME_OFF, "INTERVALTIME_OFF"},
-                      ModeCase{0xFFFFFFFF, 0, 0, INTERVALTIME_NOWAIT, "INTERVALTIME_NOWAIT"},
-                      ModeCase{0xFFFFFFFF, 0xFFFFFFFF, 500, INTERVALTIME_WAITFIRST,
-                               "INTERVALTIME_WAITFIRST"},
-                      ModeCase{0xFFFFFFFF, 0xFFFFFFFF, 0, INTERVALTIME_ON, nullptr},
-                      ModeCase{50, 0, 0, INTERVALTIME_ON, nullptr}));
+    Squeue, TimeMode,
+    ::testing::Values(
+        ModeCase{{0, 0, 0, 0, 0}, INTERVALTIME_OFF, INTERVALTIME_OFF, "INTERVALTIME_OFF"},
+        ModeCase{{kAll, 0, 0, 0, 1}, INTERVALTIME_NOWAIT, INTERVALTIME_ON, "INTERVALTIME_NOWAIT"},
+        ModeCase{{kAll, kAll, 500, 1, 0},
+                 INTERVALTIME_WAITFIRST,
+                 INTERVALTIME_ON,
+                 "INTERVALTIME_WAITFIRST"},
+        ModeCase{{kAll, kAll, 0, 0, 0}, INTERVALTIME_ON, INTERVALTIME_OFF, nullptr},
+        ModeCase{{50, 0, 0, 0, 0}, INTERVALTIME_ON, INTERVALTIME_OFF, nullptr}));
 
-TEST_F(SqueueTest, WriteTimeoutsChooseTheMode) {
-    SetTimeouts(0, 0, 0, 0, 0);
-    EXPECT_EQ(port->SndQueue.TimeMode, (ULONG)INTERVALTIME_OFF);
-    SetTimeouts(0, 0, 0, 0, 1);
-    EXPECT_EQ(port->SndQueue.TimeMode, (ULONG)INTERVALTIME_ON);
-}
+// Reads queued at 0 ms on a port whose timer ticks every tick ms; bytes (or
+// new time-outs) arrive later; each read ends as its outcome says.
+struct Step {
+    int64_t at_ms;
+    Bytes received;
+    const SERIAL_TIMEOUTS* timeouts = nullptr; // set after the bytes, when given
+};
+struct Outcome {
+    NTSTATUS status;
+    Bytes data;
+    int64_t at_ms; // -1: still pending after 2 s
+};
+struct ReadCase {
+    SERIAL_TIMEOUTS timeouts;
+    std::vector<ULONG> reads;
+    std::vector<Step> steps;
+    std::vector<Outcome> outcomes;
+    ULONG tick = 10;
+};
 
-TEST_F(SqueueTest, OffModeReadWaitsForItsWholeLength) {
-    PSER_REQUEST read = NewRead(10);
-    Indicate({1, 2, 3, 4});
-    EXPECT_EQ(AddRead(read), STATUS_PENDING);
-    EXPECT_EQ(port->RcvQueue.CurCount, 4u);
-    Tick(1000);
-    EXPECT_EQ(CompletionOf(read), nullptr);
-    Indicate({5, 6, 7, 8, 9, 10});
-    EXPECT_EQ(StatusOf(CompletionOf(read)), STATUS_SUCCESS);
-    EXPECT_EQ(ReadData(read), (Bytes{1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));
-}
+class ReadTimes : public SerialPortTest, public ::testing::WithParamInterface<ReadCase> {
+  protected:
+    ReadTimes() { options_.timer_interval = GetParam().tick; }
+};
 
-TEST_F(SqueueTest, WaitFirstCompletesWithTheFirstBytes) {
-    SetTimeouts(0xFFFFFFFF, 0xFFFFFFFF, 500);
-    PSER_REQUEST read = NewRead(10);
-    AddRead(read);
-    Tick(3);
-    Indicate({7, 8, 9});
-    EXPECT_EQ(StatusOf(CompletionOf(read)), STATUS_SUCCESS);
-    EXPECT_EQ(ReadData(read), (Bytes{7, 8, 9}));
-}
-
-class WaitFirstTimeout : public SerialTest, public ::testing::WithParamInterface<ULONG> {};
-
-TEST_P(WaitFirstTimeout, ExpiresOnTheTickAfterTheConstant) {
-    const ULONG tick = GetParam();
-    MakePort(1000, 1000, tick);
-    SetTimeouts(0xFFFFFFFF, 0xFFFFFFFF, 500);
-    PSER_REQUEST read = NewRead(10);
-    AddRead(read);
-    Tick(500 / tick);
-    EXPECT_EQ(CompletionOf(read), nullptr);
-    Tick();
-    EXPECT_EQ(StatusOf(CompletionOf(read)), STATUS_TIMEOUT);
-    EXPECT_EQ(read->Length, 0u);
-}
-
-INSTANTIATE_TEST_SUITE_P(Squeue, WaitFirstTimeout, ::testing::Values(10u, 7u, 1u, 100u));
-
-// Every queued read's interval runs while the head is partly filled; bytes
-// restart the head's only. The head times out after 6 ticks without a byte.
-TEST_F(SqueueTest, IntervalsRunWhileTheHeadIsPartlyFilled) {
-    SetTimeouts(50, 0, 0);
-    PSER_REQUEST head = NewRead(10), next = NewRead(10);
-    AddRead(head);
-    AddRead(next);
-    Tick(100);
-    EXPECT_TRUE(fakes.completions.empty()) << "an empty read has no interval";
-    Indicate({1, 2, 3});
-    Tick(3);
-    Indicate({4}); // restarts the head's interval only
-    Tick(2);
-    EXPECT_TRUE(fakes.completions.empty());
-    Tick();
-    EXPECT_EQ(Completed(fakes), (Done{{next, STATUS_TIMEOUT, 0}}));
-    Tick(2);
-    EXPECT_EQ(CompletionOf(head), nullptr);
-    Tick();
-    EXPECT_EQ(StatusOf(CompletionOf(head)), STATUS_TIMEOUT);
-    EXPECT_EQ(ReadData(head), (Bytes{1, 2, 3, 4}));
-}
-
-// Bytes moved under one mode stay with the head when the time-outs change.
-TEST_F(SqueueTest, WaitFirstTickCompletesAPartlyFilledHeadWithItsBytes) {
-    SetTimeouts(0, 0, 1000);
-    PSER_REQUEST read = NewRead(10);
-    AddRead(read);
-    Indicate({1, 2, 3});
-    SetTimeouts(0xFFFFFFFF, 0xFFFFFFFF, 500);
-    Tick();
-    EXPECT_EQ(StatusOf(CompletionOf(read)), STATUS_TIMEOUT);
-    EXPECT_EQ(ReadData(read), (Bytes{1, 2, 3}));
-}
-
-TEST_F(SqueueTest, NoWaitAfterASwitchCompletesEveryQueuedReadAtTheNextIndication) {
-    PSER_REQUEST head = NewRead(10), next = NewRead(10);
-    AddRead(head);
-    AddRead(next);
-    Indicate({1, 2});
-    SetTimeouts(0xFFFFFFFF, 0, 0);
-    EXPECT_TRUE(fakes.completions.empty());
-    Indicate({3});
-    EXPECT_EQ(Completed(fakes), (Done{{head, STATUS_SUCCESS, 3}, {next, STATUS_SUCCESS, 0}}));
-    EXPECT_EQ(ReadData(head), (Bytes{1, 2, 3}));
-}
-
-TEST_F(SqueueTest, IntervalOfHalfTheRangeOrMoreExpiresAtTheNextTick) {
-    SetTimeouts(0x80000000, 0, 0);
-    PSER_REQUEST empty = NewRead(10);
-    AddRead(empty);
-    Tick();
-    EXPECT_EQ(StatusOf(CompletionOf(empty)), STATUS_TIMEOUT);
-    PSER_REQUEST partial = NewRead(10);
-    AddRead(partial);
-    Indicate({1, 2});
-    Tick();
-    EXPECT_EQ(StatusOf(CompletionOf(partial)), STATUS_TIMEOUT);
-    EXPECT_EQ(partial->Length, 2u);
-}
-
-TEST_F(SqueueTest, TotalTimeThatWrapsNegativeBecomesMaxLong) {
+TEST_P(ReadTimes, ReadsEndAtTheirTick) {
+    const ReadCase& c = GetParam();
     TraceMask |= TL_INFO;
-    SetTimeouts(0, 0x7FFFFFFF, 0, 0x7FFFFFFF, 0);
-    PSER_REQUEST write = NewWrite({1, 2});
-    SendRequest(port, write);
-    EXPECT_EQ(write->TotalTime, 0x7FFFFFFF);
-    PSER_REQUEST read = NewRead(2);
-    AddRead(read);
-    EXPECT_EQ(read->TotalTime, 0x7FFFFFFF);
-    EXPECT_EQ(dbg().Count("ACM:SqueueAddRequest:Overflow in TotalTime! Set time to MAXLONG!"), 2u);
-}
-
-// With the multiplier 0xFFFFFFFF only the constant counts, and a total of
-// 0 is a time-out at the first tick, not an overflow.
-class AllOnesMultiplier : public SerialTest, public ::testing::WithParamInterface<ULONG> {};
-
-TEST_P(AllOnesMultiplier, CountsOnlyTheConstant) {
-    TraceMask |= 0x4;
-    const ULONG constant = GetParam();
-    SetTimeouts(0, 0xFFFFFFFF, constant);
-    ASSERT_EQ(port->RcvQueue.TimeMode, (ULONG)INTERVALTIME_ON);
-    PSER_REQUEST read = NewRead(10);
-    AddRead(read);
-    EXPECT_EQ(read->TotalTime, (LONG)constant);
-    Tick(constant / 10);
-    EXPECT_EQ(CompletionOf(read), nullptr);
-    Tick();
-    EXPECT_EQ(StatusOf(CompletionOf(read)), STATUS_TIMEOUT);
+    SetTimeouts(c.timeouts);
+    const int64_t start = kernel().NowMs();
+    StartTimer(dev_);
+    std::vector<AppRequest*> reads;
+    for (ULONG length : c.reads)
+        reads.push_back(Read(length));
+    for (const Step& step : c.steps) {
+        RunFor(start + step.at_ms - kernel().NowMs());
+        Receive(step.received);
+        if (step.timeouts != nullptr)
+            SetTimeouts(*step.timeouts);
+    }
+    RunFor(start + 2000 - kernel().NowMs());
+    for (size_t i = 0; i < reads.size(); i++) {
+        const Outcome& want = c.outcomes[i];
+        SCOPED_TRACE("read " + std::to_string(i));
+        ASSERT_EQ(reads[i]->completed, want.at_ms >= 0);
+        if (!reads[i]->completed)
+            continue;
+        EXPECT_EQ(reads[i]->status, want.status);
+        EXPECT_EQ(reads[i]->Data(), want.data);
+        EXPECT_EQ(reads[i]->completed_at_ms - start, want.at_ms);
+    }
     EXPECT_FALSE(dbg().Contains("Overflow"));
 }
 
-INSTANTIATE_TEST_SUITE_P(Squeue, AllOnesMultiplier, ::testing::Values(100u, 0u));
+const SERIAL_TIMEOUTS kWaitFirst{kAll, kAll, 500, 0, 0}, kNoWait{kAll, 0, 0, 0, 0};
+constexpr NTSTATUS kOk = STATUS_SUCCESS, kTimeout = STATUS_TIMEOUT;
 
-TEST_F(SqueueTest, TotalTimeoutReportsTheHeadsBytesOnly) {
-    SetTimeouts(0, 10, 0); // 10 ms per byte
-    PSER_REQUEST head = NewRead(5), next = NewRead(5);
-    AddRead(head);
-    AddRead(next);
-    Indicate({1, 2});
-    Tick(5);
-    EXPECT_TRUE(fakes.completions.empty());
-    Tick();
-    EXPECT_EQ(Completed(fakes), (Done{{head, STATUS_TIMEOUT, 2}, {next, STATUS_TIMEOUT, 0}}));
+// Ticks at 10, 20, ... ms unless a case says otherwise.
+INSTANTIATE_TEST_SUITE_P(
+    Squeue, ReadTimes,
+    ::testing::Values(
+        // Without time-outs a read waits for its whole length.
+        ReadCase{{0, 0, 0, 0, 0},
+                 {6},
+                 {{5, {1, 2}}, {1505, {3, 4, 5, 6}}},
+                 {{kOk, {1, 2, 3, 4, 5, 6}, 1505}}},
+        // Waiting for the first bytes: they end the read, or the tick after the constant does.
+        ReadCase{kWaitFirst, {10}, {{25, {7, 8, 9}}}, {{kOk, {7, 8, 9}, 25}}},
+        ReadCase{kWaitFirst, {10}, {}, {{kTimeout, {}, 510}}},
+        ReadCase{kWaitFirst, {10}, {}, {{kTimeout, {}, 504}}, 7},
+        // Every read's interval runs while the head is partly filled; bytes
+        // restart the head's only.
+        ReadCase{{50, 0, 0, 0, 0},
+                 {10, 10},
+                 {{1005, {1, 2, 3}}, {1035, {4}}},
+                 {{kTimeout, {1, 2, 3, 4}, 1090}, {kTimeout, {}, 1060}}},
+        // An interval of half the range or more expires at the next tick.
+        ReadCase{{0x80000000, 0, 0, 0, 0}, {10}, {}, {{kTimeout, {}, 10}}},
+        ReadCase{{0x80000000, 0, 0, 0, 0}, {10}, {{5, {1, 2}}}, {{kTimeout, {1, 2}, 10}}},
+        // The total time-out reports the head's bytes only.
+        ReadCase{
+            {0, 10, 0, 0, 0}, {5, 5}, {{5, {1, 2}}}, {{kTimeout, {1, 2}, 60}, {kTimeout, {}, 60}}},
+        // An all-ones multiplier counts only the constant; a total of 0 is no overflow.
+        ReadCase{{0, kAll, 100, 0, 0}, {10}, {}, {{kTimeout, {}, 110}}},
+        ReadCase{{0, kAll, 0, 0, 0}, {10}, {}, {{kTimeout, {}, 10}}},
+        // Bytes moved under one mode stay with the head when the time-outs change.
+        ReadCase{
+            {0, 0, 1000, 0, 0}, {10}, {{5, {1, 2, 3}, &kWaitFirst}}, {{kTimeout, {1, 2, 3}, 10}}},
+        ReadCase{{0, 0, 0, 0, 0},
+                 {10, 10},
+                 {{5, {1, 2}, &kNoWait}, {15, {3}}},
+                 {{kOk, {1, 2, 3}, 15}, {kOk, {}, 15}}}));
+
+TEST_F(SerialPortTest, TotalTimesThatWrapNegativeBecomeMaxLong) {
+    TraceMask |= TL_INFO;
+    StartTimer(dev_);
+    SetTimeouts({0, 0x7FFFFFFF, 0, 0x7FFFFFFF, 0});
+    ASSERT_TRUE(Wait(Write(Bytes{1, 2})));
+    AppRequest* read = Read(2);
+    RunFor(1000);
+    EXPECT_FALSE(read->completed);
+    EXPECT_EQ(dbg().Count("ACM:SqueueAddRequest:Overflow in TotalTime! Set time to MAXLONG!"), 2u);
 }
 
-TEST_F(SqueueTest, CancelOfTheSecondReadLeavesTheHeadsProgress) {
-    PSER_REQUEST head = NewRead(10), second = NewRead(10);
-    AddRead(head);
-    AddRead(second);
-    Indicate({1, 2, 3, 4});
-    KIRQL irql;
-    DEVICE_LOCK(dev.get(), &irql);
-    EXPECT_FALSE(SqueueCancel(&port->RcvQueue, reinterpret_cast<PIRP>(&irql)));
-    EXPECT_TRUE(SqueueCancel(&port->RcvQueue, second->Irp));
-    DEVICE_UNLOCK(dev.get(), irql);
-    EXPECT_EQ(StatusOf(CompletionOf(second)), STATUS_CANCELLED);
-    EXPECT_EQ(second->Length, 0u);
-    EXPECT_EQ(port->RcvQueue.CurCount, 4u);
-    Indicate({5, 6, 7, 8, 9, 10});
-    EXPECT_EQ(StatusOf(CompletionOf(head)), STATUS_SUCCESS);
-    EXPECT_EQ(ReadData(head), (Bytes{1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));
+TEST_F(SerialPortTest, CancelAndPurgeReportTheHeadsBytesOnlyHeadFirst) {
+    AppRequest* head = Read(10);
+    AppRequest* second = Read(10);
+    AppRequest* third = Read(10);
+    Receive(Bytes{1, 2, 3, 4});
+    Cancel(second);
+    ASSERT_TRUE(Wait(second));
+    EXPECT_EQ(second->status, STATUS_CANCELLED);
+    EXPECT_EQ(second->information, 0u);
+
+    const ULONG purge = SERIAL_PURGE_RXABORT;
+    const auto* bytes = reinterpret_cast<const uint8_t*>(&purge);
+    ASSERT_TRUE(Wait(Control(IOCTL_SERIAL_PURGE, {bytes, bytes + 4}, 0)));
+    ASSERT_TRUE(Wait(head) && Wait(third));
+    EXPECT_EQ(head->status, STATUS_CANCELLED);
+    EXPECT_EQ(head->Data(), Bytes({1, 2, 3, 4}));
+    EXPECT_EQ(third->status, STATUS_CANCELLED);
+    EXPECT_EQ(third->information, 0u);
+    EXPECT_LT(head->completion_order, third->completion_order);
 }
 
-TEST_F(SqueueTest, FlushCancelsEveryRequestHeadFirst) {
-    PSER_REQUEST head = NewRead(10), second = NewRead(10);
-    AddRead(head);
-    AddRead(second);
-    Indicate({1, 2, 3});
-    KIRQL irql;
-    DEVICE_LOCK(dev.get(), &irql);
-    SqueueFlush(&port->RcvQueue);
-    DEVICE_UNLOCK(dev.get(), irql);
-    EXPECT_EQ(Completed(fakes), (Done{{head, STATUS_CANCELLED, 3}, {second, STATUS_CANCELLED, 0}}));
-    EXPECT_EQ(port->RcvQueue.CurPtr, nullptr);
-}
-
-// A write of 40 bytes into a 16-byte send buffer that nothing drains: the
-// head has 16 bytes buffered when its 100 ms run out.
-class CtsTimeoutTest : public SerialTest {
-  protected:
-    void SetUp() override {
-        SerialTest::SetUp();
-        TraceMask |= 0x100000;
-        MakePort(100, 16, 10);
-        fakes.engine.allowed = false;
-        SetTimeouts(0, 0, 0, 0, 100);
-        head = NewWrite(Bytes(40, 0x55));
-        next = NewWrite(Bytes(5, 0x66));
-        SendRequest(port, head);
-        SendRequest(port, next);
-    }
-    PSER_REQUEST head = nullptr, next = nullptr;
+// A write of 40 bytes into a 16-byte send buffer, with a write total
+// time-out of 100 ms, and a 5-byte write behind it.
+struct CtsCase {
+    bool flow_control, cts, send_allowed;
+    int64_t timeout_ms; // -1: neither write times out
+    ULONG head_bytes;   // the head's bytes buffered when it timed out
+    size_t sent;        // bytes that reached the modem
+    const char* traced;
 };
 
-TEST_F(CtsTimeoutTest, WritesNeverTimeOutWithoutCtsFlowControl) {
-    Tick(1000);
-    EXPECT_TRUE(fakes.completions.empty());
+class WriteTimeout : public SerialPortTest, public ::testing::WithParamInterface<CtsCase> {
+  protected:
+    WriteTimeout() { options_.snd_buffer = 16; }
+};
+
+TEST_P(WriteTimeout, OnlyUnderCtsFlowControl) {
+    const CtsCase& c = GetParam();
+    TraceMask |= TL_CTS;
+    dev_->Cfg.useCtsFlowControl = c.flow_control;
+    Locked([&] {
+        dev_->ModemStatus = c.cts ? SERIAL_MSR_CTS : 0;
+        dev_->SendAllowed = c.send_allowed;
+    });
+    SetTimeouts({0, 0, 0, 0, 100});
+    const int64_t start = kernel().NowMs();
+    StartTimer(dev_);
+    AppRequest* head = Write(Bytes(40, 0x55));
+    AppRequest* next = Write(Bytes(5, 0x66));
+    RunFor(2000);
+    EXPECT_EQ(modem_->Pull(), Bytes(c.sent, 0x55));
+    ASSERT_EQ(head->completed, c.timeout_ms >= 0);
+    ASSERT_EQ(next->completed, c.timeout_ms >= 0);
+    if (c.timeout_ms < 0)
+        return;
+    EXPECT_EQ(head->status, STATUS_TIMEOUT);
+    EXPECT_EQ(head->information, c.head_bytes);
+    EXPECT_EQ(head->completed_at_ms - start, c.timeout_ms);
+    EXPECT_EQ(next->status, STATUS_TIMEOUT);
+    EXPECT_EQ(next->information, 0u);
+    EXPECT_EQ(dbg().Count(c.traced), 2u);
 }
 
-TEST_F(CtsTimeoutTest, InactiveCtsGrantsOneMoreSecondThenTimesOut) {
-    dev->Cfg.useCtsFlowControl = 1;
-    Tick(10);
-    EXPECT_EQ(head->Flags & SER_REQUEST_CTS_GRANTED, 0u);
-    Tick();
-    EXPECT_NE(head->Flags & SER_REQUEST_CTS_GRANTED, 0u);
-    EXPECT_NE(next->Flags & SER_REQUEST_CTS_GRANTED, 0u);
-    EXPECT_EQ(head->TotalTime, 1000);
-    EXPECT_EQ(dev->WaitingData, 16u) << "the head's buffered bytes may go out";
-    if (!OnTwoProcessors()) {
-        EXPECT_EQ(fakes.send_dpc_runs, 1) << "queued once, run after the lock was released";
-    }
-    EXPECT_TRUE(dbg().Contains("ACM:COM7:IRP with timout send 16 bytes"));
-    EXPECT_TRUE(dbg().Contains("ACM:COM7:IRP with timout send 0 bytes"));
-
-    Tick(100);
-    EXPECT_TRUE(fakes.completions.empty());
-    Tick();
-    EXPECT_EQ(Completed(fakes), (Done{{head, STATUS_TIMEOUT, 16}, {next, STATUS_TIMEOUT, 0}}));
-    EXPECT_EQ(dbg().Count("ACM:COM7:IRP with seconds timout, complete it with timeout"), 2u);
-}
-
-TEST_F(CtsTimeoutTest, ActiveCtsTimesOutAtOnce) {
-    dev->Cfg.useCtsFlowControl = 1;
-    dev->ModemStatus = 0x10;
-    Tick(11);
-    EXPECT_EQ(Completed(fakes), (Done{{head, STATUS_TIMEOUT, 16}, {next, STATUS_TIMEOUT, 0}}));
-    EXPECT_EQ(fakes.send_dpc_runs, 0);
-    EXPECT_EQ(dbg().Count("ACM:COM7:CTS active and timeout, complete IRP with timeout"), 2u);
-}
+// Without flow control; CTS active; CTS inactive, which grants the head's
+// buffered bytes and one more second.
+INSTANTIATE_TEST_SUITE_P(
+    Squeue, WriteTimeout,
+    ::testing::Values(CtsCase{false, false, false, -1, 0, 0, ""},
+                      CtsCase{true, true, false, 110, 16, 0,
+                              "ACM:COM3:CTS active and timeout, complete IRP with timeout"},
+                      CtsCase{true, false, true, 1120, 32, 16,
+                              "ACM:COM3:IRP with seconds timout, complete it with timeout"}));
 
 } // namespace
