@@ -206,6 +206,8 @@ struct Bus::Impl {
     std::multimap<int64_t, Transfer*> schedule;
     KTIMER frame_timer;
     KDPC completion_dpc;
+    bool passing = false;    // a completion pass runs (on some processor)
+    bool pass_again = false; // asked for while one ran: that one goes on
     std::list<std::pair<Fault, UsbFaultKnob>> faults;
     std::vector<std::string> diagnostics;
     std::unique_ptr<Capture> capture;
@@ -971,23 +973,39 @@ void Bus::Impl::DataReady(PortState* port, uint8_t endpoint) {
 
 // One pass of the completion context: takes every transfer that is due
 // and runs it outside the lock; a transfer taken by the pass belongs to it.
+// Passes never overlap, even when the DPC runs on two processors at once:
+// a host controller gives back its transfers from one context, so those of
+// one endpoint reach their completion routines one after the other, in
+// order. A pass asked for while one runs is made by the running one.
 VOID NTAPI Bus::Impl::CompletionDpc(PKDPC, PVOID context, PVOID, PVOID) {
     auto* bus = static_cast<Impl*>(context);
-    std::vector<Transfer*> due;
     KIRQL irql;
     KeAcquireSpinLock(&bus->lock, &irql);
-    int64_t now = hk::Kernel::Current().Now();
-    while (!bus->schedule.empty() && bus->schedule.begin()->first <= now) {
-        Transfer* t = bus->schedule.begin()->second;
-        bus->schedule.erase(bus->schedule.begin());
-        t->scheduled = false;
-        t->running = true;
-        due.push_back(t);
+    if (bus->passing) {
+        bus->pass_again = true;
+        KeReleaseSpinLock(&bus->lock, irql);
+        return;
     }
-    bus->ArmFrameTimer();
+    bus->passing = true;
+    do {
+        bus->pass_again = false;
+        std::vector<Transfer*> due;
+        int64_t now = hk::Kernel::Current().Now();
+        while (!bus->schedule.empty() && bus->schedule.begin()->first <= now) {
+            Transfer* t = bus->schedule.begin()->second;
+            bus->schedule.erase(bus->schedule.begin());
+            t->scheduled = false;
+            t->running = true;
+            due.push_back(t);
+        }
+        bus->ArmFrameTimer();
+        KeReleaseSpinLock(&bus->lock, irql);
+        for (Transfer* t : due)
+            bus->Run(t);
+        KeAcquireSpinLock(&bus->lock, &irql);
+    } while (bus->pass_again);
+    bus->passing = false;
     KeReleaseSpinLock(&bus->lock, irql);
-    for (Transfer* t : due)
-        bus->Run(t);
 }
 
 // Pulls packets from the device into an IN transfer until it is full or a
