@@ -327,6 +327,7 @@ class IoManager;
 class LockOrder;
 } // namespace detail
 class ErrorLog;
+class PnpManager;
 
 // One emulated machine. The constructing OS thread becomes the first
 // application thread; the destructor stops the system worker thread and
@@ -345,6 +346,7 @@ class Kernel {
     Verifier& verifier() { return verifier_; }
     Registry& registry() { return *registry_; }
     ErrorLog& errorlog() { return *errorlog_; }
+    PnpManager& pnp() { return *pnp_; }
     detail::Scheduler& scheduler() { return *scheduler_; }
     detail::IoManager& io() { return *io_; }
     detail::LockOrder& locks() { return *locks_; }
@@ -373,6 +375,7 @@ class Kernel {
     std::unique_ptr<Pool> pool_;
     std::unique_ptr<Registry> registry_;
     std::unique_ptr<ErrorLog> errorlog_;
+    std::unique_ptr<PnpManager> pnp_;
     std::unique_ptr<detail::Scheduler> scheduler_;
     std::unique_ptr<detail::IoManager> io_;
     std::unique_ptr<detail::LockOrder> locks_;
