@@ -362,6 +362,7 @@ class Kernel {
     // Runs fn on a system worker thread at PASSIVE_LEVEL: in queue order,
     // one at a time, unless the interleaving mode runs several workers.
     void QueueSystemWork(std::function<void()> fn);
+    uint64_t SystemWorkQueued() const { return work_queued_; } // ever, for waiting it out
     // From any OS thread: fn runs on the emulated processor at DISPATCH_LEVEL
     // as soon as it is idle (external input such as a pty or a signal).
     void Post(std::function<void()> fn);
@@ -382,6 +383,7 @@ class Kernel {
     std::unique_ptr<detail::EmuThread> main_;
     std::vector<std::unique_ptr<class Thread>> workers_;
     std::list<std::function<void()>> work_;
+    uint64_t work_queued_ = 0;
     KEVENT work_event_;
     bool stopping_ = false;
 };

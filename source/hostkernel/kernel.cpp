@@ -150,6 +150,7 @@ void Kernel::Sleep(int64_t ms) {
 }
 
 void Kernel::QueueSystemWork(std::function<void()> fn) {
+    work_queued_++;
     work_.push_back(std::move(fn));
     KeSetEvent(&work_event_, 0, FALSE);
 }

@@ -151,6 +151,7 @@ struct Bus::Impl {
     NTSTATUS QueryText(Function* function, PIRP irp);
     void FailTransfers(Function* function); // under lock
     void DeleteWhenDetached(Function* function);
+    void DeleteFunction(Function* function);
     // Work queued for later must not outlive the bus.
     std::shared_ptr<bool> alive = std::make_shared<bool>(true);
 

@@ -11,6 +11,7 @@
 // IRP is completed or the device model is called.
 #include "hostusb/bus_impl.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -350,34 +351,33 @@ void Bus::Impl::FailTransfers(Function* function) {
         fail(ep);
 }
 
-// A function driver detaches from the PDO after passing the removal down,
-// so the PDO goes once the removal's work is over: from the system worker
-// queue, behind the PnP manager's own work.
+// A function driver may detach from the PDO only after passing the removal
+// down, and the request still has to come back through the PDO: the PDO
+// goes once the removal's work is over, from the system worker queue behind
+// the PnP manager's own work.
 void Bus::Impl::DeleteWhenDetached(Function* function) {
     hk::Kernel::Current().QueueSystemWork([this, function, alive = alive] {
-        if (!*alive)
-            return;
-        for (auto& port : ports) {
-            auto& functions = port->functions;
-            for (auto it = functions.begin(); it != functions.end(); ++it) {
-                if (it->get() != function)
-                    continue;
-                if (function->pdo->AttachedDevice != nullptr) {
-                    Diagnose("port " + std::to_string(port->number) +
-                             ": a driver is still attached to a removed device object");
-                    return;
-                }
-                IoDeleteDevice(function->pdo);
-                functions.erase(it);
-                if (functions.empty()) {
-                    port->device->SetDataReady(nullptr);
-                    port->device.reset();
-                    port->unplugged = false;
-                }
-                return;
-            }
-        }
+        if (*alive)
+            DeleteFunction(function);
     });
+}
+
+void Bus::Impl::DeleteFunction(Function* function) {
+    PortState* port = function->port;
+    if (function->pdo->AttachedDevice != nullptr) {
+        Diagnose("port " + std::to_string(port->number) +
+                 ": a driver is still attached to a removed device object");
+        return;
+    }
+    IoDeleteDevice(function->pdo);
+    auto& functions = port->functions;
+    functions.erase(std::find_if(functions.begin(), functions.end(),
+                                 [&](const auto& f) { return f.get() == function; }));
+    if (functions.empty()) {
+        port->device->SetDataReady(nullptr);
+        port->device.reset();
+        port->unplugged = false;
+    }
 }
 
 } // namespace hu
