@@ -327,6 +327,7 @@ class IoManager;
 class LockOrder;
 } // namespace detail
 class ErrorLog;
+class PnpManager;
 
 // One emulated machine. The constructing OS thread becomes the first
 // application thread; the destructor stops the system worker thread and
@@ -345,6 +346,7 @@ class Kernel {
     Verifier& verifier() { return verifier_; }
     Registry& registry() { return *registry_; }
     ErrorLog& errorlog() { return *errorlog_; }
+    PnpManager& pnp() { return *pnp_; }
     detail::Scheduler& scheduler() { return *scheduler_; }
     detail::IoManager& io() { return *io_; }
     detail::LockOrder& locks() { return *locks_; }
@@ -360,6 +362,7 @@ class Kernel {
     // Runs fn on a system worker thread at PASSIVE_LEVEL: in queue order,
     // one at a time, unless the interleaving mode runs several workers.
     void QueueSystemWork(std::function<void()> fn);
+    uint64_t SystemWorkQueued() const { return work_queued_; } // ever, for waiting it out
     // From any OS thread: fn runs on the emulated processor at DISPATCH_LEVEL
     // as soon as it is idle (external input such as a pty or a signal).
     void Post(std::function<void()> fn);
@@ -373,12 +376,14 @@ class Kernel {
     std::unique_ptr<Pool> pool_;
     std::unique_ptr<Registry> registry_;
     std::unique_ptr<ErrorLog> errorlog_;
+    std::unique_ptr<PnpManager> pnp_;
     std::unique_ptr<detail::Scheduler> scheduler_;
     std::unique_ptr<detail::IoManager> io_;
     std::unique_ptr<detail::LockOrder> locks_;
     std::unique_ptr<detail::EmuThread> main_;
     std::vector<std::unique_ptr<class Thread>> workers_;
     std::list<std::function<void()>> work_;
+    uint64_t work_queued_ = 0;
     KEVENT work_event_;
     bool stopping_ = false;
 };

@@ -2,6 +2,7 @@
 // and the IRPs a file handle produces, with the copy-back of buffered output
 // when a request completes to its originator.
 #include "hostkernel/iomgr.h"
+#include "hostkernel/pnp.h"
 
 #include "hostkernel/scheduler.h"
 
@@ -277,6 +278,7 @@ NTSTATUS File::Close() {
     file_ = nullptr;
     if (DeviceInfo* info = Io().FindDevice(device))
         info->open_files--;
+    Kernel::Current().pnp().HandleClosed(device);
     ObDereferenceObject(device);
     return status;
 }

@@ -310,6 +310,15 @@ typedef enum _BUS_QUERY_ID_TYPE {
 } BUS_QUERY_ID_TYPE,
     *PBUS_QUERY_ID_TYPE;
 
+typedef enum _DEVICE_TEXT_TYPE {
+    DeviceTextDescription = 0,
+    DeviceTextLocationInformation = 1
+} DEVICE_TEXT_TYPE,
+    *PDEVICE_TEXT_TYPE;
+
+// The longest device or instance ID, in characters, without its terminator.
+#define MAX_DEVICE_ID_LEN 200
+
 // Resource lists and security contexts are never looked into by the driver.
 typedef struct _CM_RESOURCE_LIST* PCM_RESOURCE_LIST;
 typedef struct _IO_SECURITY_CONTEXT* PIO_SECURITY_CONTEXT;
@@ -442,6 +451,10 @@ typedef struct _IO_STACK_LOCATION {
             BUS_QUERY_ID_TYPE IdType;
         } QueryId;
         struct {
+            DEVICE_TEXT_TYPE DeviceTextType;
+            ULONG LocaleId;
+        } QueryDeviceText;
+        struct {
             BOOLEAN InPath;
             BOOLEAN Reserved[3];
             DEVICE_USAGE_NOTIFICATION_TYPE Type;
@@ -555,6 +568,13 @@ void ObReferenceObject(PVOID Object);
 void ObDereferenceObject(PVOID Object);
 #define ObfReferenceObject ObReferenceObject
 #define ObfDereferenceObject ObDereferenceObject
+
+// Plug and Play.
+void IoInvalidateDeviceRelations(PDEVICE_OBJECT DeviceObject, DEVICE_RELATION_TYPE Type);
+NTSTATUS IoRegisterDeviceInterface(PDEVICE_OBJECT PhysicalDeviceObject,
+                                   const GUID* InterfaceClassGuid, PUNICODE_STRING ReferenceString,
+                                   PUNICODE_STRING SymbolicLinkName);
+NTSTATUS IoSetDeviceInterfaceState(PUNICODE_STRING SymbolicLinkName, BOOLEAN Enable);
 
 // IRPs.
 #define IoSizeOfIrp(StackSize) ((USHORT)(sizeof(IRP) + ((StackSize) * (sizeof(IO_STACK_LOCATION)))))

@@ -3,6 +3,7 @@
 #include "hostkernel/checks.h"
 #include "hostkernel/errorlog.h"
 #include "hostkernel/iomgr.h"
+#include "hostkernel/pnp.h"
 #include "hostkernel/scheduler.h"
 
 #include <cstdlib>
@@ -90,6 +91,7 @@ Kernel::Kernel(KernelOptions options) : options_(options), rng_(options.seed) {
     pool_ = std::make_unique<Pool>(rng_);
     registry_ = std::make_unique<Registry>(rng_);
     errorlog_ = std::make_unique<ErrorLog>();
+    pnp_ = std::make_unique<PnpManager>();
     scheduler_ = std::make_unique<detail::Scheduler>(*this, options);
     io_ = std::make_unique<detail::IoManager>(*this);
     locks_ = std::make_unique<detail::LockOrder>();
@@ -148,6 +150,7 @@ void Kernel::Sleep(int64_t ms) {
 }
 
 void Kernel::QueueSystemWork(std::function<void()> fn) {
+    work_queued_++;
     work_.push_back(std::move(fn));
     KeSetEvent(&work_event_, 0, FALSE);
 }

@@ -16,9 +16,9 @@
 // Locks: Impl::lock guards all bus state. It is released before an IRP is
 // completed and before a device model is called, so the device may call
 // back (DataReady) from inside its own callbacks.
-#include "hostusb/bus.h"
+#include "hostusb/bus_impl.h"
 
-#include "hostusb/capture.h"
+#include "hostkernel/pnp.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -104,160 +104,6 @@ std::string HexText(uint64_t value) {
 
 } // namespace
 
-struct Endpoint;
-struct Function;
-struct PortState;
-
-// One URB or port request accepted by the bus, from dispatch to its DPC.
-struct Transfer {
-    enum class Kind { kControl, kData, kSelect, kAbort, kResetPipe, kResetPort };
-    Bus::Impl* bus = nullptr;
-    Function* function = nullptr;
-    PIRP irp = nullptr;
-    PURB urb = nullptr;
-    Kind kind = Kind::kControl;
-    Endpoint* endpoint = nullptr; // the queue it waits in; null for pipe and port requests
-    uint8_t pipe_address = 0;     // pipe requests: the pipe's endpoint and type
-    uint8_t pipe_type = 0;
-    SetupPacket setup; // control transfers
-    bool in = false;
-    bool short_ok = false;
-    PUCHAR buffer = nullptr;
-    ULONG length = 0;
-    ULONG done = 0;         // bytes moved so far
-    bool finished = false;  // data complete, waiting for the modelled end
-    bool scheduled = false; // in the completion schedule, at slot
-    bool running = false;   // taken by a completion pass
-    bool no_answer = false;
-    bool waiting = false; // an IN transfer waiting for the device's data
-    bool behind = false;  // queued behind another transfer of its endpoint
-    bool cancel = false;  // cancelled, aborted or device gone: complete with forced
-    USBD_STATUS forced = USBD_STATUS_SUCCESS;
-    USBD_STATUS injected = USBD_STATUS_SUCCESS; // a fault's status
-    NTSTATUS injected_nt = STATUS_SUCCESS;      // a fault's IRP status, when it has one
-    bool stall = false;
-    int64_t delay = 0;
-    std::vector<uint8_t> out_data; // control OUT data stage
-    std::multimap<int64_t, Transfer*>::iterator slot;
-};
-
-struct Endpoint {
-    uint8_t address = 0;
-    uint8_t type = USB_ENDPOINT_TYPE_CONTROL;
-    uint16_t max_packet = 64;
-    uint8_t interval = 0;
-    bool halted = false;
-    uint64_t data_ready = 0; // the device's DataReady calls, counted
-    // The last frame bulk bytes moved in (by index) and how many: a transfer
-    // queued behind it fills the rest of that frame, as a host controller
-    // does with the transfers queued on an endpoint.
-    int64_t last_frame = -1;
-    ULONG last_frame_bytes = 0;
-    std::deque<Transfer*> queue; // the head is the active transfer
-};
-
-struct PipeHandleInfo {
-    uint8_t address;
-    ULONG max_transfer;
-};
-
-struct Function {
-    PortState* port = nullptr;
-    std::vector<uint8_t> interfaces;
-    PDEVICE_OBJECT pdo = nullptr;
-    bool configured = false;
-    std::map<uintptr_t, PipeHandleInfo> pipes; // valid pipe handles
-    std::vector<Notification> notifications;
-};
-
-struct PortState {
-    int number = 0;
-    std::shared_ptr<Device> device;
-    Speed speed = Speed::kFull;
-    uint16_t address = 0;
-    bool gone = false;
-    uint8_t config_value = 0;
-    Endpoint ep0;
-    std::map<uint8_t, Endpoint> endpoints; // of the selected configuration
-    std::vector<std::unique_ptr<Function>> functions;
-    uint64_t urbs = 0;
-};
-
-// The extension of every device object the bus owns.
-struct BusExtension {
-    enum Kind : uint32_t { kPdo = 1, kHub = 2 } kind;
-    Bus::Impl* bus;
-    Function* function;
-};
-
-struct Bus::Impl {
-    explicit Impl(BusOptions opts);
-    ~Impl();
-
-    BusOptions options;
-    hk::Driver driver{u"\\Driver\\usbhub"};
-    PDEVICE_OBJECT hub = nullptr;
-    KSPIN_LOCK lock = 0;
-    std::vector<std::unique_ptr<PortState>> ports;
-    std::map<PIRP, Transfer*> pending;
-    // The host controller's completion context: transfers by due time (then
-    // in order of scheduling), run by one DPC that the frame timer or a
-    // release queues.
-    std::multimap<int64_t, Transfer*> schedule;
-    KTIMER frame_timer;
-    KDPC completion_dpc;
-    bool passing = false;    // a completion pass runs (on some processor)
-    bool pass_again = false; // asked for while one ran: that one goes on
-    std::list<std::pair<Fault, UsbFaultKnob>> faults;
-    std::vector<std::string> diagnostics;
-    std::unique_ptr<Capture> capture;
-    uint64_t next_handle = 0x10000;
-    uint16_t next_address = 1;
-
-    // Dispatch.
-    static NTSTATUS NTAPI DispatchInternal(PDEVICE_OBJECT device, PIRP irp);
-    static NTSTATUS NTAPI DispatchControl(PDEVICE_OBJECT device, PIRP irp);
-    static VOID NTAPI CancelTransfer(PDEVICE_OBJECT device, PIRP irp);
-    static VOID NTAPI CompletionDpc(PKDPC dpc, PVOID context, PVOID, PVOID);
-
-    NTSTATUS SubmitUrb(Function* function, PIRP irp, PURB urb);
-    NTSTATUS Refuse(PIRP irp, PURB urb, USBD_STATUS status, const std::string& why);
-    NTSTATUS CompleteNow(PIRP irp, NTSTATUS status, ULONG_PTR information = 0);
-    NTSTATUS PendLocked(Transfer* t);
-    bool ValidateSelect(Function* function, PURB urb, std::string& why);
-
-    // Runs under lock.
-    void Enqueue(Transfer* t);
-    void Activate(Transfer* t);
-    void ArmAt(Transfer* t, int64_t due);
-    void Release(Transfer* t); // runs in the completion context as soon as possible
-    void ArmFrameTimer();
-    int64_t FrameTime(const PortState& port) const;
-    int64_t NextBoundary(int64_t period) const;
-    int64_t DataDue(const PortState& port, const Endpoint& ep, ULONG bytes) const;
-    int64_t MoveBulk(const PortState& port, Endpoint& ep, bool behind, ULONG bytes);
-    bool Continues(const PortState& port, const Endpoint& ep, bool behind) const;
-    bool Fires(Fault kind, uint32_t key, UsbFaultKnob** knob = nullptr);
-
-    // In the DPC.
-    void Run(Transfer* t);
-    USBD_STATUS RunControl(Transfer* t);
-    void ApplySelection(Transfer* t);
-    bool RunData(Transfer* t, USBD_STATUS& status);
-    // Handles are numbers never handed out twice, so a stale handle never
-    // matches a later one.
-    PVOID NewHandle() { return reinterpret_cast<PVOID>(uintptr_t(next_handle += 0x10)); }
-    void Finish(Transfer* t, USBD_STATUS status);
-    bool PullIn(Transfer* t, USBD_STATUS& status);
-
-    void Diagnose(const std::string& text);
-    void Record(const Transfer* t, PIRP irp, PURB urb, bool completion, USBD_STATUS status);
-    void DataReady(PortState* port, uint8_t endpoint);
-    PortState* Port(int number) const;
-    void MarkGone(PortState* port);
-    void DeleteFunctions(PortState* port);
-};
-
 Bus::Impl::Impl(BusOptions opts) : options(std::move(opts)) {
     KeInitializeSpinLock(&lock);
     KeInitializeTimer(&frame_timer);
@@ -265,6 +111,7 @@ Bus::Impl::Impl(BusOptions opts) : options(std::move(opts)) {
     PDRIVER_OBJECT object = driver.Object();
     object->MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL] = DispatchInternal;
     object->MajorFunction[IRP_MJ_DEVICE_CONTROL] = DispatchControl;
+    object->MajorFunction[IRP_MJ_PNP] = DispatchPnp;
     if (IoCreateDevice(object, sizeof(BusExtension), nullptr, FILE_DEVICE_BUS_EXTENDER, 0, FALSE,
                        &hub) != STATUS_SUCCESS) {
         std::fprintf(stderr, "hostusb: cannot create the hub's device object\n");
@@ -284,6 +131,7 @@ Bus::Impl::Impl(BusOptions opts) : options(std::move(opts)) {
 }
 
 Bus::Impl::~Impl() {
+    *alive = false;
     for (auto& port : ports)
         if (port->device)
             DeleteFunctions(port.get());
@@ -822,7 +670,11 @@ NTSTATUS Bus::Impl::SubmitUrb(Function* function, PIRP irp, PURB urb) {
         return Refuse(irp, urb, refusal, why);
     }
     Record(t, irp, urb, false, USBD_STATUS_PENDING);
-    if (port->gone || Fires(Fault::kDeviceGone, 0)) {
+    if (function->removed) {
+        t->cancel = true;
+        t->forced = USBD_STATUS_DEVICE_GONE;
+        Release(t);
+    } else if (port->gone || Fires(Fault::kDeviceGone, 0)) {
         MarkGone(port);
         t->cancel = true;
         t->forced = USBD_STATUS_DEVICE_GONE;
@@ -1321,6 +1173,8 @@ int Bus::Plug(std::shared_ptr<Device> device, Speed speed) {
         port->device = device;
         port->speed = speed;
         port->gone = false;
+        port->unplugged = false;
+        port->identity = Identity{};
         port->config_value = 0;
         port->endpoints.clear();
         port->address = bus.next_address++;
@@ -1342,6 +1196,8 @@ int Bus::Plug(std::shared_ptr<Device> device, Speed speed) {
             function->pdo->Flags &= ~DO_DEVICE_INITIALIZING;
             port->functions.push_back(std::move(function));
         }
+        bus.Enumerate(state);
+        IoInvalidateDeviceRelations(bus.hub, BusRelations);
         return port->number;
     }
     bus.Diagnose("no free port for another device");
@@ -1356,6 +1212,13 @@ void Bus::Unplug(int port) {
     KeAcquireSpinLock(&impl_->lock, &irql);
     impl_->MarkGone(state);
     KeReleaseSpinLock(&impl_->lock, irql);
+    // Under the PnP manager the device objects go when it removes them, once
+    // it has learned from the hub that the device is missing.
+    if (hk::Kernel::Current().pnp().Active()) {
+        state->unplugged = true;
+        IoInvalidateDeviceRelations(impl_->hub, BusRelations);
+        return;
+    }
     impl_->DeleteFunctions(state);
 }
 

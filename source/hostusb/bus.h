@@ -128,7 +128,8 @@ class Bus {
     int Plug(std::shared_ptr<Device> device, Speed speed = Speed::kFull);
     // The device leaves its port: pending and later transfers fail with
     // USBD_STATUS_DEVICE_GONE; its physical device objects are deleted (any
-    // driver must have detached from them).
+    // driver must have detached from them), or, under the PnP manager, the
+    // hub's relations are invalidated and each goes at its removal.
     void Unplug(int port);
     // The device stops answering from now on, but stays plugged.
     void DeviceGone(int port);

@@ -1,0 +1,306 @@
+// The emulated PnP manager over the simulated bus, with a small function
+// driver that attaches to each PDO and passes every PnP request down: the
+// order of the requests, the installed registry, COM port names and their
+// reuse, removal with and without open handles, eject and rebalance vetoes.
+#include "bus_client.h"
+
+#include "hostkernel/pnp.h"
+
+#include <string>
+#include <vector>
+
+namespace {
+
+const char* const kOrdinary = "USB\\VID_FFF0&PID_0001\\KM0000001";
+const std::string kEnum = std::string(hk::Registry::kEnumPath) + "\\";
+
+// What the fake driver saw, and the requests it fails.
+struct FakeDriverState {
+    std::vector<UCHAR> minors;
+    UCHAR veto = 0xFF;
+};
+FakeDriverState* g_fake = nullptr;
+
+struct FakeExtension {
+    PDEVICE_OBJECT lower;
+};
+
+NTSTATUS NTAPI FakeAddDevice(PDRIVER_OBJECT driver, PDEVICE_OBJECT pdo) {
+    PDEVICE_OBJECT fdo;
+    NTSTATUS status =
+        IoCreateDevice(driver, sizeof(FakeExtension), nullptr, FILE_DEVICE_MODEM, 0, FALSE, &fdo);
+    if (!NT_SUCCESS(status))
+        return status;
+    static_cast<FakeExtension*>(fdo->DeviceExtension)->lower =
+        IoAttachDeviceToDeviceStack(fdo, pdo);
+    fdo->Flags &= ~DO_DEVICE_INITIALIZING;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS NTAPI FakePnp(PDEVICE_OBJECT fdo, PIRP irp) {
+    UCHAR minor = IoGetCurrentIrpStackLocation(irp)->MinorFunction;
+    g_fake->minors.push_back(minor);
+    if (minor == g_fake->veto) {
+        irp->IoStatus.Status = STATUS_UNSUCCESSFUL;
+        IoCompleteRequest(irp, IO_NO_INCREMENT);
+        return STATUS_UNSUCCESSFUL;
+    }
+    PDEVICE_OBJECT lower = static_cast<FakeExtension*>(fdo->DeviceExtension)->lower;
+    IoSkipCurrentIrpStackLocation(irp);
+    NTSTATUS status = IoCallDriver(lower, irp);
+    if (minor == IRP_MN_REMOVE_DEVICE) {
+        IoDetachDevice(lower);
+        IoDeleteDevice(fdo);
+    }
+    return status;
+}
+
+NTSTATUS NTAPI FakeOpenClose(PDEVICE_OBJECT, PIRP irp) {
+    irp->IoStatus.Status = STATUS_SUCCESS;
+    IoCompleteRequest(irp, IO_NO_INCREMENT);
+    return STATUS_SUCCESS;
+}
+
+class PnpManagerTest : public BusTest {
+  protected:
+    void SetUp() override {
+        BusTest::SetUp();
+        g_fake = &fake_;
+        driver_ = std::make_unique<hk::Driver>(u"\\Driver\\cdcacm");
+        PDRIVER_OBJECT object = driver_->Object();
+        object->DriverExtension->AddDevice = FakeAddDevice;
+        object->MajorFunction[IRP_MJ_PNP] = FakePnp;
+        for (UCHAR major : {IRP_MJ_CREATE, IRP_MJ_CLEANUP, IRP_MJ_CLOSE})
+            object->MajorFunction[major] = FakeOpenClose;
+        std::string error;
+        ASSERT_TRUE(pnp().LoadInf(CDCACM_INF, &error)) << error;
+        pnp().RegisterDriver("cdcacm", object);
+        bus_ = std::make_unique<hu::Bus>();
+    }
+    void TearDown() override {
+        for (int port : ports_)
+            bus_->Unplug(port);
+        pnp().Settle();
+        driver_.reset();
+        BusTest::TearDown();
+        g_fake = nullptr;
+    }
+    hk::PnpManager& pnp() { return kernel().pnp(); }
+    int PlugSettled(const sm::Profile& profile) {
+        modems_.push_back(std::make_shared<sm::Modem>(profile));
+        int port = bus_->Plug(modems_.back());
+        ports_.push_back(port);
+        pnp().Settle();
+        return port;
+    }
+    void UnplugSettled(int port) {
+        bus_->Unplug(port);
+        ports_.erase(std::find(ports_.begin(), ports_.end(), port));
+        pnp().Settle();
+    }
+    std::string PortName(const std::string& instance) {
+        return kernel()
+            .registry()
+            .GetString(kEnum + instance + "\\Device Parameters", "PortName")
+            .value_or("none");
+    }
+
+    FakeDriverState fake_;
+    std::unique_ptr<hk::Driver> driver_;
+    std::vector<std::shared_ptr<sm::Modem>> modems_;
+    std::vector<int> ports_;
+};
+
+TEST_F(PnpManagerTest, PlugInstallsFromTheInfAndStartsTheStack) {
+    kernel().registry().SetDword(std::string(hk::Registry::kServicesPath) + "\\cdcacm", "TraceMask",
+                                 7);
+    int port = PlugSettled(sm::OrdinaryModem());
+    const hk::PnpDevice* device = pnp().Device(kOrdinary);
+    ASSERT_NE(device, nullptr);
+    EXPECT_EQ(device->state, hk::PnpState::kStarted);
+    EXPECT_EQ(device->pdo, bus_->Pdo(port));
+    EXPECT_EQ(device->add_device, STATUS_SUCCESS);
+    EXPECT_EQ(device->Sequence(),
+              (std::vector<UCHAR>{IRP_MN_QUERY_CAPABILITIES, IRP_MN_START_DEVICE}));
+    EXPECT_EQ(fake_.minors, device->Sequence()) << "requests go to the top of the stack";
+    EXPECT_EQ(device->capabilities.UniqueID, 1u) << "the bus filled the capabilities";
+
+    hk::Registry& registry = kernel().registry();
+    std::string key = kEnum + kOrdinary;
+    EXPECT_EQ(registry.GetString(key, "Service"), "cdcacm");
+    EXPECT_EQ(registry.GetString(key, "Class"), "Ports");
+    EXPECT_EQ(registry.GetString(key, "ClassGUID"), "{4D36E978-E325-11CE-BFC1-08002BE10318}");
+    EXPECT_EQ(registry.GetValue(key, "HardwareID")->type, ULONG(REG_MULTI_SZ));
+    EXPECT_EQ(registry.GetString(key, "FriendlyName"), "Korva USB Modem (COM1)");
+    EXPECT_EQ(registry.HardwareKeyFor(bus_->Pdo(port)), key + "\\Device Parameters");
+    std::string service = std::string(hk::Registry::kServicesPath) + "\\cdcacm";
+    EXPECT_EQ(registry.GetDword(service, "TraceMask"), 7u) << "an existing value is kept";
+    EXPECT_EQ(registry.GetDword(service, "Start"), 3u);
+    EXPECT_EQ(registry.GetString(service, "ImagePath"), "System32\\drivers\\cdcacm.sys");
+}
+
+// COM numbers go lowest first, stay reserved for their instance while it is
+// away, and come back with it.
+TEST_F(PnpManagerTest, PortNamesAreTheLowestFreeAndKeptPerInstance) {
+    int ordinary = PlugSettled(sm::OrdinaryModem());
+    int composite = PlugSettled(sm::CompositeTwoAcm());
+    const std::string first = "USB\\VID_FFF0&PID_0001&MI_00\\KM0000001";
+    const std::string second = "USB\\VID_FFF0&PID_0001&MI_02\\KM0000001";
+    EXPECT_EQ(PortName(kOrdinary), "COM1");
+    EXPECT_EQ(PortName(first), "COM2");
+    EXPECT_EQ(PortName(second), "COM3");
+    UnplugSettled(ordinary);
+    UnplugSettled(composite);
+    PlugSettled(sm::NoSerialNumber());
+    EXPECT_EQ(PortName("USB\\VID_FFF0&PID_0001\\1&0&1"), "COM4");
+    PlugSettled(sm::CompositeTwoAcm());
+    PlugSettled(sm::OrdinaryModem());
+    EXPECT_EQ(PortName(second), "COM3");
+    EXPECT_EQ(PortName(kOrdinary), "COM1");
+    EXPECT_EQ(pnp().Device(second)->state, hk::PnpState::kStarted);
+}
+
+TEST_F(PnpManagerTest, UnplugSurpriseRemovesAndRemovesOnceTheLastHandleCloses) {
+    int port = PlugSettled(sm::OrdinaryModem());
+    PDEVICE_OBJECT pdo = bus_->Pdo(port);
+    hk::File file;
+    ASSERT_EQ(file.Open(pdo->AttachedDevice), STATUS_SUCCESS);
+    UnplugSettled(port);
+    const hk::PnpDevice* device = pnp().Device(kOrdinary);
+    EXPECT_EQ(device->Sequence().back(), IRP_MN_SURPRISE_REMOVAL);
+    EXPECT_EQ(device->state, hk::PnpState::kSurpriseRemoved);
+    EXPECT_TRUE(hk::DeviceExists(pdo));
+    file.Close();
+    pnp().Settle();
+    EXPECT_EQ(device->Sequence(),
+              (std::vector<UCHAR>{IRP_MN_QUERY_CAPABILITIES, IRP_MN_START_DEVICE,
+                                  IRP_MN_SURPRISE_REMOVAL, IRP_MN_REMOVE_DEVICE}));
+    EXPECT_EQ(device->state, hk::PnpState::kRemoved);
+    EXPECT_FALSE(hk::DeviceExists(pdo)) << "the bus deletes a PDO reported missing";
+}
+
+struct VetoCase {
+    const char* name;
+    bool eject; // else rebalance
+    UCHAR veto;
+    bool done;
+    std::vector<UCHAR> after_start;
+    hk::PnpState state;
+};
+
+class PnpVetoTest : public PnpManagerTest, public ::testing::WithParamInterface<VetoCase> {};
+
+TEST_P(PnpVetoTest, SendsTheQueryThenTheActionOrItsCancel) {
+    int port = PlugSettled(sm::OrdinaryModem());
+    fake_.veto = GetParam().veto;
+    fake_.minors.clear();
+    bool done = GetParam().eject ? pnp().Eject(kOrdinary) : pnp().Rebalance(kOrdinary);
+    pnp().Settle();
+    EXPECT_EQ(done, GetParam().done);
+    EXPECT_EQ(fake_.minors, GetParam().after_start);
+    EXPECT_EQ(pnp().Device(kOrdinary)->state, GetParam().state);
+    EXPECT_TRUE(hk::DeviceExists(bus_->Pdo(port))) << "a PDO still present stays";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Actions, PnpVetoTest,
+    ::testing::Values(VetoCase{"Eject",
+                               true,
+                               0xFF,
+                               true,
+                               {IRP_MN_QUERY_REMOVE_DEVICE, IRP_MN_REMOVE_DEVICE},
+                               hk::PnpState::kRemoved},
+                      VetoCase{"EjectVetoed",
+                               true,
+                               IRP_MN_QUERY_REMOVE_DEVICE,
+                               false,
+                               {IRP_MN_QUERY_REMOVE_DEVICE, IRP_MN_CANCEL_REMOVE_DEVICE},
+                               hk::PnpState::kStarted},
+                      VetoCase{"Rebalance",
+                               false,
+                               0xFF,
+                               true,
+                               {IRP_MN_QUERY_STOP_DEVICE, IRP_MN_STOP_DEVICE, IRP_MN_START_DEVICE},
+                               hk::PnpState::kStarted},
+                      VetoCase{"RebalanceVetoed",
+                               false,
+                               IRP_MN_QUERY_STOP_DEVICE,
+                               false,
+                               {IRP_MN_QUERY_STOP_DEVICE, IRP_MN_CANCEL_STOP_DEVICE},
+                               hk::PnpState::kStarted},
+                      VetoCase{"FailedRestart",
+                               false,
+                               IRP_MN_START_DEVICE,
+                               true,
+                               {IRP_MN_QUERY_STOP_DEVICE, IRP_MN_STOP_DEVICE, IRP_MN_START_DEVICE,
+                                IRP_MN_REMOVE_DEVICE},
+                               hk::PnpState::kStartFailed}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(PnpManagerTest, AFailedStartRemovesTheStack) {
+    fake_.veto = IRP_MN_START_DEVICE;
+    int port = PlugSettled(sm::OrdinaryModem());
+    EXPECT_EQ(fake_.minors, (std::vector<UCHAR>{IRP_MN_QUERY_CAPABILITIES, IRP_MN_START_DEVICE,
+                                                IRP_MN_REMOVE_DEVICE}));
+    EXPECT_EQ(pnp().Device(kOrdinary)->state, hk::PnpState::kStartFailed);
+    EXPECT_EQ(bus_->Pdo(port)->AttachedDevice, nullptr);
+}
+
+} // namespace
+
+namespace {
+
+const GUID kComPortClass = {
+    0x86E0D1E0, 0x8089, 0x11D0, {0x9C, 0xE4, 0x08, 0x00, 0x3E, 0x30, 0x1F, 0x73}};
+const std::u16string kOrdinaryInterface =
+    u"\\??\\USB#VID_FFF0&PID_0001#KM0000001#{86e0d1e0-8089-11d0-9ce4-08003e301f73}";
+
+std::u16string Text(const UNICODE_STRING& name) {
+    return std::u16string(name.Buffer, name.Length / sizeof(WCHAR));
+}
+
+TEST_F(PnpManagerTest, InterfacesAreNamedByInstanceAndLinkedWhileEnabled) {
+    int port = PlugSettled(sm::OrdinaryModem());
+    PDEVICE_OBJECT pdo = bus_->Pdo(port);
+    UNICODE_STRING name;
+    ASSERT_EQ(IoRegisterDeviceInterface(pdo, &kComPortClass, nullptr, &name), STATUS_SUCCESS);
+    EXPECT_EQ(Text(name), kOrdinaryInterface);
+    UNICODE_STRING again;
+    ASSERT_EQ(IoRegisterDeviceInterface(pdo, &kComPortClass, nullptr, &again), STATUS_SUCCESS);
+    EXPECT_EQ(Text(again), kOrdinaryInterface) << "registered again: the same name";
+    RtlFreeUnicodeString(&again);
+
+    struct Step {
+        BOOLEAN enable;
+        NTSTATUS status;
+        bool linked;
+    };
+    for (Step step : {Step{FALSE, STATUS_OBJECT_NAME_NOT_FOUND, false},
+                      Step{TRUE, STATUS_SUCCESS, true}, Step{TRUE, STATUS_OBJECT_NAME_EXISTS, true},
+                      Step{FALSE, STATUS_SUCCESS, false}, Step{TRUE, STATUS_SUCCESS, true}}) {
+        EXPECT_EQ(IoSetDeviceInterfaceState(&name, step.enable), step.status);
+        EXPECT_EQ(hk::FindDevice(kOrdinaryInterface), step.linked ? pdo : nullptr);
+    }
+    UnplugSettled(port);
+    EXPECT_FALSE(hk::SymbolicLinkExists(kOrdinaryInterface)) << "removal disables the interface";
+    std::vector<bool> arrivals;
+    for (const hk::InterfaceNotification& n : pnp().interfaces().Notifications()) {
+        EXPECT_EQ(n.name, kOrdinaryInterface);
+        arrivals.push_back(n.arrival);
+    }
+    EXPECT_EQ(arrivals, (std::vector<bool>{true, false, true, false}));
+    RtlFreeUnicodeString(&name);
+}
+
+TEST_F(PnpManagerTest, OnlyAPdoTheManagerKnowsGetsAnInterface) {
+    int port = PlugSettled(sm::OrdinaryModem());
+    UNICODE_STRING name{};
+    EXPECT_EQ(
+        IoRegisterDeviceInterface(bus_->Pdo(port)->AttachedDevice, &kComPortClass, nullptr, &name),
+        STATUS_INVALID_DEVICE_REQUEST);
+    UNICODE_STRING unknown;
+    RtlInitUnicodeString(&unknown, kOrdinaryInterface.c_str());
+    EXPECT_EQ(IoSetDeviceInterfaceState(&unknown, TRUE), STATUS_OBJECT_NAME_NOT_FOUND);
+}
+
+} // namespace
