@@ -95,14 +95,13 @@ NTSTATUS RtlAnsiStringToUnicodeString(PUNICODE_STRING DestinationString, PCANSI_
             return STATUS_NO_MEMORY;
         DestinationString->Buffer = buffer;
         DestinationString->MaximumLength = maximum;
-    } else if (bytes > DestinationString->MaximumLength) {
-        return STATUS_BUFFER_OVERFLOW;
+    } else if (bytes + sizeof(WCHAR) > DestinationString->MaximumLength) {
+        return STATUS_BUFFER_OVERFLOW; // the terminator must fit too
     }
     for (USHORT i = 0; i < SourceString->Length; ++i)
         DestinationString->Buffer[i] = WCHAR(UCHAR(SourceString->Buffer[i]));
     DestinationString->Length = bytes;
-    if (bytes + sizeof(WCHAR) <= DestinationString->MaximumLength)
-        DestinationString->Buffer[SourceString->Length] = 0;
+    DestinationString->Buffer[SourceString->Length] = 0;
     return STATUS_SUCCESS;
 }
 

@@ -39,6 +39,9 @@ TEST_F(Rtl, AnsiToUnicodeAllocatesFromPoolAndFrees) {
     RtlFreeUnicodeString(&wide);
     EXPECT_EQ(kernel().pool().Total().blocks, 0u);
     EXPECT_EQ(wide.Buffer, nullptr);
+    WCHAR four[4]; // the terminator must fit as well
+    UNICODE_STRING fixed{0, sizeof(four), four};
+    EXPECT_EQ(RtlAnsiStringToUnicodeString(&fixed, &ansi, FALSE), STATUS_BUFFER_OVERFLOW);
 }
 
 TEST_F(Rtl, CompareEqualAndCopy) {
