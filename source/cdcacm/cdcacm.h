@@ -42,6 +42,7 @@
 #include "usbcfg.h"
 #include "ntcfg.h"
 #include "pnpadd.h"
+#include "power.h"
 #include "worker.h"
 
 // Magics: four characters stored little-endian, so that a memory dump

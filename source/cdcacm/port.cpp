@@ -1,7 +1,15 @@
-// The port object: resolving a request's device object to the device
+// The port object: its creation and deletion, the physical port's
+// initialisation, the modem's re-initialisation with its delayed retries,
+// the system error log, resolving a request's device object to the device
 // context and its embedded port object, the wait-on-mask events that
 // complete the pending IOCTL_SERIAL_WAIT_ON_MASK request, and the CDC class
 // and vendor control requests sent on the modem's default pipe.
+//
+// Re-initialisation: Reinit runs as a work item under DeviceMutex (never
+// beside another work item of the device); ScheduleReinit and
+// ReinitTimerFnc take no lock and count ReinitPending with interlocked
+// operations; InitPort takes the device lock only around the modem-status
+// copy and its events.
 //
 // Environment: GetDevAndPort at any IRQL; IndicateWaitEvent and
 // CompleteWaitIrp up to DISPATCH_LEVEL; DelayWaitCancelFnc at
@@ -236,4 +244,252 @@ NTSTATUS StopFraming(PDEVICE Dev) {
 
 VOID GetModemStatus(PDEVICE Dev, PULONG ModemStatus) {
     *ModemStatus = Dev->ModemStatus;
+}
+
+// ---- Port object, re-initialisation and error log ----
+
+#define LOG_MESSAGE_BYTES 104 // 51 characters and the terminator
+#define LOG_STRING_OFFSET 40
+#define LOG_ENTRY_OVERHEAD 50
+#define LOG_UNIQUE_VALUE 0xEBEBEBEB
+#define REINIT_DELAY_MS 500
+#define REINIT_MAX_RETRIES 4
+#define REINIT_MAX_QUEUED 2
+
+NTSTATUS CreatePort(PDEVICE Dev, PPORT_OBJ Port) {
+    TRACE(TL_LIFECYCLE, "%P:%S:[CreatePort \n", DEV_PORT_NAME(Dev));
+    // clang-format off
+    TRACE_ASSERT(PTRVALID(Dev,DEVICE));
+    TRACE_ASSERT(IRQL_EQ_PASSIVE());
+    // clang-format on
+    Port->Device = Dev;
+    IrpQueueInit(&Port->ReadIrpQueue);
+    IrpQueueInit(&Port->WriteIrpQueue);
+    Port->Magic = PORT_OBJ_MAGIC;
+    NTSTATUS Status = DPoolInit(&Port->RequestPool, 5, 40, 10, sizeof(SER_REQUEST));
+    if (!NT_SUCCESS(Status)) {
+        TRACE(TL_ERROR, "%P:%S:CreatePort: DPoolInit failed (%D)\n", DEV_PORT_NAME(Dev), Status);
+        DeletePort(Port);
+        TRACE(TL_ERROR, "%P:%S:]CreatePort (%D) \n", DEV_PORT_NAME(Dev), Status);
+        return Status;
+    }
+    PDEVICE_OBJECT DataPort = Port->DeviceObject;
+    DataPort->Flags |= DO_BUFFERED_IO | DO_POWER_PAGABLE;
+    DataPort->Flags &= ~DO_DEVICE_INITIALIZING;
+    Status = AddPort(&Port->SerPort, Dev, Dev->Cfg.ReadCircBufferSize, Dev->Cfg.WriteCircBufferSize,
+                     Dev->Cfg.TimerInterval, Port);
+    if (!NT_SUCCESS(Status)) {
+        TRACE(TL_ERROR, "%P:%S:CreatePort: AddPort failed (%D)\n", DEV_PORT_NAME(Dev), Status);
+        DeletePort(Port);
+        TRACE(TL_ERROR, "%P:%S:]CreatePort (%D) \n", DEV_PORT_NAME(Dev), STATUS_UNSUCCESSFUL);
+        return STATUS_UNSUCCESSFUL;
+    }
+    TRACE(TL_LIFECYCLE, "%P:%S]CreatePort (%D) \n", DEV_PORT_NAME(Dev), STATUS_SUCCESS);
+    return STATUS_SUCCESS;
+}
+
+VOID DeletePort(PPORT_OBJ Port) {
+    TRACE(TL_LIFECYCLE, "%P:%S:[DeletePort \n", DEV_PORT_NAME(Port->Device));
+    // clang-format off
+    TRACE_ASSERT(PTRVALID(Port,PORT_OBJ));
+    // clang-format on
+    if (Port->SerPort != NULL) {
+        DeleteSerPort(Port->SerPort);
+        Port->SerPort = NULL;
+    }
+    if (Port->InterfaceName.Buffer != NULL) {
+        IoSetDeviceInterfaceState(&Port->InterfaceName, FALSE);
+        RtlFreeUnicodeString(&Port->InterfaceName);
+        Port->InterfaceName.Buffer = NULL;
+    }
+    DPoolExit(&Port->RequestPool);
+    TRACE(TL_LIFECYCLE, "%P:%S:]DeletePort \n", DEV_PORT_NAME(Port->Device));
+}
+
+// The wait-on-mask events of the modem lines that differ between two
+// statuses (SERIAL_MSR_* bits).
+static ULONG LineEvents(ULONG Changed) {
+    ULONG Events = 0;
+    if (Changed & SERIAL_MSR_CTS)
+        Events |= SERIAL_EV_CTS;
+    if (Changed & SERIAL_MSR_DSR)
+        Events |= SERIAL_EV_DSR;
+    if (Changed & SERIAL_MSR_DCD)
+        Events |= SERIAL_EV_RLSD;
+    if (Changed & SERIAL_MSR_RI)
+        Events |= SERIAL_EV_RING;
+    return Events;
+}
+
+NTSTATUS InitPort(PDEVICE Dev, BOOLEAN ResetPipes) {
+    TRACE(TL_LIFECYCLE, "%P:%S:[InitPort\n", DEV_PORT_NAME(Dev));
+    NTSTATUS Status = SetPcStatus(Dev);
+    if (!NT_SUCCESS(Status)) {
+        TRACE(TL_ERROR, "%P:%S:InitPort SetPcStatus failed (%D)\n", DEV_PORT_NAME(Dev), Status);
+    } else {
+        // The modem status becomes what the modem last reported; a waiting
+        // application sees the lines that changed meanwhile as their events
+        // (the status bits themselves are no event mask).
+        KIRQL OldIrql;
+        DEVICE_LOCK(Dev, &OldIrql);
+        ULONG Changed = Dev->ModemStatus ^ Dev->ReceivedModemStatus;
+        Dev->ModemStatus = Dev->ReceivedModemStatus;
+        IndicateWaitEvent(&Dev->Port, LineEvents(Changed));
+        DEVICE_UNLOCK(Dev, OldIrql);
+        Dev->SendChunkSize = Dev->Cfg.FlowTest != 0 ? 64 : Dev->Cfg.WriteBufferSize;
+        if (ResetPipes) {
+            Status = ResetPipe(&Dev->UsbDevice, Dev->ReceivePipe.Pipe);
+            if (!NT_SUCCESS(Status)) {
+                TRACE(TL_ERROR, "%P:%S:InitPort ResetPipe ReceivePipe failed (%D)\n",
+                      DEV_PORT_NAME(Dev), Status);
+            } else {
+                Status = ResetPipe(&Dev->UsbDevice, Dev->IntPipe.Pipe);
+                if (!NT_SUCCESS(Status)) {
+                    TRACE(TL_ERROR, "%P:%S:InitPort ResetPipe IntPipe failed (%D)\n",
+                          DEV_PORT_NAME(Dev), Status);
+                } else {
+                    Status = ResetPipe(&Dev->UsbDevice, Dev->WritePipe.Pipe);
+                    if (!NT_SUCCESS(Status))
+                        TRACE(TL_ERROR, "%P:%S:InitPort ResetPipe WritePipe failed (%D)\n",
+                              DEV_PORT_NAME(Dev), Status);
+                }
+            }
+        }
+    }
+    TRACE(TL_LIFECYCLE, "%P:%S:]InitPort (%D)\n", DEV_PORT_NAME(Dev), Status);
+    if (!NT_SUCCESS(Status))
+        LogError(Dev->DriverObject, LOG_ERROR_CODE, "Unable to init physical port.");
+    return Status;
+}
+
+NTSTATUS Reinit(PDEVICE Dev) {
+    TRACE(TL_INFO, "%P:%S:[Reinit\n", DEV_PORT_NAME(Dev));
+    // clang-format off
+    TRACE_ASSERT(PTRVALID(Dev,DEVICE));
+    TRACE_ASSERT(IRQL_EQ_PASSIVE());
+    // clang-format on
+    BOOLEAN Done = FALSE;
+    Dev->DeviceInitialized = FALSE;
+    if (!Dev->UsbDeviceEnabled) {
+        TRACE(TL_INFO, "%P:%S:Reinit: UsbDeviceEnabled not enabled\n", DEV_PORT_NAME(Dev));
+        Done = TRUE;
+    } else if (Dev->DevicePowerState != PowerDeviceD0) {
+        TRACE(TL_INFO, "%P:%S:Reinit: Device is in sleep mode\n", DEV_PORT_NAME(Dev));
+        Done = TRUE;
+    } else {
+        TRACE(TL_INFO, "%P:%S:Reinit Set Power state\n", DEV_PORT_NAME(Dev));
+        SerPortEnable(Dev->Port.SerPort, TRUE);
+        TRACE(TL_INFO, "%P:%S:Reinit stop sndrcv\n", DEV_PORT_NAME(Dev));
+        StopSendAndReceive(Dev, TRUE);
+        if (Dev->ReinitCount > 1) {
+            TRACE(TL_INFO, "%P:%S:Reinit: USBResetDevice \n", DEV_PORT_NAME(Dev));
+            NTSTATUS ResetStatus = ResetDevice(Dev);
+            if (!NT_SUCCESS(ResetStatus))
+                TRACE(TL_ERROR, "%P:%S:Reinit: ResetDevice failed (%D)\n", DEV_PORT_NAME(Dev),
+                      ResetStatus);
+        }
+        TRACE(TL_INFO, "%P:%S:Reinit Init Port\n", DEV_PORT_NAME(Dev));
+        NTSTATUS Status = InitPort(Dev, TRUE);
+        if (NT_SUCCESS(Status)) {
+            TRACE(TL_INFO, "%P:%S:Reinit start sndrcv\n", DEV_PORT_NAME(Dev));
+            StartSendAndReceive(Dev);
+            StartTimer(Dev);
+            SerPortEnable(Dev->Port.SerPort, FALSE);
+            Done = TRUE;
+            Dev->DeviceInitialized = TRUE;
+            Dev->ReinitCount = 0;
+            RequestWakeupIrp(Dev);
+        } else
+            TRACE(TL_ERROR, "%P:%S:Reinit: InitPort failed (%D)\n", DEV_PORT_NAME(Dev), Status);
+    }
+    if (Dev->PnpState == 0 && !Done && Dev->ReinitCount < REINIT_MAX_RETRIES) {
+        Dev->ReinitCount++;
+        TRACE(TL_INFO, "%P:%S:Reinit: Schedule delayed reinit\n", DEV_PORT_NAME(Dev));
+        KeSetTimer(&Dev->ReinitTimer.Timer, Dev->ReinitTimer.DueTime, &Dev->ReinitTimer.Dpc);
+    }
+    InterlockedDecrement(&Dev->ReinitPending);
+    TRACE(TL_INFO, "%P:%S:]Reinit\n", DEV_PORT_NAME(Dev));
+    return STATUS_SUCCESS;
+}
+
+static NTSTATUS ReinitWorkItem(PVOID Context) {
+    return Reinit((PDEVICE)Context);
+}
+
+VOID ScheduleReinit(PDEVICE Dev) {
+    TRACE(TL_INFO, "%P:%S:ScheduleReinit\n", DEV_PORT_NAME(Dev));
+    // Check and count in one step, so that racing callers never queue a third.
+    for (;;) {
+        LONG Pending = Dev->ReinitPending;
+        if (Pending >= REINIT_MAX_QUEUED)
+            return;
+        if (InterlockedCompareExchange(&Dev->ReinitPending, Pending + 1, Pending) == Pending)
+            break;
+    }
+    // A refused work item never runs to give its count back.
+    if (!WorkerQueue(Dev, ReinitWorkItem, Dev, NULL))
+        InterlockedDecrement(&Dev->ReinitPending);
+}
+
+VOID ReinitTimerFnc(PTIMER_OBJ TimerObj, PVOID Context) {
+    UNREFERENCED_PARAMETER(TimerObj);
+    PDEVICE Dev = (PDEVICE)Context;
+    TRACE(TL_INFO, "%P:%S:ReinitTimerFnc\n", DEV_PORT_NAME(Dev));
+    // clang-format off
+    TRACE_ASSERT(PTRVALID(Dev,DEVICE));
+    // clang-format on
+    ScheduleReinit(Dev);
+}
+
+VOID LogError(PVOID IoObject, ULONG ErrorCode, const char* Message) {
+    WCHAR Buffer[LOG_MESSAGE_BYTES / sizeof(WCHAR)];
+    UNICODE_STRING Text;
+    ANSI_STRING Ansi;
+    Text.Buffer = Buffer;
+    Text.Length = 0;
+    Text.MaximumLength = sizeof(Buffer);
+    RtlInitAnsiString(&Ansi, Message);
+    if (!NT_SUCCESS(RtlAnsiStringToUnicodeString(&Text, &Ansi, FALSE))) {
+        TRACE(TL_ASSERT, "%P:LogError:FATAL: conversion of '%s' to UNICODE failed\n", Message);
+        // The entry still tells what went wrong: the message cut to what
+        // fits, never more than was converted.
+        Ansi.Length = (USHORT)(sizeof(Buffer) / sizeof(WCHAR) - 1);
+        Text.Length = 0;
+        if (!NT_SUCCESS(RtlAnsiStringToUnicodeString(&Text, &Ansi, FALSE)))
+            Text.Length = 0;
+    }
+    UCHAR Size = (UCHAR)(Text.Length + LOG_ENTRY_OVERHEAD);
+    PUCHAR Entry = (PUCHAR)IoAllocateErrorLogEntry(IoObject, Size);
+    if (Entry == NULL) {
+        TRACE(TL_ASSERT, "%P:LogError:FATAL: IoAllocateErrorLogEntry failed, size:%i\n", Size);
+        return;
+    }
+    RtlZeroMemory(Entry, Size);
+    PIO_ERROR_LOG_PACKET Packet = (PIO_ERROR_LOG_PACKET)Entry;
+    Packet->NumberOfStrings = 1;
+    Packet->StringOffset = LOG_STRING_OFFSET;
+    Packet->ErrorCode = (NTSTATUS)ErrorCode;
+    Packet->UniqueErrorValue = LOG_UNIQUE_VALUE;
+    Packet->FinalStatus = (NTSTATUS)ErrorCode;
+    RtlCopyMemory(Entry + LOG_STRING_OFFSET, Text.Buffer, Text.Length);
+    IoWriteErrorLogEntry(Entry);
+    TRACE(TL_ERROR, "%P:LogError: '%s'\n", Message);
+}
+
+VOID LogNoMemory(PVOID IoObject, ULONG ErrorCode) {
+    LogError(IoObject, ErrorCode, "Unable to allocate memory.");
+}
+
+VOID BuildNumberedName(PUNICODE_STRING Dest, PCWSTR Prefix, PCWSTR Base, ULONG Number) {
+    WCHAR Digits[12]; // 24 bytes: ten digits and the terminator
+    UNICODE_STRING Decimal;
+    Decimal.Buffer = Digits;
+    Decimal.Length = 0;
+    Decimal.MaximumLength = sizeof(Digits);
+    Dest->Length = 0;
+    if (Prefix != NULL)
+        RtlAppendUnicodeToString(Dest, Prefix);
+    RtlAppendUnicodeToString(Dest, Base);
+    if (NT_SUCCESS(RtlIntegerToUnicodeString(Number, 10, &Decimal)))
+        RtlAppendUnicodeStringToString(Dest, &Decimal);
 }

@@ -1,6 +1,7 @@
-// The port object's operations: resolving a device object to its DEVICE
-// and PORT_OBJ, the CDC control requests for the serial settings, and the
-// wait-on-mask events.
+// The port object's operations: its creation and deletion, the physical
+// port's initialisation and the modem's re-initialisation, the system error
+// log, resolving a device object to its DEVICE and PORT_OBJ, the CDC control
+// requests for the serial settings, and the wait-on-mask events.
 //
 // Records: PORT_OBJ is defined in cdcacm.h, embedded in its DEVICE.
 //
@@ -29,11 +30,35 @@ VOID CompleteWaitIrp(PPORT_OBJ Port, ULONG Mask);
 // wait with mask 0.
 TIMER_OBJ_CALLBACK DelayWaitCancelFnc;
 
-// Re-initialisation of the port after transfer errors: Reinit at
-// PASSIVE_LEVEL in a work item, ScheduleReinit (arms a delayed one) up to
-// DISPATCH_LEVEL.
+// The port object's life, at PASSIVE_LEVEL: CreatePort builds the request
+// pool, both request queues and the serial port on the named data port
+// (whose DO_DEVICE_INITIALIZING it clears); DeletePort releases whatever a
+// whole or half-built port holds.
+NTSTATUS CreatePort(PDEVICE Dev, PPORT_OBJ Port);
+VOID DeletePort(PPORT_OBJ Port);
+// Sends the control lines, takes over the received modem status and, with
+// ResetPipes, resets the three pipes; a failure is written to the error log.
+NTSTATUS InitPort(PDEVICE Dev, BOOLEAN ResetPipes);
+
+// Re-initialisation of the whole modem after USB errors, at start and after
+// power-up. Reinit runs at PASSIVE_LEVEL as a work item (always
+// STATUS_SUCCESS; failures retry through ReinitTimer, 500 ms apart, at most
+// four times); ScheduleReinit queues it, at most two at a time, up to
+// DISPATCH_LEVEL. Every run of Reinit gives back one ReinitPending count, so
+// a caller that runs it directly takes one first.
 NTSTATUS Reinit(PDEVICE Dev);
 VOID ScheduleReinit(PDEVICE Dev);
+TIMER_OBJ_CALLBACK ReinitTimerFnc;
+
+// The system error log. Messages are ANSI; at most 51 characters reach the
+// entry.
+#define LOG_ERROR_CODE 0xE0070003 // severity error, customer, facility 7, code 3
+VOID LogError(PVOID IoObject, ULONG ErrorCode, const char* Message);
+VOID LogNoMemory(PVOID IoObject, ULONG ErrorCode);
+
+// Dest = Prefix (optional) + Base + Number in decimal; Dest's buffer and
+// maximum length are the caller's. A part that does not fit is left out.
+VOID BuildNumberedName(PUNICODE_STRING Dest, PCWSTR Prefix, PCWSTR Base, ULONG Number);
 
 // Bits of DEVICE.PcStatus, the wValue of SET_CONTROL_LINE_STATE.
 #define PC_STATUS_DTR 0x01

@@ -323,6 +323,8 @@ NTSTATUS RestartWrite(PVOID Context) {
     NTSTATUS Status = ResetPipe(&Dev->UsbDevice, Pipe->Pipe);
     if (!NT_SUCCESS(Status)) {
         TRACE(TL_ERROR, "%P:%S:ResetPipe write failed (%D)\n", DEV_PORT_NAME(Dev), Status);
+        // Reinit gives back one pending count per run.
+        InterlockedIncrement(&Dev->ReinitPending);
         Reinit(Dev);
         return STATUS_SUCCESS;
     }
@@ -592,6 +594,7 @@ NTSTATUS RestartRead(PVOID Context) {
     NTSTATUS Status = ResetPipe(&Dev->UsbDevice, Pipe->Pipe);
     if (!NT_SUCCESS(Status)) {
         TRACE(TL_ERROR, "%P:%S:ResetPipe read failed (%D)\n", DEV_PORT_NAME(Dev), Status);
+        InterlockedIncrement(&Dev->ReinitPending);
         Reinit(Dev);
     } else
         StartRcv(Pipe);

@@ -41,8 +41,6 @@ bool DeviceRig::Build(const Options& options) {
                               &data_port),
                "IoCreateDevice of the data port"))
         return false;
-    data_port->Flags |= DO_BUFFERED_IO;
-    data_port->Flags &= ~DO_DEVICE_INITIALIZING;
 
     dev = static_cast<PDEVICE>(data_port->DeviceExtension);
     port = &dev->Port;
@@ -51,8 +49,11 @@ bool DeviceRig::Build(const Options& options) {
     dev->Magic = DEVICE_MAGIC;
     dev->DevicePowerState = PowerDeviceD0;
     dev->Cfg.TimerInterval = options.timer_interval;
+    dev->Cfg.ReadCircBufferSize = options.rcv_buffer;
+    dev->Cfg.WriteCircBufferSize = options.snd_buffer;
     dev->RefCount = 1; // the data port's own reference
     InitTimerObj(&dev->QueueTimer, TimerDpcRoutine, dev, options.timer_interval);
+    InitTimerObj(&dev->ReinitTimer, ReinitTimerFnc, dev, 500);
     InitTimerObj(&dev->WaitCancelTimer, DelayWaitCancelFnc, dev, 100);
     KeInitializeEvent(&dev->TimerIdle, NotificationEvent, FALSE);
     KeInitializeMutex(&dev->DeviceMutex, 0);
@@ -60,15 +61,8 @@ bool DeviceRig::Build(const Options& options) {
     CompleteQueueInit(&dev->CompleteQueue);
 
     port->DeviceObject = data_port;
-    port->Device = dev;
     port->PortName = port_name_;
-    IrpQueueInit(&port->ReadIrpQueue);
-    IrpQueueInit(&port->WriteIrpQueue);
-    port->Magic = PORT_OBJ_MAGIC;
-    if (!Check(DPoolInit(&port->RequestPool, 5, 40, 10, sizeof(SER_REQUEST)), "DPoolInit") ||
-        !Check(AddPort(&port->SerPort, dev, options.rcv_buffer, options.snd_buffer,
-                       options.timer_interval, port),
-               "AddPort"))
+    if (!Check(CreatePort(dev, port), "CreatePort"))
         return false;
     ser = port->SerPort;
     return AttachToModem(options);
@@ -176,6 +170,13 @@ std::vector<std::pair<uint8_t, uint16_t>> DeviceRig::ModemRequests() const {
 
 void DeviceRig::TearDown() {
     if (dev != nullptr) {
+        // Re-initialisations still queued or retrying run out first: each
+        // may start the queue timer and the transfers again.
+        for (int wait = 0; wait < 100 && dev->ReinitPending > 0; ++wait) {
+            KeCancelTimer(&dev->ReinitTimer.Timer);
+            RunFor(10);
+        }
+        KeCancelTimer(&dev->ReinitTimer.Timer);
         StopTimer(dev);
         KeCancelTimer(&dev->WaitCancelTimer.Timer);
         for (auto& request : requests_)
@@ -190,12 +191,12 @@ void DeviceRig::TearDown() {
             SqueueFlush(&ser->SndQueue);
             KeReleaseSpinLock(&dev->Lock, irql);
             RunFor(1);
-            DeleteSerPort(ser);
         }
+        if (port->Magic == PORT_OBJ_MAGIC)
+            DeletePort(port);
         for (auto& request : requests_)
             if (!request->completed)
                 Fail("a request never completed");
-        DPoolExit(&port->RequestPool);
         IoDeleteDevice(data_port);
     }
     requests_.clear();

@@ -22,7 +22,7 @@
 // Failures go to the failure handler (SetFailureHandler; by default they
 // are kept in Failures()). Driver-wide state is the caller's: reset it with
 // ResetDriverState before Build. The few operations of the device lifecycle
-// that come later (Reinit, ScheduleReinit, DeleteDevice) are doubles in
+// that come later (DeleteDevice, RequestWakeupIrp) are doubles in
 // lifecycle_doubles.cpp that record their calls in Lifecycle().
 //
 // Environment: the application thread of the current kernel, PASSIVE_LEVEL.
@@ -45,8 +45,7 @@
 // Calls of the lifecycle operations, as their doubles saw them.
 struct LifecycleCalls {
     std::vector<PDEVICE_OBJECT> deleted; // DeleteDevice, in order
-    int reinit = 0;                      // Reinit
-    int schedule_reinit = 0;             // ScheduleReinit
+    int wakeup_requests = 0;             // RequestWakeupIrp
 };
 LifecycleCalls& Lifecycle();
 

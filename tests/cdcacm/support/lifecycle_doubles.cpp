@@ -1,7 +1,7 @@
-// Doubles of the device lifecycle operations that the transfer engines and
-// work items call and whose module comes later: re-initialisation and the
-// deletion of the data port. Each records its call; a real module linked
-// into a test replaces them (they are weak).
+// Doubles of the device lifecycle operations that the transfer engines,
+// work items and re-initialisation call and whose module comes later: the
+// deletion of the data port and the wait-wake request. Each records its
+// call; a real module linked into a test replaces them (they are weak).
 #include "device_rig.h"
 
 LifecycleCalls& Lifecycle() {
@@ -15,10 +15,6 @@ LifecycleCalls& Lifecycle() {
 WEAK VOID DeleteDevice(PDEVICE_OBJECT DeviceObject) {
     Lifecycle().deleted.push_back(DeviceObject);
 }
-WEAK NTSTATUS Reinit(PDEVICE) {
-    Lifecycle().reinit++;
-    return STATUS_SUCCESS;
-}
-WEAK VOID ScheduleReinit(PDEVICE) {
-    Lifecycle().schedule_reinit++;
+WEAK VOID RequestWakeupIrp(PDEVICE) {
+    Lifecycle().wakeup_requests++;
 }
