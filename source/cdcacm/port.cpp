@@ -306,19 +306,25 @@ VOID DeletePort(PPORT_OBJ Port) {
     TRACE(TL_LIFECYCLE, "%P:%S:]DeletePort \n", DEV_PORT_NAME(Port->Device));
 }
 
-// The wait-on-mask events of the modem lines that differ between two
-// statuses (SERIAL_MSR_* bits).
-static ULONG LineEvents(ULONG Changed) {
-    ULONG Events = 0;
-    if (Changed & SERIAL_MSR_CTS)
-        Events |= SERIAL_EV_CTS;
-    if (Changed & SERIAL_MSR_DSR)
-        Events |= SERIAL_EV_DSR;
-    if (Changed & SERIAL_MSR_DCD)
-        Events |= SERIAL_EV_RLSD;
-    if (Changed & SERIAL_MSR_RI)
-        Events |= SERIAL_EV_RING;
-    return Events;
+// Resets the receive, interrupt and write pipes in that order; the first
+// failure ends it.
+static NTSTATUS ResetTransferPipes(PDEVICE Dev) {
+    const struct {
+        PSNDRCV_PIPE Pipe;
+        const char* Failed;
+    } Steps[] = {
+        {&Dev->ReceivePipe, "%P:%S:InitPort ResetPipe ReceivePipe failed (%D)\n"},
+        {&Dev->IntPipe, "%P:%S:InitPort ResetPipe IntPipe failed (%D)\n"},
+        {&Dev->WritePipe, "%P:%S:InitPort ResetPipe WritePipe failed (%D)\n"},
+    };
+    for (const auto& Step : Steps) {
+        NTSTATUS Status = ResetPipe(&Dev->UsbDevice, Step.Pipe->Pipe);
+        if (!NT_SUCCESS(Status)) {
+            TRACE(TL_ERROR, Step.Failed, DEV_PORT_NAME(Dev), Status);
+            return Status;
+        }
+    }
+    return STATUS_SUCCESS;
 }
 
 NTSTATUS InitPort(PDEVICE Dev, BOOLEAN ResetPipes) {
@@ -334,27 +340,11 @@ NTSTATUS InitPort(PDEVICE Dev, BOOLEAN ResetPipes) {
         DEVICE_LOCK(Dev, &OldIrql);
         ULONG Changed = Dev->ModemStatus ^ Dev->ReceivedModemStatus;
         Dev->ModemStatus = Dev->ReceivedModemStatus;
-        IndicateWaitEvent(&Dev->Port, LineEvents(Changed));
+        IndicateWaitEvent(&Dev->Port, ModemLineEvents(Changed));
         DEVICE_UNLOCK(Dev, OldIrql);
         Dev->SendChunkSize = Dev->Cfg.FlowTest != 0 ? 64 : Dev->Cfg.WriteBufferSize;
-        if (ResetPipes) {
-            Status = ResetPipe(&Dev->UsbDevice, Dev->ReceivePipe.Pipe);
-            if (!NT_SUCCESS(Status)) {
-                TRACE(TL_ERROR, "%P:%S:InitPort ResetPipe ReceivePipe failed (%D)\n",
-                      DEV_PORT_NAME(Dev), Status);
-            } else {
-                Status = ResetPipe(&Dev->UsbDevice, Dev->IntPipe.Pipe);
-                if (!NT_SUCCESS(Status)) {
-                    TRACE(TL_ERROR, "%P:%S:InitPort ResetPipe IntPipe failed (%D)\n",
-                          DEV_PORT_NAME(Dev), Status);
-                } else {
-                    Status = ResetPipe(&Dev->UsbDevice, Dev->WritePipe.Pipe);
-                    if (!NT_SUCCESS(Status))
-                        TRACE(TL_ERROR, "%P:%S:InitPort ResetPipe WritePipe failed (%D)\n",
-                              DEV_PORT_NAME(Dev), Status);
-                }
-            }
-        }
+        if (ResetPipes)
+            Status = ResetTransferPipes(Dev);
     }
     TRACE(TL_LIFECYCLE, "%P:%S:]InitPort (%D)\n", DEV_PORT_NAME(Dev), Status);
     if (!NT_SUCCESS(Status))

@@ -640,6 +640,19 @@ static void DumpNotification(const char* Message, PDEVICE Dev, const UCHAR* Data
     TraceDump(Data, Length);
 }
 
+ULONG ModemLineEvents(ULONG Changed) {
+    ULONG Events = 0;
+    if (Changed & SERIAL_MSR_CTS)
+        Events |= SERIAL_EV_CTS;
+    if (Changed & SERIAL_MSR_DSR)
+        Events |= SERIAL_EV_DSR;
+    if (Changed & SERIAL_MSR_DCD)
+        Events |= SERIAL_EV_RLSD;
+    if (Changed & SERIAL_MSR_RI)
+        Events |= SERIAL_EV_RING;
+    return Events;
+}
+
 VOID ProzessModemStatus(PDEVICE Dev, USHORT SerialState) {
     TRACE(TL_MODEM, "%P:%S:ProzessModemStatus: ModemStatus %B\n", DEV_PORT_NAME(Dev),
           Dev->ModemStatus);
@@ -671,15 +684,7 @@ VOID ProzessModemStatus(PDEVICE Dev, USHORT SerialState) {
     ULONG Changed = Status ^ Dev->ModemStatus;
     Dev->ModemStatus = Status;
     Dev->ReceivedModemStatus = Status;
-    ULONG Events = 0;
-    if (Changed & SERIAL_MSR_CTS)
-        Events |= SERIAL_EV_CTS;
-    if (Changed & SERIAL_MSR_DSR)
-        Events |= SERIAL_EV_DSR;
-    if (Changed & SERIAL_MSR_DCD)
-        Events |= SERIAL_EV_RLSD;
-    if (Changed & SERIAL_MSR_RI)
-        Events |= SERIAL_EV_RING;
+    ULONG Events = ModemLineEvents(Changed);
     if (SerialState & STATE_BREAK) {
         Events |= SERIAL_EV_BREAK;
         TRACE(TL_MODEM, "Break\n");

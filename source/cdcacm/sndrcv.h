@@ -101,6 +101,9 @@ VOID StopSendAndReceive(PDEVICE Dev, BOOLEAN Release);
 // decoder.
 ULONG RcvIntIn(PDEVICE Dev, const UCHAR* Data, ULONG Length);
 VOID ProzessModemStatus(PDEVICE Dev, USHORT SerialState);
+// The wait-on-mask events of the modem lines (SERIAL_MSR_* bits) set in
+// Changed: CTS, DSR, RLSD and RING.
+ULONG ModemLineEvents(ULONG Changed);
 // Work items that switch PPP framing on (at the host's next frame flag,
 // waiting at most 300 ms) and off.
 NTSTATUS SwitchToPppMode(PVOID Context);
