@@ -79,16 +79,19 @@ std::string Hex2(uint8_t value) {
     return text;
 }
 
-// The strings in a buffer from paged pool, each with its terminator, and
-// one more terminator when multi is set; the caller frees it.
-PWCHAR PagedStrings(const std::vector<std::string>& strings, bool multi) {
+// Answers a query with the strings in a buffer from paged pool, each with
+// its terminator, and one more terminator when multi is set; the caller
+// frees it.
+NTSTATUS AnswerStrings(PIRP irp, const std::vector<std::string>& strings, bool multi) {
     size_t units = multi ? 1 : 0;
     for (const std::string& text : strings)
         units += text.size() + 1;
     auto* buffer =
         static_cast<PWCHAR>(ExAllocatePoolWithTag(PagedPool, units * sizeof(WCHAR), kIdTag));
-    if (buffer == nullptr)
-        return nullptr;
+    if (buffer == nullptr) {
+        irp->IoStatus.Status = STATUS_INSUFFICIENT_RESOURCES;
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
     PWCHAR out = buffer;
     for (const std::string& text : strings) {
         for (char c : text)
@@ -97,7 +100,9 @@ PWCHAR PagedStrings(const std::vector<std::string>& strings, bool multi) {
     }
     if (multi)
         *out = 0;
-    return buffer;
+    irp->IoStatus.Information = ULONG_PTR(buffer);
+    irp->IoStatus.Status = STATUS_SUCCESS;
+    return STATUS_SUCCESS;
 }
 
 } // namespace
@@ -257,14 +262,7 @@ NTSTATUS Bus::Impl::QueryId(Function* function, PIRP irp) {
     default:
         return irp->IoStatus.Status;
     }
-    PWCHAR buffer = PagedStrings(strings, multi);
-    if (buffer == nullptr) {
-        irp->IoStatus.Status = STATUS_INSUFFICIENT_RESOURCES;
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
-    irp->IoStatus.Information = ULONG_PTR(buffer);
-    irp->IoStatus.Status = STATUS_SUCCESS;
-    return STATUS_SUCCESS;
+    return AnswerStrings(irp, strings, multi);
 }
 
 // A USB device's PDO: removable, not to be pulled without warning unless a
@@ -323,14 +321,7 @@ NTSTATUS Bus::Impl::QueryText(Function* function, PIRP irp) {
     }
     if (text.empty())
         return irp->IoStatus.Status;
-    PWCHAR buffer = PagedStrings({text}, false);
-    if (buffer == nullptr) {
-        irp->IoStatus.Status = STATUS_INSUFFICIENT_RESOURCES;
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
-    irp->IoStatus.Information = ULONG_PTR(buffer);
-    irp->IoStatus.Status = STATUS_SUCCESS;
-    return STATUS_SUCCESS;
+    return AnswerStrings(irp, {text}, false);
 }
 
 // Pending and later transfers of the function fail as the device's
