@@ -26,8 +26,6 @@ std::string Leaf(const std::string& path) {
     return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
-} // namespace
-
 // Who logged: the driver's name as the source, and the device's name.
 void DescribeSource(PVOID io_object, ErrorLogEntry& entry) {
     const CSHORT type = *static_cast<const CSHORT*>(io_object);
@@ -41,6 +39,8 @@ void DescribeSource(PVOID io_object, ErrorLogEntry& entry) {
     if (const detail::DeviceInfo* info = detail::Io().FindDevice(device))
         entry.device = detail::Narrow(info->name);
 }
+
+} // namespace
 
 const char* ErrorLogEntry::Level() const {
     switch (uint32_t(error_code) >> 30) {

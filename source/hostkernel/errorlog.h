@@ -69,7 +69,4 @@ class ErrorLog {
     std::map<void*, Lent> lent_;
 };
 
-// Fills the entry's source and device from the object that logged it.
-void DescribeSource(PVOID io_object, ErrorLogEntry& entry);
-
 } // namespace hk
