@@ -40,6 +40,17 @@ void DescribeSource(PVOID io_object, ErrorLogEntry& entry) {
         entry.device = detail::Narrow(info->name);
 }
 
+// The entry back from the driver; an entry the log never lent (or got
+// back already) is reported for the named call.
+bool TakeBack(const char* call, PVOID entry, size_t* size, PVOID* io_object) {
+    Kernel& kernel = Kernel::Current();
+    if (kernel.errorlog().Return(entry, size, io_object))
+        return true;
+    kernel.verifier().Violation(rule::kErrorLogEntryUnknown,
+                                std::string(call) + "(" + detail::Hex(uintptr_t(entry)) + ")");
+    return false;
+}
+
 } // namespace
 
 const char* ErrorLogEntry::Level() const {
@@ -111,12 +122,8 @@ void IoFreeErrorLogEntry(PVOID ElEntry) {
     Kernel& kernel = Kernel::Current();
     size_t size;
     PVOID io_object;
-    if (!kernel.errorlog().Return(ElEntry, &size, &io_object)) {
-        kernel.verifier().Violation(hk::rule::kErrorLogEntryUnknown,
-                                    "IoFreeErrorLogEntry(" + hk::detail::Hex(uintptr_t(ElEntry)) +
-                                        ")");
+    if (!hk::TakeBack("IoFreeErrorLogEntry", ElEntry, &size, &io_object))
         return;
-    }
     kernel.pool().Free(ElEntry, hk::ErrorLog::kTag, true);
 }
 
@@ -125,12 +132,8 @@ void IoWriteErrorLogEntry(PVOID ElEntry) {
     Kernel& kernel = Kernel::Current();
     size_t size;
     PVOID io_object;
-    if (!kernel.errorlog().Return(ElEntry, &size, &io_object)) {
-        kernel.verifier().Violation(hk::rule::kErrorLogEntryUnknown,
-                                    "IoWriteErrorLogEntry(" + hk::detail::Hex(uintptr_t(ElEntry)) +
-                                        ")");
+    if (!hk::TakeBack("IoWriteErrorLogEntry", ElEntry, &size, &io_object))
         return;
-    }
     const auto* bytes = static_cast<const uint8_t*>(ElEntry);
     const auto* packet = static_cast<const IO_ERROR_LOG_PACKET*>(ElEntry);
     hk::ErrorLogEntry entry;
