@@ -138,6 +138,8 @@ inline constexpr const char* kRegistryIrql = "registry call above PASSIVE_LEVEL"
 inline constexpr const char* kBadHandle = "handle closed or used that is not open";
 inline constexpr const char* kHandleLeak = "registry key handle still open at teardown";
 inline constexpr const char* kIoIrql = "I/O manager call at a forbidden IRQL";
+inline constexpr const char* kPowerStateType =
+    "PoSetPowerState with a type other than DevicePowerState";
 inline constexpr const char* kIrpUnknown = "IRP used that is not allocated or was freed";
 inline constexpr const char* kIrpCompletedTwice = "IRP completed twice";
 inline constexpr const char* kIrpCompletedPending = "IRP completed with STATUS_PENDING";

@@ -234,6 +234,10 @@ typedef enum _POWER_STATE_TYPE {
 } POWER_STATE_TYPE,
     *PPOWER_STATE_TYPE;
 
+// Records the device object's new device power state and returns the one
+// it had (PowerDeviceUnspecified until the first call).
+POWER_STATE PoSetPowerState(PDEVICE_OBJECT DeviceObject, POWER_STATE_TYPE Type, POWER_STATE State);
+
 typedef enum _POWER_ACTION {
     PowerActionNone = 0,
     PowerActionReserved,

@@ -22,6 +22,7 @@ struct DeviceInfo {
     PDEVICE_OBJECT attached_to = nullptr; // the device this one sits on
     bool delete_requested = false;        // IoDeleteDevice called; freed at the last reference
     int open_files = 0;
+    DEVICE_POWER_STATE power = PowerDeviceUnspecified; // as last given to PoSetPowerState
 };
 
 // Who gets an IRP back once its last completion routine has run.
