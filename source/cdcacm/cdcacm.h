@@ -43,6 +43,7 @@
 #include "ntcfg.h"
 #include "pnpadd.h"
 #include "power.h"
+#include "wdmpnp.h"
 #include "worker.h"
 
 // Magics: four characters stored little-endian, so that a memory dump
@@ -64,6 +65,15 @@
 #define PPP_STATE_STARTING 1
 #define PPP_STATE_ON 2
 #define PPP_STATE_STOPPING 3
+
+// DEVICE.PnpState: where the device is in its Plug and Play life.
+#define PNP_STATE_STARTED 0
+#define PNP_STATE_STOP_PENDING 1
+#define PNP_STATE_STOPPED 2
+#define PNP_STATE_REMOVE_PENDING 3
+#define PNP_STATE_REMOVED 4
+#define PNP_STATE_SURPRISE_REMOVED 5
+#define PNP_STATE_ADDED 8 // added, never started
 
 // DEVICE.ModemStatus bits, as in the serial modem-status register.
 #define SERIAL_MSR_CTS 0x10

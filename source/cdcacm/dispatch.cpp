@@ -225,3 +225,198 @@ VOID CompleteRequest(PSER_REQUEST Request) {
     QueueCompleteIrp(&Port->Device->CompleteQueue, Irp);
     TRACE(Status < 0 ? TL_ERROR : TL_RW, "%P:%S:]CompleteRequest (%D)\n", PortName, Status);
 }
+
+// ---- Open, cleanup, close and system control ----
+
+#define DRIVER_VERSION_MAJOR 3
+#define DRIVER_VERSION_MINOR 46
+// I/O controls of the driver below the modem's stack, sent with no buffers.
+#define IOCTL_LOWER_ATTACH 0x89312007
+#define IOCTL_LOWER_DETACH 0x8931200B
+// Polls of the send buffer at the last close, 20 ms apart.
+#define CLOSE_DRAIN_POLLS 51
+#define CLOSE_DRAIN_STEP_100NS (-200000)
+
+// What the driver below makes of the two codes is its own business: the
+// bus driver here answers them as any unknown internal control, and a
+// failure or time-out changes nothing in this driver.
+static NTSTATUS NotifyLower(PDEVICE Dev, ULONG IoControlCode) {
+    PIRP Irp = IoAllocateIrp(Dev->StackSize, FALSE);
+    if (Irp == NULL)
+        return STATUS_INSUFFICIENT_RESOURCES;
+    NTSTATUS Status = SubmitIrpAndWait(Dev, Irp, NULL, IoControlCode, Dev->Cfg.RequestTimeout);
+    IoFreeIrp(Irp);
+    return NT_SUCCESS(Status) ? STATUS_SUCCESS : Status;
+}
+
+NTSTATUS NotifyLowerAttach(PDEVICE Dev) {
+    return NotifyLower(Dev, IOCTL_LOWER_ATTACH);
+}
+
+NTSTATUS NotifyLowerDetach(PDEVICE Dev) {
+    return NotifyLower(Dev, IOCTL_LOWER_DETACH);
+}
+
+static BOOLEAN ThroughAttachObject(PDEVICE_OBJECT DeviceObject) {
+    return *(const ULONG*)DeviceObject->DeviceExtension == EXTENSION_TYPE_ATTACH;
+}
+
+// The trace mask may have changed in the service key since the driver
+// loaded.
+static VOID RereadTraceMask(PDEVICE Dev, const WCHAR* Letter) {
+    HANDLE Key;
+    if (NT_SUCCESS(CfgOpenKey(&Key, DriverRegistryPath.Buffer))) {
+        TraceSetMask(CfgGetParameter(Key, CfgTraceMask));
+        ZwClose(Key);
+    } else {
+        TRACE(TL_ERROR, "%P:%S%S:Open of Software key failed\n", DEV_PORT_NAME(Dev), Letter);
+    }
+}
+
+static NTSTATUS OpenPort(PDEVICE Dev, PPORT_OBJ Port, PDEVICE_OBJECT DeviceObject,
+                         const WCHAR* Letter) {
+    if (Dev->PortInUse) {
+        TRACE(TL_INFO, "%P:%S%S:Open data port rejected, in use\n", DEV_PORT_NAME(Dev), Letter);
+        return STATUS_UNSUCCESSFUL;
+    }
+    TRACE(TL_INFO, "%P:%S%S:Driver Version %d.%02d Obj:%d\n", DEV_PORT_NAME(Dev), Letter,
+          DRIVER_VERSION_MAJOR, DRIVER_VERSION_MINOR, *(const ULONG*)DeviceObject->DeviceExtension);
+    if (!Dev->DeviceInitialized) {
+        TRACE(TL_INFO,
+              "%P:%S%S:DispatchCreate Device not initialized, hardware problem, reject open\n",
+              DEV_PORT_NAME(Dev), Letter);
+        return STATUS_UNSUCCESSFUL;
+    }
+    if (Dev->DevicePowerState != PowerDeviceD0) {
+        TRACE(TL_ERROR, "%P:%S%S:Open Device power down\n", DEV_PORT_NAME(Dev), Letter);
+        return STATUS_UNSUCCESSFUL;
+    }
+    RereadTraceMask(Dev, Letter);
+    Port->WaitForImmediate = FALSE;
+    if (ThroughAttachObject(DeviceObject))
+        AttachAddRef((PATTACH_OBJ)DeviceObject->DeviceExtension);
+    Dev->OpenCount++;
+    StartTimer(Dev);
+    if (Dev->OpenCount == 1) {
+        Dev->PppState = PPP_STATE_OFF;
+        Dev->WaitingData = 0;
+        StartSendAndReceive(Dev);
+    }
+    Dev->PortInUse = TRUE;
+    DEVICE_ADD_REF(Dev);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS NTAPI DispatchCreate(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
+    PDEVICE Dev = NULL;
+    PPORT_OBJ Port = NULL;
+    GetDevAndPort(DeviceObject, &Dev, &Port);
+    // clang-format off
+    TRACE_ASSERT(PTRVALID(Dev,DEVICE));
+    TRACE_ASSERT(PTRVALID(Port,PORT_OBJ));
+    // clang-format on
+    const WCHAR* Letter = DEVOBJ_LETTER(DeviceObject);
+    TRACE(TL_OPEN, "%P:%S%S:DispatchCreate[\n", DEV_PORT_NAME(Dev), Letter);
+    KeWaitForSingleObject(&Dev->DeviceMutex, Executive, KernelMode, FALSE, NULL);
+    NTSTATUS Status = OpenPort(Dev, Port, DeviceObject, Letter);
+    KeReleaseMutex(&Dev->DeviceMutex, FALSE);
+    if (NT_SUCCESS(Status))
+        NotifyLowerAttach(Dev);
+    CompleteIrpNow(Irp, Status, 0);
+    TRACE(TL_OPEN, "%P:%S%S:]DispatchCreate (%D)\n", DEV_PORT_NAME(Dev), Letter, Status);
+    return Status;
+}
+
+NTSTATUS NTAPI DispatchCleanup(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
+    PDEVICE Dev = NULL;
+    PPORT_OBJ Port = NULL;
+    GetDevAndPort(DeviceObject, &Dev, &Port);
+    // clang-format off
+    TRACE_ASSERT(PTRVALID(Dev,DEVICE));
+    TRACE_ASSERT(PTRVALID(Port,PORT_OBJ));
+    // clang-format on
+    const WCHAR* Letter = DEVOBJ_LETTER(DeviceObject);
+    TRACE(TL_OPEN, "%P:%S%S:DispatchCleanup[\n", DEV_PORT_NAME(Dev), Letter);
+    KeWaitForSingleObject(&Dev->DeviceMutex, Executive, KernelMode, FALSE, NULL);
+    // The modem sees DTR and RTS drop; a failure to tell it changes nothing.
+    Dev->PcStatus = 0;
+    SetPcStatus(Dev);
+    KIRQL OldIrql;
+    DEVICE_LOCK(Dev, &OldIrql);
+    SqueueFlush(&Port->SerPort->RcvQueue);
+    SqueueFlush(&Port->SerPort->SndQueue);
+    CompleteWaitIrp(Port, 0);
+    DEVICE_UNLOCK(Dev, OldIrql);
+    KeReleaseMutex(&Dev->DeviceMutex, FALSE);
+    CompleteIrpNow(Irp, STATUS_SUCCESS, 0);
+    TRACE(TL_OPEN, "%P:%S%S:]DispatchCleanup (%D)\n", DEV_PORT_NAME(Dev), Letter, STATUS_SUCCESS);
+    return STATUS_SUCCESS;
+}
+
+// Lets the send buffer drain for up to about a second; a bulk-out packet
+// already handed to the send engine is not waited for.
+static VOID DrainSendBuffer(PDEVICE Dev, PSER_PORT SerPort, const WCHAR* Letter) {
+    TRACE(TL_OPEN, "%P:%S%S:DispatchClose: waiting until TX buf is empty\n", DEV_PORT_NAME(Dev),
+          Letter);
+    LARGE_INTEGER Step;
+    Step.QuadPart = CLOSE_DRAIN_STEP_100NS;
+    for (ULONG Poll = 0; Poll < CLOSE_DRAIN_POLLS; Poll++) {
+        if (SerPort->CircSendBuf.Count == 0) {
+            TRACE(TL_OPEN, "%P:%S%S:DispatchClose: TX buf is empty.\n", DEV_PORT_NAME(Dev), Letter);
+            return;
+        }
+        KeDelayExecutionThread(KernelMode, FALSE, &Step);
+    }
+    TRACE(TL_OPEN, "%P:%S%S:DispatchClose: TIMED OUT waiting until TX buf is empty\n",
+          DEV_PORT_NAME(Dev), Letter);
+}
+
+NTSTATUS NTAPI DispatchClose(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
+    PDEVICE Dev = NULL;
+    PPORT_OBJ Port = NULL;
+    GetDevAndPort(DeviceObject, &Dev, &Port);
+    // clang-format off
+    TRACE_ASSERT(PTRVALID(Dev,DEVICE));
+    TRACE_ASSERT(PTRVALID(Port,PORT_OBJ));
+    // clang-format on
+    const WCHAR* Letter = DEVOBJ_LETTER(DeviceObject);
+    TRACE(TL_OPEN, "%P:%S%S:[DispatchClose\n", DEV_PORT_NAME(Dev), Letter);
+    KeWaitForSingleObject(&Dev->DeviceMutex, Executive, KernelMode, FALSE, NULL);
+    if (--Dev->OpenCount == 0) {
+        if (Port->SerPort != NULL)
+            DrainSendBuffer(Dev, Port->SerPort, Letter);
+        else
+            TRACE(TL_ERROR, "%P:%S%S:DispatchClose: Port->SerPort == NULL\n", DEV_PORT_NAME(Dev),
+                  Letter);
+        TRACE(TL_OPEN, "%P:%S%S:OpenCount == 0 Stop SendAndReceive\n", DEV_PORT_NAME(Dev), Letter);
+        StopSendAndReceive(Dev, TRUE);
+        StopTimer(Dev);
+    }
+    Dev->PortInUse = FALSE;
+    if (ThroughAttachObject(DeviceObject))
+        AttachRelease((PATTACH_OBJ)DeviceObject->DeviceExtension);
+    NotifyLowerDetach(Dev);
+    KeReleaseMutex(&Dev->DeviceMutex, FALSE);
+    // The last reference may delete the device: the closing trace keeps a copy of the name.
+    WCHAR PortName[PORT_NAME_COPY_CHARS];
+    CopyPortName(Dev, PortName);
+    DEVICE_RELEASE(Dev);
+    CompleteIrpNow(Irp, STATUS_SUCCESS, 0);
+    TRACE(TL_OPEN, "%P:%S%S:]DispatchClose\n", PortName, Letter);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS NTAPI DispatchSystemControl(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
+    PDEVICE Dev = NULL;
+    GetDevAndPort(DeviceObject, &Dev, NULL);
+    const WCHAR* Letter = DEVOBJ_LETTER(DeviceObject);
+    TRACE(TL_PNP, "%P:%S%S:DispatchSystemControl[\n", DEV_PORT_NAME(Dev), Letter);
+    if (Dev->LowerDevObj == NULL) {
+        CompleteIrpNow(Irp, STATUS_UNSUCCESSFUL, Irp->IoStatus.Information);
+        return STATUS_UNSUCCESSFUL;
+    }
+    IoSkipCurrentIrpStackLocation(Irp);
+    NTSTATUS Status = IoCallDriver(Dev->LowerDevObj, Irp);
+    TRACE(TL_PNP, "%P:%S%S:]DispatchSystemControl (%D)\n", DEV_PORT_NAME(Dev), Letter, Status);
+    return Status;
+}

@@ -24,3 +24,15 @@ DRIVER_DISPATCH DispatchWrite;
 // Finishes a request whose Status and Length are set: counts its bytes,
 // returns it to the request pool and queues its IRP for completion.
 VOID CompleteRequest(PSER_REQUEST Request);
+
+// Open, cleanup and close of the COM port, through the data port or the
+// attach object: one opener at a time, only on an initialised device in D0.
+DRIVER_DISPATCH DispatchCreate;
+DRIVER_DISPATCH DispatchCleanup;
+DRIVER_DISPATCH DispatchClose;
+DRIVER_DISPATCH DispatchSystemControl;
+
+// Tell the driver below the modem that the port was opened or closed;
+// callers ignore the result.
+NTSTATUS NotifyLowerAttach(PDEVICE Dev);
+NTSTATUS NotifyLowerDetach(PDEVICE Dev);

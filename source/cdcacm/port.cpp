@@ -392,7 +392,7 @@ NTSTATUS Reinit(PDEVICE Dev) {
         } else
             TRACE(TL_ERROR, "%P:%S:Reinit: InitPort failed (%D)\n", DEV_PORT_NAME(Dev), Status);
     }
-    if (Dev->PnpState == 0 && !Done && Dev->ReinitCount < REINIT_MAX_RETRIES) {
+    if (Dev->PnpState == PNP_STATE_STARTED && !Done && Dev->ReinitCount < REINIT_MAX_RETRIES) {
         Dev->ReinitCount++;
         TRACE(TL_INFO, "%P:%S:Reinit: Schedule delayed reinit\n", DEV_PORT_NAME(Dev));
         KeSetTimer(&Dev->ReinitTimer.Timer, Dev->ReinitTimer.DueTime, &Dev->ReinitTimer.Dpc);
@@ -468,6 +468,14 @@ VOID LogError(PVOID IoObject, ULONG ErrorCode, const char* Message) {
 
 VOID LogNoMemory(PVOID IoObject, ULONG ErrorCode) {
     LogError(IoObject, ErrorCode, "Unable to allocate memory.");
+}
+
+VOID CopyPortName(PDEVICE Dev, WCHAR* Copy) {
+    const WCHAR* Name = DEV_PORT_NAME(Dev);
+    ULONG Index = 0;
+    for (; Index + 1 < PORT_NAME_COPY_CHARS && Name[Index] != 0; Index++)
+        Copy[Index] = Name[Index];
+    Copy[Index] = 0;
 }
 
 VOID BuildNumberedName(PUNICODE_STRING Dest, PCWSTR Prefix, PCWSTR Base, ULONG Number) {

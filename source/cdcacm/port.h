@@ -56,6 +56,11 @@ TIMER_OBJ_CALLBACK ReinitTimerFnc;
 VOID LogError(PVOID IoObject, ULONG ErrorCode, const char* Message);
 VOID LogNoMemory(PVOID IoObject, ULONG ErrorCode);
 
+// Characters of a port name kept by CopyPortName, terminator included.
+#define PORT_NAME_COPY_CHARS 32
+// Copies the port name (cut to fit), so that a trace after the last
+// reference has gone does not read the device's memory.
+VOID CopyPortName(PDEVICE Dev, WCHAR* Copy);
 // Dest = Prefix (optional) + Base + Number in decimal; Dest's buffer and
 // maximum length are the caller's. A part that does not fit is left out.
 VOID BuildNumberedName(PUNICODE_STRING Dest, PCWSTR Prefix, PCWSTR Base, ULONG Number);

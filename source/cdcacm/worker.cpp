@@ -11,19 +11,6 @@
 #define TRACE_FILE "source/cdcacm/worker"
 #include "cdcacm.h"
 
-// Characters of the port name kept for the last trace line of a work item.
-#define WORKER_PORT_NAME_CHARS 32
-
-// Copies the port name, so that the trace after the last reference has gone
-// does not read the device's memory.
-static VOID CopyPortName(PDEVICE Dev, WCHAR* Copy) {
-    const WCHAR* Name = DEV_PORT_NAME(Dev);
-    ULONG Index = 0;
-    for (; Index + 1 < WORKER_PORT_NAME_CHARS && Name[Index] != 0; Index++)
-        Copy[Index] = Name[Index];
-    Copy[Index] = 0;
-}
-
 // Takes a device reference unless the count has reached 0. The test and the
 // increment are one interlocked step: apart, a last reference dropped between
 // them would let work be queued for a device that is being deleted.
@@ -75,7 +62,7 @@ VOID NTAPI _WorkerFuntion(PDEVICE_OBJECT DeviceObject, PVOID Context) {
     PWORKER_REC Rec = (PWORKER_REC)Context;
     PDEVICE Dev = Rec->Device;
     // The port name is read now: the last reference may go below.
-    WCHAR PortName[WORKER_PORT_NAME_CHARS];
+    WCHAR PortName[PORT_NAME_COPY_CHARS];
     CopyPortName(Dev, PortName);
     TRACE(TL_DETAIL, "%P:%S:[_WorkerFuntion\n", PortName);
 

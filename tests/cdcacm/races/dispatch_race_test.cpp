@@ -35,9 +35,15 @@ class Race : public DeviceFixture {
     }
 };
 
+// Whether the data port was already deleted, at each run of the work.
+struct RunRecord {
+    const DeviceRig* rig;
+    std::vector<bool> deleted_at_run;
+};
+
 NTSTATUS CountRun(PVOID Context) {
-    auto* deleted_before = static_cast<std::vector<size_t>*>(Context);
-    deleted_before->push_back(Lifecycle().deleted.size());
+    auto* record = static_cast<RunRecord*>(Context);
+    record->deleted_at_run.push_back(record->rig->DataPortDeleted());
     return STATUS_SUCCESS;
 }
 
@@ -88,18 +94,18 @@ TEST_F(Race, AWriteCancelledWhileItIsDispatchedIsNeverLost) {
 
 TEST_F(Race, NoWorkIsQueuedForADeviceWhoseLastReferenceWentAway) {
     ForEachSeed(kSeeds, [&] {
-        std::vector<size_t> deleted_before_run;
+        RunRecord record{&rig_, {}};
         hk::Thread remover("remover", [&] {
             if (InterlockedDecrement(&dev_->RefCount) == 0)
                 DeleteDevice(data_port_);
         });
-        BOOLEAN queued = WorkerQueue(dev_, CountRun, &deleted_before_run, nullptr);
+        BOOLEAN queued = WorkerQueue(dev_, CountRun, &record, nullptr);
         remover.Join();
         RunFor(1);
-        EXPECT_EQ(Lifecycle().deleted.size(), 1u) << "the device is deleted exactly once";
-        EXPECT_EQ(deleted_before_run.size(), queued ? 1u : 0u);
-        if (queued && deleted_before_run.size() == 1) {
-            EXPECT_EQ(deleted_before_run[0], 0u) << "the work ran on a deleted device";
+        EXPECT_TRUE(rig_.DataPortDeleted()) << "the last reference deletes the device";
+        EXPECT_EQ(record.deleted_at_run.size(), queued ? 1u : 0u);
+        if (queued && record.deleted_at_run.size() == 1) {
+            EXPECT_FALSE(record.deleted_at_run[0]) << "the work ran on a deleted device";
         }
     });
 }

@@ -6,6 +6,8 @@
 #define TRACE_FILE "tests/cdcacm/support/device_rig"
 #include "device_rig.h"
 
+#include "hostkernel/iomgr.h"
+
 #include <algorithm>
 #include <cstdio>
 
@@ -22,6 +24,11 @@ bool DeviceRig::Check(NTSTATUS status, const char* what) {
     std::snprintf(text, sizeof(text), "%s failed with status 0x%08x", what, unsigned(status));
     Fail(text);
     return false;
+}
+
+bool DeviceRig::DataPortDeleted() const {
+    const hk::detail::DeviceInfo* info = hk::detail::Io().FindDevice(data_port);
+    return info == nullptr || info->delete_requested;
 }
 
 bool DeviceRig::Build(const Options& options) {
@@ -42,8 +49,12 @@ bool DeviceRig::Build(const Options& options) {
                "IoCreateDevice of the data port"))
         return false;
 
+    // The rig's own reference keeps the extension readable after the driver
+    // deleted the data port.
+    ObReferenceObject(data_port);
     dev = static_cast<PDEVICE>(data_port->DeviceExtension);
     port = &dev->Port;
+    InitializeListHead(&dev->ListEntry);
     dev->Type = EXTENSION_TYPE_DEVICE;
     dev->DriverObject = &driver;
     dev->Magic = DEVICE_MAGIC;
@@ -61,7 +72,9 @@ bool DeviceRig::Build(const Options& options) {
     CompleteQueueInit(&dev->CompleteQueue);
 
     port->DeviceObject = data_port;
-    port->PortName = port_name_;
+    // Device deletion frees the name, as it frees one read from the registry.
+    port->PortName = static_cast<PWSTR>(MemAlloc(sizeof(kPortName), 'emaN'));
+    RtlCopyMemory(port->PortName, kPortName, sizeof(kPortName));
     if (!Check(CreatePort(dev, port), "CreatePort"))
         return false;
     ser = port->SerPort;
@@ -129,13 +142,12 @@ void DeviceRig::StartPipes() {
 void DeviceRig::DetachFromModem() {
     if (attach_ == nullptr)
         return;
-    StopSendAndReceive(dev, TRUE);
-    RunFor(1);
-    SndFree(&dev->WritePipe);
-    RcvFree(&dev->ReceivePipe);
-    RcvFree(&dev->IntPipe);
+    // A device the driver deleted has its packet pools freed already.
+    if (!DataPortDeleted()) {
+        StopSendAndReceive(dev, TRUE);
+        RunFor(1);
+    }
     UnconfigureDevice(&dev->UsbDevice, FALSE);
-    MemFree(dev->ControlIrp);
     IoDetachDevice(dev->LowerDevObj);
     IoDeleteDevice(attach_);
     attach_ = nullptr;
@@ -170,21 +182,12 @@ std::vector<std::pair<uint8_t, uint16_t>> DeviceRig::ModemRequests() const {
 
 void DeviceRig::TearDown() {
     if (dev != nullptr) {
-        // Re-initialisations still queued or retrying run out first: each
-        // may start the queue timer and the transfers again.
-        for (int wait = 0; wait < 100 && dev->ReinitPending > 0; ++wait) {
-            KeCancelTimer(&dev->ReinitTimer.Timer);
-            RunFor(10);
-        }
-        KeCancelTimer(&dev->ReinitTimer.Timer);
-        StopTimer(dev);
-        KeCancelTimer(&dev->WaitCancelTimer.Timer);
-        for (auto& request : requests_)
-            if (!request->completed && request->irp != nullptr)
-                IoCancelIrp(request->irp);
-        RunFor(1); // completion DPCs and work items
+        // A data port the driver deleted has nothing left to stop or flush.
+        bool deleted = DataPortDeleted();
+        if (!deleted)
+            StopDevice();
         DetachFromModem();
-        if (ser != nullptr) {
+        if (!deleted && ser != nullptr) {
             KIRQL irql;
             KeAcquireSpinLock(&dev->Lock, &irql);
             SqueueFlush(&ser->RcvQueue);
@@ -192,18 +195,37 @@ void DeviceRig::TearDown() {
             KeReleaseSpinLock(&dev->Lock, irql);
             RunFor(1);
         }
-        if (port->Magic == PORT_OBJ_MAGIC)
-            DeletePort(port);
         for (auto& request : requests_)
             if (!request->completed)
                 Fail("a request never completed");
-        IoDeleteDevice(data_port);
+        // The data port's own reference goes last, and with it the device.
+        if (!deleted) {
+            dev->RefCount = 1;
+            DEVICE_RELEASE(dev);
+        }
+        ObDereferenceObject(data_port);
     }
     requests_.clear();
     dev = nullptr;
     port = nullptr;
     ser = nullptr;
     data_port = nullptr;
+}
+
+void DeviceRig::StopDevice() {
+    // Re-initialisations still queued or retrying run out first: each may
+    // start the queue timer and the transfers again.
+    for (int wait = 0; wait < 100 && dev->ReinitPending > 0; ++wait) {
+        KeCancelTimer(&dev->ReinitTimer.Timer);
+        RunFor(10);
+    }
+    KeCancelTimer(&dev->ReinitTimer.Timer);
+    StopTimer(dev);
+    KeCancelTimer(&dev->WaitCancelTimer.Timer);
+    for (auto& request : requests_)
+        if (!request->completed && request->irp != nullptr)
+            IoCancelIrp(request->irp);
+    RunFor(1); // completion DPCs and work items
 }
 
 NTSTATUS NTAPI DeviceRig::OnComplete(PDEVICE_OBJECT, PIRP Irp, PVOID Context) {

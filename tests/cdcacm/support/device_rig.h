@@ -21,9 +21,10 @@
 //
 // Failures go to the failure handler (SetFailureHandler; by default they
 // are kept in Failures()). Driver-wide state is the caller's: reset it with
-// ResetDriverState before Build. The few operations of the device lifecycle
-// that come later (DeleteDevice, RequestWakeupIrp) are doubles in
-// lifecycle_doubles.cpp that record their calls in Lifecycle().
+// ResetDriverState before Build. The data port goes as the driver deletes
+// it, when its last reference is released (TearDown releases the rig's);
+// the wait-wake request, whose power module comes later, is a double in
+// lifecycle_doubles.cpp that counts its calls in Lifecycle().
 //
 // Environment: the application thread of the current kernel, PASSIVE_LEVEL.
 // Locks: Receive takes the device lock as the receive engine does.
@@ -42,10 +43,9 @@
 #include <string>
 #include <vector>
 
-// Calls of the lifecycle operations, as their doubles saw them.
+// Calls of the power operation that is still a double.
 struct LifecycleCalls {
-    std::vector<PDEVICE_OBJECT> deleted; // DeleteDevice, in order
-    int wakeup_requests = 0;             // RequestWakeupIrp
+    int wakeup_requests = 0; // RequestWakeupIrp
 };
 LifecycleCalls& Lifecycle();
 
@@ -120,6 +120,8 @@ class DeviceRig {
     void Cancel(AppRequest* request) { IoCancelIrp(request->irp); }
     // Lets virtual time pass (timers, DPCs and work items run).
     void RunFor(int64_t ms) { hk::Kernel::Current().Sleep(ms); }
+    // The driver deleted the data port (its last reference went).
+    bool DataPortDeleted() const;
     // Forgets completed requests (a long run's memory).
     void DropCompleted();
 
@@ -157,9 +159,10 @@ class DeviceRig {
 
     bool AttachToModem(const Options& options);
     void DetachFromModem();
+    void StopDevice();
 
     PDEVICE_OBJECT attach_ = nullptr;
-    WCHAR port_name_[8] = {u'C', u'O', u'M', u'3', 0};
+    static constexpr WCHAR kPortName[] = u"COM3";
     std::vector<std::unique_ptr<AppRequest>> requests_;
     uint64_t completions_ = 0;
     std::function<void(const std::string&)> on_failure_;

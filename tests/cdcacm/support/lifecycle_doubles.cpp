@@ -1,7 +1,6 @@
-// Doubles of the device lifecycle operations that the transfer engines,
-// work items and re-initialisation call and whose module comes later: the
-// deletion of the data port and the wait-wake request. Each records its
-// call; a real module linked into a test replaces them (they are weak).
+// The double of the wait-wake request, which re-initialisation calls and
+// whose power module comes later. It records its calls; the real module
+// linked into a test replaces it (it is weak).
 #include "device_rig.h"
 
 LifecycleCalls& Lifecycle() {
@@ -11,10 +10,6 @@ LifecycleCalls& Lifecycle() {
 
 #define WEAK __attribute__((weak))
 
-// The rig deletes the data port itself at teardown.
-WEAK VOID DeleteDevice(PDEVICE_OBJECT DeviceObject) {
-    Lifecycle().deleted.push_back(DeviceObject);
-}
 WEAK VOID RequestWakeupIrp(PDEVICE) {
     Lifecycle().wakeup_requests++;
 }

@@ -94,7 +94,7 @@ TEST_F(Worker, IrpCompletesWithTheFunctionsStatusAfterTheMutexIsReleased) {
     EXPECT_TRUE(request->pending_returned);
     EXPECT_TRUE(probe.mutex_free_at_completion) << "released before the IRP completes";
     EXPECT_EQ(dev_->RefCount, 1);
-    EXPECT_TRUE(Lifecycle().deleted.empty());
+    EXPECT_FALSE(rig_.DataPortDeleted());
 
     // The reference lines have a bit of their own; the work item's steps
     // are details.
@@ -130,7 +130,7 @@ TEST_F(Worker, QueuedWorkKeepsARemovedDeviceUntilItHasRun) {
     AppRequest* request = PendedControl(&probe, &queued);
     ASSERT_TRUE(queued);
     bool deleted_before_completion = true;
-    request->on_complete = [&] { deleted_before_completion = !Lifecycle().deleted.empty(); };
+    request->on_complete = [&] { deleted_before_completion = rig_.DataPortDeleted(); };
     // Removal drops the data port's own reference while the work is queued;
     // the work item's remains.
     EXPECT_EQ(InterlockedDecrement(&dev_->RefCount), 1);
@@ -141,10 +141,8 @@ TEST_F(Worker, QueuedWorkKeepsARemovedDeviceUntilItHasRun) {
     EXPECT_FALSE(deleted_before_completion) << "the IRP completes before the data port goes";
     EXPECT_EQ(probe.refs_during_run, 1);
     EXPECT_EQ(dev_->RefCount, 0);
-    ASSERT_EQ(Lifecycle().deleted.size(), 1u) << "the work item deleted the data port";
-    EXPECT_EQ(Lifecycle().deleted[0], data_port_);
+    EXPECT_TRUE(rig_.DataPortDeleted()) << "the work item deleted the data port";
     EXPECT_EQ(request->status, STATUS_SUCCESS);
-    dev_->RefCount = 1; // the fixture takes the device apart itself
 }
 
 TEST_F(Worker, NoWorkIsQueuedForADeviceWithoutReferencesOrWithoutPool) {
