@@ -119,6 +119,7 @@ PnpAnswer PnpManager::Send(PDEVICE_OBJECT device, UCHAR minor,
 }
 
 bool PnpManager::LoadInf(const std::string& path, std::string* error) {
+    KeInitializeMutex(&engine_lock_, 0);
     inf_ = Inf::Load(path, error);
     return inf_.has_value();
 }
@@ -130,7 +131,8 @@ void PnpManager::RegisterDriver(std::string_view service, PDRIVER_OBJECT driver)
 void PnpManager::InvalidateRelations(PDEVICE_OBJECT bus_device, DEVICE_RELATION_TYPE type) {
     if (!Active() || type != BusRelations)
         return;
-    Kernel::Current().QueueSystemWork([this, bus_device] { Enumerate(bus_device); });
+    Kernel::Current().QueueSystemWork(
+        [this, bus_device] { Serialized([&] { Enumerate(bus_device); }); });
 }
 
 void PnpManager::HandleClosed(PDEVICE_OBJECT device) {
@@ -143,9 +145,11 @@ void PnpManager::HandleClosed(PDEVICE_OBJECT device) {
             if (at != device)
                 continue;
             Kernel::Current().QueueSystemWork([this, name = instance] {
-                PnpDevice* again = Find(name);
-                if (again && again->state == PnpState::kSurpriseRemoved && !HandlesOpen(*again))
-                    Remove(*again);
+                Serialized([&] {
+                    PnpDevice* again = Find(name);
+                    if (again && again->state == PnpState::kSurpriseRemoved && !HandlesOpen(*again))
+                        Remove(*again);
+                });
             });
             return;
         }
@@ -432,11 +436,20 @@ bool PnpManager::HandlesOpen(const PnpDevice& device) const {
     return false;
 }
 
+// Like the Windows PnP engine, one device event at a time, whichever of the
+// system worker threads carries it: enumerations, removals, ejects and
+// rebalances never interleave.
+void PnpManager::Serialized(const std::function<void()>& work) {
+    KeWaitForSingleObject(&engine_lock_, Executive, KernelMode, FALSE, nullptr);
+    work();
+    KeReleaseMutex(&engine_lock_, FALSE);
+}
+
 void PnpManager::RunAndWait(std::function<void()> work) {
     Waiter waiter;
     KeInitializeEvent(&waiter.done, NotificationEvent, FALSE);
     Kernel::Current().QueueSystemWork([&] {
-        work();
+        Serialized(work);
         KeSetEvent(&waiter.done, IO_NO_INCREMENT, FALSE);
     });
     KeWaitForSingleObject(&waiter.done, Executive, KernelMode, FALSE, nullptr);

@@ -13,8 +13,9 @@
 //
 // Environment: host code of the stand-in; every request goes down a device
 // stack at PASSIVE_LEVEL from a system worker thread.
-// Locks: none of its own; the scheduler runs one emulated thread at a time,
-// and requests are sent with no lock held.
+// Locks: a mutex that lets one device event (enumeration, removal, eject,
+// rebalance) run at a time; requests are sent with it held, as the Windows
+// PnP engine holds its lock, and no other lock.
 #pragma once
 
 #include "hostkernel/devinterface.h"
@@ -119,6 +120,7 @@ class PnpManager {
     std::optional<std::string> QueryText(PnpDevice& device, BUS_QUERY_ID_TYPE type);
     std::vector<std::string> QueryList(PnpDevice& device, BUS_QUERY_ID_TYPE type);
     void RunAndWait(std::function<void()> work);
+    void Serialized(const std::function<void()>& work);
     PnpDevice* Find(std::string_view instance);
 
     std::optional<Inf> inf_;
@@ -126,6 +128,7 @@ class PnpManager {
     std::map<std::string, PnpDevice, std::less<>> devices_; // by instance, kept across plugs
     std::map<PDEVICE_OBJECT, std::string> instance_of_;     // the PDOs now known
     DeviceInterfaces interfaces_;
+    KMUTEX engine_lock_{}; // one device event at a time
 };
 
 } // namespace hk
