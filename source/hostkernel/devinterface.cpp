@@ -56,6 +56,10 @@ NTSTATUS DeviceInterfaces::SetState(std::u16string_view name, bool enable) {
     }
     if (it->enabled)
         return STATUS_OBJECT_NAME_EXISTS;
+    // The name belongs to the instance: when the device comes back with a
+    // new physical device object, the same name enables it there.
+    if (const PnpDevice* device = manager_.Device(it->instance); device && device->present)
+        it->pdo = device->pdo;
     detail::DeviceInfo* pdo = it->pdo ? detail::Io().FindDevice(it->pdo) : nullptr;
     if (pdo == nullptr || pdo->name.empty())
         return STATUS_INVALID_DEVICE_REQUEST;

@@ -63,6 +63,10 @@ NTSTATUS File::Open(PDEVICE_OBJECT device) {
         Unsupported("opening something that is not a device object");
     if (info->delete_requested)
         return STATUS_DELETE_PENDING;
+    // A device whose driver has not finished initialising it cannot be
+    // opened by name, nor can a stack whose top is still initialising.
+    if ((device->Flags | IoGetAttachedDevice(device)->Flags) & DO_DEVICE_INITIALIZING)
+        return STATUS_NO_SUCH_DEVICE;
     if ((device->Flags & DO_EXCLUSIVE) && info->open_files != 0)
         return STATUS_ACCESS_DENIED;
     auto file = static_cast<PFILE_OBJECT>(
