@@ -1,0 +1,447 @@
+// A modem's whole life under the emulated Plug and Play manager, with the
+// driver's own add-device, PnP, open, cleanup and close routines: naming and
+// links, surprise removal and re-plug with a handle open, the stop, query,
+// cancel and capabilities requests, open and close, and every allocation of
+// add and start failed in turn.
+#define TRACE_FILE "tests/cdcacm/lifecycle"
+#include "cdcacm.h"
+#include "driver_test.h"
+#include "hostkernel/errorlog.h"
+#include "hostkernel/iomgr.h"
+#include "hostkernel/pnp.h"
+#include "hostusb/bus.h"
+#include "simmodem/simmodem.h"
+
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+const std::string kService = std::string(hk::Registry::kServicesPath) + "\\cdcacm";
+const std::string kSerialComm = std::string(hk::Registry::kDeviceMapPath) + "\\SERIALCOMM";
+const std::string kOrdinary = "USB\\VID_FFF0&PID_0001\\KM0000001";
+constexpr UCHAR kLegacyBusInformation = 0x18; // a minor code neither driver handles
+constexpr ULONG kTraceMask = TL_ASSERT | TL_ERROR | TL_INFO | TL_PNP | TL_OPEN | TL_LIFECYCLE;
+
+// The first bulk-out packet completes delay_ms late.
+hu::UsbFaultKnob DelayedOut(int64_t delay_ms) {
+    hu::UsbFaultKnob knob;
+    knob.nth = 1;
+    knob.match = hu::EndpointKey(0x01); // the modem's bulk-out endpoint
+    knob.delay_ms = delay_ms;
+    return knob;
+}
+
+class ModemLife : public DriverTest {
+  protected:
+    void SetUp() override {
+        DriverTest::SetUp();
+        kernel().registry().SetDword(kService, "TraceMask", kTraceMask);
+        TraceMask = kTraceMask;
+        if (std::getenv("LIFE_ECHO"))
+            dbg().SetEcho(stderr);
+        driver_ = std::make_unique<hk::Driver>(u"\\Driver\\cdcacm");
+        PDRIVER_OBJECT object = driver_->Object();
+        object->DriverExtension->AddDevice = PnPAddDevice;
+        object->MajorFunction[IRP_MJ_CREATE] = DispatchCreate;
+        object->MajorFunction[IRP_MJ_CLEANUP] = DispatchCleanup;
+        object->MajorFunction[IRP_MJ_CLOSE] = DispatchClose;
+        object->MajorFunction[IRP_MJ_READ] = DispatchRead;
+        object->MajorFunction[IRP_MJ_WRITE] = DispatchWrite;
+        object->MajorFunction[IRP_MJ_DEVICE_CONTROL] = DispatchDeviceControl;
+        object->MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL] = DispatchInternalDeviceControl;
+        object->MajorFunction[IRP_MJ_PNP] = DispatchPnp;
+        object->MajorFunction[IRP_MJ_SYSTEM_CONTROL] = DispatchSystemControl;
+        RtlAppendUnicodeToString(
+            &DriverRegistryPath,
+            u"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\cdcacm");
+        std::string error;
+        ASSERT_TRUE(pnp().LoadInf(CDCACM_INF, &error)) << error;
+        pnp().RegisterDriver("cdcacm", object);
+        bus_ = std::make_unique<hu::Bus>();
+    }
+
+    void TearDown() override {
+        files_.clear();
+        for (int port : ports_)
+            bus_->Unplug(port);
+        pnp().Settle();
+        kernel().Sleep(100);
+        bus_.reset();
+        driver_.reset();
+        DriverTest::TearDown();
+    }
+
+    hk::PnpManager& pnp() { return kernel().pnp(); }
+
+    // Plugs a modem and lets its start and first re-initialisation run.
+    int Plug(sm::Profile profile = sm::OrdinaryModem()) {
+        modems_.push_back(std::make_shared<sm::Modem>(profile));
+        int port = bus_->Plug(modems_.back());
+        ports_.push_back(port);
+        pnp().Settle();
+        kernel().Sleep(100);
+        return port;
+    }
+    void Unplug(int port) {
+        bus_->Unplug(port);
+        ports_.erase(std::find(ports_.begin(), ports_.end(), port));
+        pnp().Settle();
+        kernel().Sleep(10);
+    }
+    sm::Modem& ModemOn(size_t index) { return *modems_[index]; }
+
+    // The DEVICE behind a data port name, or null when there is no such port.
+    PDEVICE DataPort(const char16_t* name) {
+        PDEVICE_OBJECT device = hk::detail::Io().Lookup(name);
+        return device ? static_cast<PDEVICE>(device->DeviceExtension) : nullptr;
+    }
+    hk::File& Open(const std::u16string& name, NTSTATUS expected = STATUS_SUCCESS) {
+        files_.push_back(std::make_unique<hk::File>());
+        EXPECT_EQ(files_.back()->Open(name), expected) << hk::detail::Narrow(name);
+        return *files_.back();
+    }
+    std::string PortNameOf(const std::string& instance) {
+        return kernel()
+            .registry()
+            .GetString(std::string(hk::Registry::kEnumPath) + "\\" + instance +
+                           "\\Device Parameters",
+                       "PortName")
+            .value_or("none");
+    }
+    PDEVICE_OBJECT Top(int port) { return IoGetAttachedDevice(bus_->Pdo(port)); }
+
+    std::unique_ptr<hk::Driver> driver_;
+    std::unique_ptr<hu::Bus> bus_;
+    std::vector<std::shared_ptr<sm::Modem>> modems_;
+    std::vector<int> ports_;
+    std::vector<std::unique_ptr<hk::File>> files_;
+};
+
+TEST_F(ModemLife, DataPortsAreNumberedAndLinkedToTheirComNames) {
+    kernel().registry().SetString(std::string(hk::Registry::kEnumPath) + "\\" + kOrdinary +
+                                      "\\Device Parameters",
+                                  "PortName", "COM12");
+    int ordinary = Plug();
+    Plug(sm::NoSerialNumber());
+    EXPECT_EQ(pnp().Device(kOrdinary)->state, hk::PnpState::kStarted);
+    EXPECT_EQ(hk::detail::Narrow(*hk::detail::Io().LinkTarget(u"\\DosDevices\\COM12")),
+              "\\Device\\korvadem0");
+    EXPECT_EQ(hk::detail::Narrow(*hk::detail::Io().LinkTarget(u"\\DosDevices\\COM1")),
+              "\\Device\\korvadem1");
+    EXPECT_EQ(kernel().registry().GetString(kSerialComm, "\\Device\\korvadem0"), "COM12");
+    EXPECT_EQ(kernel().registry().GetString(kSerialComm, "\\Device\\korvadem1"), "COM1");
+    auto enabled = [&] {
+        size_t count = 0;
+        for (const hk::DeviceInterface& interface : pnp().interfaces().List())
+            count += interface.enabled;
+        return count;
+    };
+    EXPECT_EQ(enabled(), 2u) << "one COM-port interface per modem, enabled";
+    PDEVICE dev = DataPort(u"\\Device\\korvadem0");
+    ASSERT_NE(dev, nullptr);
+    EXPECT_EQ(dev->SernumLength, 18u) << "KM0000001 in UTF-16";
+    EXPECT_EQ(kernel().registry().GetString(std::string(hk::Registry::kEnumPath) + "\\" +
+                                                kOrdinary + "\\Device Parameters",
+                                            "SerialNumber"),
+              "KM0000001");
+
+    Unplug(ordinary);
+    EXPECT_EQ(hk::detail::Io().LinkTarget(u"\\DosDevices\\COM12"), nullptr);
+    EXPECT_FALSE(kernel().registry().GetString(kSerialComm, "\\Device\\korvadem0"));
+    EXPECT_EQ(enabled(), 1u);
+    EXPECT_EQ(DataPort(u"\\Device\\korvadem0"), nullptr) << "an idle data port goes with its modem";
+}
+
+TEST_F(ModemLife, ALinkThatCannotBeCreatedFailsTheAddAndIsLogged) {
+    UNICODE_STRING link, target;
+    RtlInitUnicodeString(&link, u"\\DosDevices\\COM1");
+    RtlInitUnicodeString(&target, u"\\Device\\Elsewhere");
+    ASSERT_EQ(IoCreateSymbolicLink(&link, &target), STATUS_SUCCESS);
+    Plug();
+    EXPECT_EQ(pnp().Device(kOrdinary)->state, hk::PnpState::kAddFailed);
+    ASSERT_EQ(kernel().errorlog().Entries().size(), 1u);
+    EXPECT_NE(kernel().errorlog().Format().find("Cannot create symbolic link. Use Device Manager"),
+              std::string::npos);
+    EXPECT_EQ(DataPort(u"\\Device\\korvadem0"), nullptr);
+    EXPECT_TRUE(kernel().registry().ValueNames(kSerialComm).empty());
+    EXPECT_EQ(MemoryCounter, 0u);
+    IoDeleteSymbolicLink(&link);
+}
+
+// The handle keeps the data port across the modem's absence; the same modem
+// joins it again and the handle carries data once it is re-initialised.
+TEST_F(ModemLife, AnOpenPortSurvivesSurpriseRemovalAndTheSameModemJoinsItAgain) {
+    int port = Plug();
+    PDEVICE dev = DataPort(u"\\Device\\korvadem0");
+    hk::File& file = Open(u"\\DosDevices\\COM1");
+    ULONG mask = SERIAL_EV_RXCHAR;
+    ASSERT_EQ(file.DeviceIoControl(IOCTL_SERIAL_SET_WAIT_MASK, &mask, 4, nullptr, 0).status,
+              STATUS_SUCCESS);
+    auto wait = file.DeviceIoControlAsync(IOCTL_SERIAL_WAIT_ON_MASK, nullptr, 0, 4);
+    auto read = file.ReadAsync(2);
+    auto write = file.WriteAsync("hello", 5);
+    kernel().Sleep(20);
+
+    Unplug(port);
+    EXPECT_EQ(pnp().Device(kOrdinary)->state, hk::PnpState::kRemoved)
+        << "the data port's handle does not hold the modem's stack";
+    ASSERT_TRUE(wait->Done());
+    EXPECT_EQ(wait->Result().status, STATUS_DEVICE_REMOVED);
+    EXPECT_EQ(wait->Output()[0], 0) << "the wait completes with no event";
+    EXPECT_EQ(DataPort(u"\\Device\\korvadem0"), dev) << "the open handle holds the data port";
+    EXPECT_EQ(hk::detail::Io().LinkTarget(u"\\DosDevices\\COM1"), nullptr);
+    EXPECT_FALSE(dbg().Contains("IoDeleteSymbolicLink_1 failed"))
+        << "removal deletes nothing twice";
+
+    Plug();
+    EXPECT_TRUE(dbg().Contains("PnPAddDevice use existing Device Object"));
+    EXPECT_EQ(DataPort(u"\\Device\\korvadem1"), nullptr) << "no second data port";
+    EXPECT_TRUE(dev->DeviceInitialized);
+    EXPECT_EQ(bus_->Notifications(ports_.back()).size(), 1u)
+        << "the new lower stack is told the port is open";
+    ModemOn(1).Push({'h', 'i'});
+    kernel().Sleep(50);
+    ASSERT_TRUE(read->Done()) << "the read pending since before the removal";
+    EXPECT_EQ(Bytes(read->Output().begin(), read->Output().begin() + 2), (Bytes{'h', 'i'}));
+    EXPECT_EQ(file.Write("again", 5).status, STATUS_SUCCESS);
+    kernel().Sleep(50);
+    EXPECT_EQ(ModemOn(1).Pull(), (Bytes{'a', 'g', 'a', 'i', 'n'}));
+
+    file.Close();
+    EXPECT_TRUE(write->Done());
+    Unplug(ports_.back());
+    EXPECT_EQ(DataPort(u"\\Device\\korvadem0"), nullptr);
+}
+
+TEST_F(ModemLife, WhichPlugsShareADataPort) {
+    struct Row {
+        const char* what;
+        sm::Profile profile;
+        bool keep_open;         // a handle holds the first data port over the re-plug
+        const char16_t* second; // the data port the re-plug gets
+        bool joined;            // ... by joining the one still held
+    };
+    const Row rows[] = {
+        {"idle, same serial number", sm::OrdinaryModem(), false, u"\\Device\\korvadem0", false},
+        {"open, same serial number", sm::OrdinaryModem(), true, u"\\Device\\korvadem0", true},
+        {"open, no serial number", sm::NoSerialNumber(), true, u"\\Device\\korvadem1", false},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        int port = Plug(row.profile);
+        if (row.keep_open)
+            Open(u"\\Device\\korvadem0");
+        Unplug(port);
+        dbg().Clear();
+        int again = Plug(row.profile);
+        EXPECT_NE(DataPort(row.second), nullptr);
+        EXPECT_EQ(dbg().Contains("PnPAddDevice use existing Device Object"), row.joined);
+        files_.clear();
+        Unplug(again);
+        EXPECT_EQ(DataPort(u"\\Device\\korvadem0"), nullptr);
+        EXPECT_EQ(DataPort(u"\\Device\\korvadem1"), nullptr);
+    }
+
+    Plug(sm::CompositeTwoAcm());
+    EXPECT_NE(DataPort(u"\\Device\\korvadem0"), nullptr);
+    EXPECT_NE(DataPort(u"\\Device\\korvadem1"), nullptr)
+        << "one serial number, two interfaces: two data ports";
+}
+
+TEST_F(ModemLife, ASecondModemWithTheSerialNumberOfOneAttachedIsRefused) {
+    Plug();
+    sm::Profile twin = sm::OrdinaryModem();
+    twin.product_id = 0x0002;
+    const std::string key = "USB\\VID_FFF0&PID_0002\\KM0000001";
+    // The twin was started before, while the first modem was away: its key
+    // names the same serial number, interface and configuration.
+    const DEVICE_CFG& cfg = DataPort(u"\\Device\\korvadem0")->Cfg;
+    const std::string twin_key =
+        std::string(hk::Registry::kEnumPath) + "\\" + key + "\\Device Parameters";
+    kernel().registry().SetDword(twin_key, "UsbInterface", cfg.UsbInterface);
+    kernel().registry().SetDword(twin_key, "UsbConfig", cfg.UsbConfig);
+    kernel().registry().SetString(twin_key, "SerialNumber", "KM0000001");
+    Plug(twin);
+    EXPECT_TRUE(dbg().Contains("PnPAddDevice LowerDevObj != NULL! serial number KM0000001!"));
+    EXPECT_EQ(pnp().Device(key)->state, hk::PnpState::kAddFailed);
+    EXPECT_EQ(DataPort(u"\\Device\\korvadem1"), nullptr);
+}
+
+TEST_F(ModemLife, StopQueryAndCancelRequestsStopAndResumeTheTransfers) {
+    int port = Plug();
+    PDEVICE dev = DataPort(u"\\Device\\korvadem0");
+    Open(u"\\DosDevices\\COM1");
+    auto reads_out = [&] { return 5 - dev->ReceivePipe.Pool->Count; };
+    ASSERT_EQ(reads_out(), 5u);
+
+    EXPECT_EQ(hk::PnpManager::Send(Top(port), IRP_MN_QUERY_STOP_DEVICE).status, STATUS_SUCCESS);
+    EXPECT_EQ(reads_out(), 0u);
+    EXPECT_TRUE(dev->SndRcvRef) << "a query keeps the transfers' reference";
+    EXPECT_EQ(hk::PnpManager::Send(Top(port), IRP_MN_CANCEL_STOP_DEVICE).status, STATUS_SUCCESS);
+    kernel().Sleep(10);
+    EXPECT_EQ(reads_out(), 5u);
+    EXPECT_EQ(dev->PnpState, ULONG(PNP_STATE_STARTED));
+
+    // A rebalance stops, releases and starts again, writing the identity anew.
+    const std::string key =
+        std::string(hk::Registry::kEnumPath) + "\\" + kOrdinary + "\\Device Parameters";
+    kernel().registry().SetString(key, "SerialNumber", "stale");
+    const LONG refs = dev->RefCount;
+    ASSERT_TRUE(pnp().Rebalance(kOrdinary));
+    EXPECT_TRUE(dbg().Contains("DispatchPnp: IRP_MN_STOP_DEVICE"));
+    EXPECT_EQ(kernel().registry().GetString(key, "SerialNumber"), "KM0000001");
+    kernel().Sleep(100);
+    EXPECT_EQ(dev->RefCount, refs) << "the stop released the reference the restart took again";
+    EXPECT_EQ(reads_out(), 5u);
+
+    // Unsupported requests go down with their status untouched.
+    EXPECT_EQ(hk::PnpManager::Send(Top(port), kLegacyBusInformation).status, STATUS_NOT_SUPPORTED);
+    EXPECT_TRUE(dbg().Contains("unsupported MinorFunction: 18, pass thru"));
+
+    const DEVICE_CAPABILITIES& caps = pnp().Device(kOrdinary)->capabilities;
+    EXPECT_EQ(caps.DeviceState[PowerSystemHibernate], PowerDeviceD3);
+    EXPECT_EQ(caps.DeviceState[PowerSystemShutdown], PowerDeviceD3);
+    EXPECT_TRUE(caps.SurpriseRemovalOK);
+    EXPECT_EQ(dev->Capabilities.SurpriseRemovalOK, 1u);
+}
+
+TEST_F(ModemLife, OpenIsExclusiveAndNeedsAnInitializedDevice) {
+    int port = Plug();
+    PDEVICE dev = DataPort(u"\\Device\\korvadem0");
+    hk::File& file = Open(u"\\DosDevices\\COM1");
+    const LONG refs = dev->RefCount;
+    // The modem's interface leads to the attach object, which the I/O
+    // manager does not hold exclusive for the data port's handle.
+    Open(pnp().interfaces().List().at(0).name, STATUS_UNSUCCESSFUL);
+    EXPECT_TRUE(dbg().Contains("ACM:COM1A:Open data port rejected, in use"));
+    EXPECT_EQ(dev->OpenCount, 1);
+    EXPECT_EQ(dev->RefCount, refs);
+    file.Close();
+    Unplug(port);
+
+    // The modem refuses its control lines: no re-initialisation succeeds.
+    hu::UsbFaultKnob always;
+    always.every = 1;
+    always.match = hu::RequestKey(sm::kSetControlLineState);
+    bus_->AddFault(hu::Fault::kError, always);
+    Plug();
+    dev = DataPort(u"\\Device\\korvadem0");
+    EXPECT_FALSE(dev->DeviceInitialized);
+    Open(u"\\DosDevices\\COM1", STATUS_UNSUCCESSFUL);
+    EXPECT_TRUE(dbg().Contains(
+        "ACM:COM1S:DispatchCreate Device not initialized, hardware problem, reject open"));
+    EXPECT_EQ(dev->OpenCount, 0);
+    bus_->ClearFaults();
+    kernel().Sleep(2500); // the retries run out
+}
+
+TEST_F(ModemLife, CleanupHangsUpAndFlushesPendingRequests) {
+    Plug();
+    hk::File& file = Open(u"\\DosDevices\\COM1");
+    ULONG mask = SERIAL_EV_RXCHAR;
+    file.DeviceIoControl(IOCTL_SERIAL_SET_WAIT_MASK, &mask, 4, nullptr, 0);
+    auto wait = file.DeviceIoControlAsync(IOCTL_SERIAL_WAIT_ON_MASK, nullptr, 0, 4);
+    auto read = file.ReadAsync(10);
+    // The bulk-out pipe holds the first write; the second waits in the queue.
+    bus_->AddFault(hu::Fault::kDelay, DelayedOut(5000));
+    // A packet of 2048 bytes in flight, 2048 in the send buffer, the rest
+    // of the write waiting.
+    std::vector<uint8_t> big(6000, 'x');
+    auto write = file.WriteAsync(big.data(), ULONG(big.size()));
+    kernel().Sleep(20);
+    const size_t requests = ModemOn(0).Requests().size();
+    file.Cleanup();
+    kernel().Sleep(10);
+    EXPECT_EQ(read->Result().status, STATUS_CANCELLED);
+    EXPECT_EQ(write->Result().status, STATUS_CANCELLED);
+    EXPECT_EQ(wait->Result().status, STATUS_SUCCESS);
+    EXPECT_EQ(wait->Output()[0], 0);
+    ASSERT_GT(ModemOn(0).Requests().size(), requests);
+    EXPECT_EQ(ModemOn(0).Requests()[requests].setup.request, sm::kSetControlLineState);
+    EXPECT_EQ(ModemOn(0).Requests()[requests].setup.value, 0);
+    file.Close();
+}
+
+// The last close lets the send buffer drain for about a second, then stops
+// the transfers whatever is left.
+TEST_F(ModemLife, CloseDrainsTheSendBufferForAtMostASecond) {
+    struct Row {
+        bool cts_flow; // CTS never comes: the bytes stay in the send buffer
+        int64_t min_ms, max_ms;
+        const char* line;
+    };
+    for (const Row& row : {Row{false, 50, 80, "DispatchClose: TX buf is empty."},
+                           Row{true, 1020, 1045, "DispatchClose: TIMED OUT waiting"}}) {
+        SCOPED_TRACE(row.line);
+        kernel().registry().SetDword(std::string(hk::Registry::kEnumPath) + "\\" + kOrdinary +
+                                         "\\Device Parameters",
+                                     "useCtsFlowControl", row.cts_flow);
+        int port = Plug();
+        hk::File& file = Open(u"\\DosDevices\\COM1");
+        // Without flow control the first packet is held 50 ms, and ten bytes
+        // wait behind it.
+        if (!row.cts_flow)
+            bus_->AddFault(hu::Fault::kDelay, DelayedOut(50));
+        file.WriteAsync("0123456789", 10);
+        kernel().Sleep(1);
+        file.WriteAsync("0123456789", 10);
+        int64_t start = kernel().NowMs();
+        file.Close();
+        int64_t took = kernel().NowMs() - start;
+        EXPECT_GE(took, row.min_ms);
+        EXPECT_LE(took, row.max_ms);
+        EXPECT_TRUE(dbg().Contains(row.line));
+        EXPECT_TRUE(dbg().Contains("OpenCount == 0 Stop SendAndReceive"));
+        bus_->ClearFaults();
+        files_.clear();
+        Unplug(port);
+        dbg().Clear();
+    }
+}
+
+// Each allocation of add and start, failed in turn: the add leaves nothing
+// behind, or the start fails and a later plug starts.
+TEST_F(ModemLife, EveryAllocationOfAddAndStartMayFail) {
+    std::map<hk::PnpState, int> outcomes;
+    for (uint64_t nth = 1;; ++nth) {
+        SCOPED_TRACE("allocation " + std::to_string(nth));
+        modems_.push_back(std::make_shared<sm::Modem>(sm::OrdinaryModem()));
+        int port = bus_->Plug(modems_.back());
+        ports_.push_back(port);
+        hk::FaultKnob fault;
+        fault.nth = nth;
+        fault.except = hk::detail::kIrpTag; // the manager's own requests
+        hk::FaultKnob& knob = kernel().pool().Faults().Add("add and start", fault);
+        pnp().Settle();
+        kernel().Sleep(100);
+        const bool fired = knob.fired != 0;
+        kernel().pool().Faults().Clear();
+        // The fault may also hit the bus's answers to the manager, which
+        // then never gets to the driver.
+        const hk::PnpDevice* device = pnp().Device(kOrdinary);
+        if (device != nullptr)
+            outcomes[device->state]++;
+        if (device == nullptr || device->state != hk::PnpState::kStarted) {
+            EXPECT_TRUE(fired);
+            EXPECT_EQ(DataPort(u"\\Device\\korvadem0"), nullptr);
+            EXPECT_TRUE(kernel().registry().ValueNames(kSerialComm).empty());
+            Unplug(port);
+            EXPECT_EQ(MemoryCounter, 0u);
+            port = Plug();
+            EXPECT_EQ(pnp().Device(kOrdinary)->state, hk::PnpState::kStarted);
+        }
+        Unplug(port);
+        EXPECT_EQ(MemoryCounter, 0u);
+        if (!fired || HasFailure())
+            break;
+    }
+    EXPECT_GT(outcomes[hk::PnpState::kAddFailed], 5);
+    EXPECT_GT(outcomes[hk::PnpState::kStartFailed], 0);
+}
+
+} // namespace
