@@ -303,4 +303,18 @@ TEST_F(PnpManagerTest, OnlyAPdoTheManagerKnowsGetsAnInterface) {
     EXPECT_EQ(IoSetDeviceInterfaceState(&unknown, TRUE), STATUS_OBJECT_NAME_NOT_FOUND);
 }
 
+TEST_F(PnpManagerTest, ADeviceStillInitialisingCannotBeOpened) {
+    UNICODE_STRING name;
+    RtlInitUnicodeString(&name, u"\\Device\\Initialising");
+    PDEVICE_OBJECT device;
+    ASSERT_EQ(IoCreateDevice(driver_->Object(), 0, &name, FILE_DEVICE_MODEM, 0, FALSE, &device),
+              STATUS_SUCCESS);
+    hk::File file;
+    EXPECT_EQ(file.Open(u"\\Device\\Initialising"), STATUS_NO_SUCH_DEVICE);
+    device->Flags &= ~DO_DEVICE_INITIALIZING;
+    EXPECT_EQ(file.Open(u"\\Device\\Initialising"), STATUS_SUCCESS);
+    file.Close();
+    IoDeleteDevice(device);
+}
+
 } // namespace
