@@ -247,10 +247,19 @@ TEST_F(ModemLife, WhichPlugsShareADataPort) {
         EXPECT_EQ(DataPort(u"\\Device\\korvadem1"), nullptr);
     }
 
+    // One serial number, two interfaces: two data ports, and each function
+    // of a re-plug joins its own.
+    int composite = Plug(sm::CompositeTwoAcm());
+    Open(u"\\Device\\korvadem0");
+    Open(u"\\Device\\korvadem1");
+    Unplug(composite);
+    dbg().Clear();
     Plug(sm::CompositeTwoAcm());
-    EXPECT_NE(DataPort(u"\\Device\\korvadem0"), nullptr);
-    EXPECT_NE(DataPort(u"\\Device\\korvadem1"), nullptr)
-        << "one serial number, two interfaces: two data ports";
+    for (const char* instance :
+         {"USB\\VID_FFF0&PID_0001&MI_00\\KM0000001", "USB\\VID_FFF0&PID_0001&MI_02\\KM0000001"})
+        EXPECT_EQ(pnp().Device(instance)->state, hk::PnpState::kStarted) << instance;
+    EXPECT_EQ(dbg().Count("PnPAddDevice use existing Device Object"), 2u);
+    EXPECT_EQ(DataPort(u"\\Device\\korvadem2"), nullptr);
 }
 
 TEST_F(ModemLife, ASecondModemWithTheSerialNumberOfOneAttachedIsRefused) {
