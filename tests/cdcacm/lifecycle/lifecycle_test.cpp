@@ -437,6 +437,9 @@ TEST_F(ModemLife, EveryAllocationOfAddAndStartMayFail) {
             outcomes[device->state]++;
         if (device == nullptr || device->state != hk::PnpState::kStarted) {
             EXPECT_TRUE(fired);
+            if (device != nullptr && device->state == hk::PnpState::kAddFailed) {
+                EXPECT_EQ(bus_->Pdo(port)->AttachedDevice, nullptr) << "no attach object left";
+            }
             EXPECT_EQ(DataPort(u"\\Device\\korvadem0"), nullptr);
             EXPECT_TRUE(kernel().registry().ValueNames(kSerialComm).empty());
             Unplug(port);
