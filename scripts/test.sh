@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds everything and runs every test: the host build under AddressSanitizer
 # and UndefinedBehaviorSanitizer with CTest, the Windows x86 driver build
-# (warnings are errors), and short bounded fuzzing runs.
+# (warnings are errors) with the check of its image and stack frames, and
+# short bounded fuzzing runs.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc)
@@ -10,6 +11,7 @@ bash scripts/install-deps.sh
 
 cmake --preset windows-x86 >/dev/null
 cmake --build --preset windows-x86 -j"$jobs"
+bash scripts/check-driver-image.sh build/windows-x86
 
 cmake --preset host-asan >/dev/null
 cmake --build --preset host-asan -j"$jobs"

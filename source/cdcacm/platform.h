@@ -7,9 +7,12 @@
 #define __INTRINSIC_DEFINED_InterlockedBitTestAndSet
 #define __INTRINSIC_DEFINED_InterlockedBitTestAndReset
 #include <ntddk.h>
+// The USB headers declare the USBD library without C linkage.
+extern "C" {
 #include <usb.h>
 #include <usbdlib.h>
 #include <usbioctl.h>
+}
 #include <ntddser.h>
 // A UTF-16 literal: L"..." is 16-bit on Windows.
 #define WSTR(s) L##s
