@@ -42,9 +42,10 @@
 #include "usbcfg.h"
 #include "ntcfg.h"
 #include "pnpadd.h"
-#include "power.h"
+#include "wdmpwr.h"
 #include "wdmpnp.h"
 #include "worker.h"
+#include "entry.h"
 
 // Magics: four characters stored little-endian, so that a memory dump
 // spells the name.

@@ -589,6 +589,19 @@ void IoFreeIrp(PIRP Irp);
 NTSTATUS FASTCALL IofCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 void FASTCALL IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost);
 #define IoCallDriver(DeviceObject, Irp) IofCallDriver((DeviceObject), (Irp))
+
+// Power requests: PoRequestPowerIrp sends a new power IRP to the top of the
+// target's stack and calls CompletionFunction once it has completed;
+// PoCallDriver passes a power IRP on; PoStartNextPowerIrp lets the next
+// power IRP of the device start.
+typedef VOID NTAPI REQUEST_POWER_COMPLETE(PDEVICE_OBJECT DeviceObject, UCHAR MinorFunction,
+                                          POWER_STATE PowerState, PVOID Context,
+                                          PIO_STATUS_BLOCK IoStatus);
+typedef REQUEST_POWER_COMPLETE* PREQUEST_POWER_COMPLETE;
+NTSTATUS PoRequestPowerIrp(PDEVICE_OBJECT DeviceObject, UCHAR MinorFunction, POWER_STATE PowerState,
+                           PREQUEST_POWER_COMPLETE CompletionFunction, PVOID Context, PIRP* Irp);
+NTSTATUS PoCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+void PoStartNextPowerIrp(PIRP Irp);
 #define IoCompleteRequest(Irp, PriorityBoost) IofCompleteRequest((Irp), (PriorityBoost))
 BOOLEAN IoCancelIrp(PIRP Irp);
 void IoAcquireCancelSpinLock(PKIRQL Irql);

@@ -2,6 +2,7 @@
 // links, device objects with their stacks and references, driver objects,
 // and the leak checks made at teardown.
 #include "hostkernel/iomgr.h"
+#include "hostkernel/pnp.h"
 
 #include "hostkernel/scheduler.h"
 
@@ -310,8 +311,12 @@ void IoDeleteDevice(PDEVICE_OBJECT DeviceObject) {
         }
     }
     info.delete_requested = true;
+    PDRIVER_OBJECT driver = DeviceObject->DriverObject;
     if (DeviceObject->ReferenceCount == 0)
         io.FreeDevice(DeviceObject);
+    // A PnP driver goes once its last device object is deleted.
+    if (driver->DeviceObject == nullptr)
+        Kernel::Current().pnp().DriverIdle(driver);
 }
 
 PDEVICE_OBJECT IoGetAttachedDevice(PDEVICE_OBJECT DeviceObject) {

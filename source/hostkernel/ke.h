@@ -158,6 +158,13 @@ inline PVOID InterlockedExchangePointer(PVOID volatile* Target, PVOID Value) {
     HkPreemptionPoint();
     return __atomic_exchange_n(Target, Value, __ATOMIC_SEQ_CST);
 }
+inline PVOID InterlockedCompareExchangePointer(PVOID volatile* Destination, PVOID Exchange,
+                                               PVOID Comparand) {
+    HkPreemptionPoint();
+    __atomic_compare_exchange_n(Destination, &Comparand, Exchange, false, __ATOMIC_SEQ_CST,
+                                __ATOMIC_SEQ_CST);
+    return Comparand;
+}
 
 // Pool.
 typedef enum _POOL_TYPE {

@@ -128,6 +128,68 @@ void PnpManager::RegisterDriver(std::string_view service, PDRIVER_OBJECT driver)
     drivers_[std::string(service)] = driver;
 }
 
+PnpManager::~PnpManager() = default;
+
+void PnpManager::RegisterDriverEntry(std::string_view service, PDRIVER_INITIALIZE entry) {
+    entries_[std::string(service)] = entry;
+}
+
+PDRIVER_OBJECT PnpManager::LoadedDriver(std::string_view service) const {
+    auto it = loaded_.find(service);
+    return it == loaded_.end() ? nullptr : it->second->Object();
+}
+
+int PnpManager::Loads(std::string_view service) const {
+    auto it = load_counts_.find(service);
+    return it == load_counts_.end() ? 0 : it->second.first;
+}
+
+int PnpManager::Unloads(std::string_view service) const {
+    auto it = load_counts_.find(service);
+    return it == load_counts_.end() ? 0 : it->second.second;
+}
+
+// Loads the service's driver into a new driver object named after the
+// service, calling its entry with the service key's path.
+bool PnpManager::Load(const std::string& service, PnpDevice& device) {
+    auto entry = entries_.find(service);
+    if (entry == entries_.end())
+        return false;
+    std::u16string name = u"\\Driver\\" + std::u16string(service.begin(), service.end());
+    std::string key = std::string(Registry::kServicesPath) + "\\" + service;
+    auto driver = std::make_unique<Driver>(name);
+    NTSTATUS status = driver->Initialize(entry->second, std::u16string(key.begin(), key.end()));
+    load_counts_[service].first++;
+    if (!NT_SUCCESS(status)) {
+        device.problems.push_back("DriverEntry of " + service + " failed with " +
+                                  detail::Hex(ULONG(status)));
+        return false;
+    }
+    drivers_[service] = driver->Object();
+    loaded_[service] = std::move(driver);
+    return true;
+}
+
+void PnpManager::DriverIdle(PDRIVER_OBJECT driver) {
+    for (const auto& [service, loaded] : loaded_) {
+        if (loaded->Object() != driver)
+            continue;
+        // Unloaded from a system thread, once the deletion's caller is done.
+        Kernel::Current().QueueSystemWork([this, name = service] {
+            Serialized([&] {
+                auto it = loaded_.find(name);
+                if (it == loaded_.end() || it->second->Object()->DeviceObject != nullptr)
+                    return;
+                it->second->Unload();
+                load_counts_[name].second++;
+                drivers_.erase(name);
+                loaded_.erase(it);
+            });
+        });
+        return;
+    }
+}
+
 void PnpManager::InvalidateRelations(PDEVICE_OBJECT bus_device, DEVICE_RELATION_TYPE type) {
     if (!Active() || type != BusRelations)
         return;
@@ -363,6 +425,8 @@ void PnpManager::AssignPortName(PnpDevice& device, const std::string& enum_key) 
 // AddDevice, then the capabilities and the start, down the whole stack.
 void PnpManager::Start(PnpDevice& device) {
     auto driver = drivers_.find(device.service);
+    if (driver == drivers_.end() && Load(device.service, device))
+        driver = drivers_.find(device.service);
     if (driver == drivers_.end()) {
         device.problems.push_back("no driver object serves the service " + device.service);
         return;

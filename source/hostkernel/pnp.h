@@ -24,12 +24,15 @@
 
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace hk {
+
+class Driver;
 
 // How one PnP request came back.
 struct PnpAnswer {
@@ -71,12 +74,25 @@ struct PnpDevice {
 class PnpManager {
   public:
     PnpManager() : interfaces_(*this) {}
+    ~PnpManager();
     PnpManager(const PnpManager&) = delete;
     PnpManager& operator=(const PnpManager&) = delete;
     // Reads the INF that installs devices; the manager is active from then on.
     bool LoadInf(const std::string& path, std::string* error);
     // The driver object that implements a service (its DriverEntry has run).
     void RegisterDriver(std::string_view service, PDRIVER_OBJECT driver);
+    // A service whose driver the manager loads as Windows does: DriverEntry
+    // with the service key's path when a device first needs it, and
+    // DriverUnload once the driver's last device object is deleted; the
+    // next device loads it again into a new driver object.
+    void RegisterDriverEntry(std::string_view service, PDRIVER_INITIALIZE entry);
+    // The driver object loaded for a service now, or null.
+    PDRIVER_OBJECT LoadedDriver(std::string_view service) const;
+    // Times DriverEntry and DriverUnload ran for a service.
+    int Loads(std::string_view service) const;
+    int Unloads(std::string_view service) const;
+    // The I/O manager deleted the driver's last device object.
+    void DriverIdle(PDRIVER_OBJECT driver);
     bool Active() const { return inf_.has_value(); }
 
     void InvalidateRelations(PDEVICE_OBJECT bus_device, DEVICE_RELATION_TYPE type);
@@ -124,7 +140,12 @@ class PnpManager {
     PnpDevice* Find(std::string_view instance);
 
     std::optional<Inf> inf_;
+    bool Load(const std::string& service, PnpDevice& device);
+
     std::map<std::string, PDRIVER_OBJECT, std::less<>> drivers_;
+    std::map<std::string, PDRIVER_INITIALIZE, std::less<>> entries_;
+    std::map<std::string, std::unique_ptr<Driver>, std::less<>> loaded_;
+    std::map<std::string, std::pair<int, int>, std::less<>> load_counts_; // loads, unloads
     std::map<std::string, PnpDevice, std::less<>> devices_; // by instance, kept across plugs
     std::map<PDEVICE_OBJECT, std::string> instance_of_;     // the PDOs now known
     DeviceInterfaces interfaces_;

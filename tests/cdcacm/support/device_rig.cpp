@@ -32,7 +32,6 @@ bool DeviceRig::DataPortDeleted() const {
 }
 
 bool DeviceRig::Build(const Options& options) {
-    Lifecycle() = LifecycleCalls{};
     driver.Type = IO_TYPE_DRIVER;
     driver.Size = sizeof(DRIVER_OBJECT);
     driver_extension.DriverObject = &driver;

@@ -22,9 +22,7 @@
 // Failures go to the failure handler (SetFailureHandler; by default they
 // are kept in Failures()). Driver-wide state is the caller's: reset it with
 // ResetDriverState before Build. The data port goes as the driver deletes
-// it, when its last reference is released (TearDown releases the rig's);
-// the wait-wake request, whose power module comes later, is a double in
-// lifecycle_doubles.cpp that counts its calls in Lifecycle().
+// it, when its last reference is released (TearDown releases the rig's).
 //
 // Environment: the application thread of the current kernel, PASSIVE_LEVEL.
 // Locks: Receive takes the device lock as the receive engine does.
@@ -42,12 +40,6 @@
 #include <memory>
 #include <string>
 #include <vector>
-
-// Calls of the power operation that is still a double.
-struct LifecycleCalls {
-    int wakeup_requests = 0; // RequestWakeupIrp
-};
-LifecycleCalls& Lifecycle();
 
 // One request of the application, from IoCallDriver to its completion.
 struct AppRequest {
