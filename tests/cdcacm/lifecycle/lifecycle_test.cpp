@@ -1,8 +1,8 @@
 // A modem's whole life under the emulated Plug and Play manager, with the
-// driver's own add-device, PnP, open, cleanup and close routines: naming and
-// links, surprise removal and re-plug with a handle open, the stop, query,
-// cancel and capabilities requests, open and close, and every allocation of
-// add and start failed in turn.
+// driver loaded through its entry: loading and unloading, naming and links,
+// surprise removal and re-plug with a handle open, the stop, query, cancel
+// and capabilities requests, open and close, and every allocation of add
+// and start failed in turn.
 #define TRACE_FILE "tests/cdcacm/lifecycle"
 #include "cdcacm.h"
 #include "driver_test.h"
@@ -44,24 +44,9 @@ class ModemLife : public DriverTest {
         TraceMask = kTraceMask;
         if (std::getenv("LIFE_ECHO"))
             dbg().SetEcho(stderr);
-        driver_ = std::make_unique<hk::Driver>(u"\\Driver\\cdcacm");
-        PDRIVER_OBJECT object = driver_->Object();
-        object->DriverExtension->AddDevice = PnPAddDevice;
-        object->MajorFunction[IRP_MJ_CREATE] = DispatchCreate;
-        object->MajorFunction[IRP_MJ_CLEANUP] = DispatchCleanup;
-        object->MajorFunction[IRP_MJ_CLOSE] = DispatchClose;
-        object->MajorFunction[IRP_MJ_READ] = DispatchRead;
-        object->MajorFunction[IRP_MJ_WRITE] = DispatchWrite;
-        object->MajorFunction[IRP_MJ_DEVICE_CONTROL] = DispatchDeviceControl;
-        object->MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL] = DispatchInternalDeviceControl;
-        object->MajorFunction[IRP_MJ_PNP] = DispatchPnp;
-        object->MajorFunction[IRP_MJ_SYSTEM_CONTROL] = DispatchSystemControl;
-        RtlAppendUnicodeToString(
-            &DriverRegistryPath,
-            u"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\cdcacm");
         std::string error;
         ASSERT_TRUE(pnp().LoadInf(CDCACM_INF, &error)) << error;
-        pnp().RegisterDriver("cdcacm", object);
+        pnp().RegisterDriverEntry("cdcacm", DriverEntry);
         bus_ = std::make_unique<hu::Bus>();
     }
 
@@ -72,7 +57,8 @@ class ModemLife : public DriverTest {
         pnp().Settle();
         kernel().Sleep(100);
         bus_.reset();
-        driver_.reset();
+        EXPECT_EQ(pnp().LoadedDriver("cdcacm"), nullptr)
+            << "the driver unloads with its last device";
         DriverTest::TearDown();
     }
 
@@ -115,12 +101,43 @@ class ModemLife : public DriverTest {
     }
     PDEVICE_OBJECT Top(int port) { return IoGetAttachedDevice(bus_->Pdo(port)); }
 
-    std::unique_ptr<hk::Driver> driver_;
     std::unique_ptr<hu::Bus> bus_;
     std::vector<std::shared_ptr<sm::Modem>> modems_;
     std::vector<int> ports_;
     std::vector<std::unique_ptr<hk::File>> files_;
 };
+
+// The driver loads at the first modem and unloads after the last, reporting
+// memory it still counts; an unreadable service key makes it trace all.
+TEST_F(ModemLife, TheDriverLoadsWithItsFirstModemAndUnloadsAfterTheLast) {
+    int port = Plug();
+    EXPECT_EQ(pnp().Loads("cdcacm"), 1);
+    EXPECT_TRUE(
+        dbg().Contains("ACM:\\Registry\\Machine\\System\\CurrentControlSet\\Services\\cdcacm"));
+    EXPECT_EQ(TraceMask, kTraceMask) << "read from the service key";
+    PVOID kept = MemAlloc(10, 'tpeK');
+    Unplug(port);
+    EXPECT_EQ(pnp().Unloads("cdcacm"), 1);
+    EXPECT_TRUE(dbg().Contains("ACM:Memory Log:"));
+    EXPECT_TRUE(dbg().Contains("  MemoryCounter:      10"));
+    EXPECT_TRUE(dbg().Contains("ACM.]DriverUnload"));
+    MemFree(kept);
+
+    dbg().Clear();
+    hk::FaultKnob refuse;
+    refuse.nth = 1;
+    refuse.match = hk::Registry::kOpen;
+    kernel().registry().Faults().Add("service key", refuse);
+    port = Plug();
+    kernel().registry().Faults().Clear();
+    EXPECT_EQ(pnp().Loads("cdcacm"), 2) << "a new load for the next modem";
+    EXPECT_EQ(TraceMask, 255u);
+    EXPECT_TRUE(dbg().Contains("ACM:Open of Software key failed"));
+    EXPECT_TRUE(dbg().Contains("ACM:DriverEntry: read configuration failed."));
+    Unplug(port);
+    EXPECT_FALSE(dbg().Contains("Memory Log")) << "nothing leaked: only the two unload lines";
+    EXPECT_EQ(dbg().Count("DriverUnload"), 2u);
+}
 
 TEST_F(ModemLife, DataPortsAreNumberedAndLinkedToTheirComNames) {
     kernel().registry().SetString(std::string(hk::Registry::kEnumPath) + "\\" + kOrdinary +
