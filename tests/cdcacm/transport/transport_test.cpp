@@ -263,28 +263,24 @@ TEST_F(Transport, AGrantWhileCtsIsInactiveIsUsedUpByWhatIsSent) {
         ULONG length;
         ULONG left;
     };
-    KIRQL irql;
-    DEVICE_LOCK(dev_, &irql);
-    dev_->WaitingData = 10;
-    DEVICE_UNLOCK(dev_, irql);
-    for (const Step& step : {Step{6, 4}, Step{12, 0}}) {
-        PUCHAR buffer;
-        ULONG max_length;
-        PUSB_PACKET packet;
+    PUCHAR buffer;
+    ULONG max_length;
+    PUSB_PACKET packet;
+    auto get_buffer = [&] {
+        KIRQL irql;
         DEVICE_LOCK(dev_, &irql);
         BOOLEAN got = GetWriteBuffer(dev_, &buffer, &max_length, &packet);
         DEVICE_UNLOCK(dev_, irql);
-        ASSERT_TRUE(got) << "a grant lets bytes out while CTS is inactive";
+        return got;
+    };
+    dev_->WaitingData = 10;
+    for (const Step& step : {Step{6, 4}, Step{12, 0}}) {
+        ASSERT_TRUE(get_buffer()) << "a grant lets bytes out while CTS is inactive";
         SubmitWriteBuffer(dev_, buffer, step.length, packet);
         EXPECT_EQ(dev_->WaitingData, step.left);
         RunFor(20);
     }
-    PUCHAR buffer;
-    ULONG max_length;
-    PUSB_PACKET packet;
-    DEVICE_LOCK(dev_, &irql);
-    EXPECT_FALSE(GetWriteBuffer(dev_, &buffer, &max_length, &packet));
-    DEVICE_UNLOCK(dev_, irql);
+    EXPECT_FALSE(get_buffer());
 }
 
 TEST_F(Transport, TheStopSendingBitHoldsDataAndItsClearingResumesAtOnce) {
@@ -370,15 +366,17 @@ TEST_F(Transport, ControlLinesAndLineCodingReachTheModemAsSetupPackets) {
         Bytes input;
         uint8_t request;
         uint16_t value;
+        uint8_t dtr_rts; // IOCTL_SERIAL_GET_DTRRTS after it
     };
     const Row rows[] = {
-        {IOCTL_SERIAL_SET_BAUD_RATE, {0x00, 0xC2, 0x01, 0x00}, 0x20, 0},
-        {IOCTL_SERIAL_SET_LINE_CONTROL, {1, 3, 8}, 0x20, 0}, // 1.5 stop bits, mark parity
-        {IOCTL_SERIAL_SET_DTR, {}, 0x22, 1},
-        {IOCTL_SERIAL_SET_RTS, {}, 0x22, 3},
-        {IOCTL_SERIAL_CLR_DTR, {}, 0x22, 2},
-        {IOCTL_SERIAL_SET_BREAK_ON, {}, 0x23, 0xFFFF},
-        {IOCTL_SERIAL_SET_BREAK_OFF, {}, 0x23, 0},
+        {IOCTL_SERIAL_SET_BAUD_RATE, {0x00, 0xC2, 0x01, 0x00}, 0x20, 0, 0},
+        {IOCTL_SERIAL_SET_LINE_CONTROL, {1, 3, 8}, 0x20, 0, 0}, // 1.5 stop bits, mark parity
+        {IOCTL_SERIAL_SET_DTR, {}, 0x22, 1, SERIAL_DTR_STATE},
+        {IOCTL_SERIAL_SET_RTS, {}, 0x22, 3, SERIAL_DTR_STATE | SERIAL_RTS_STATE},
+        {IOCTL_SERIAL_SET_BREAK_ON, {}, 0x23, 0xFFFF, 3},
+        {IOCTL_SERIAL_SET_BREAK_OFF, {}, 0x23, 0, 3},
+        {IOCTL_SERIAL_CLR_DTR, {}, 0x22, 2, SERIAL_RTS_STATE},
+        {IOCTL_SERIAL_CLR_RTS, {}, 0x22, 0, 0},
     };
     for (const Row& row : rows) {
         ASSERT_TRUE(Wait(Control(row.code, row.input, 0)));
@@ -387,6 +385,9 @@ TEST_F(Transport, ControlLinesAndLineCodingReachTheModemAsSetupPackets) {
         EXPECT_EQ(got.setup.request, row.request);
         EXPECT_EQ(got.setup.value, row.value);
         EXPECT_EQ(got.setup.index, dev_->Cfg.UsbInterface & 0xFFFF);
+        AppRequest* lines = Control(IOCTL_SERIAL_GET_DTRRTS, {}, 4);
+        ASSERT_TRUE(Wait(lines));
+        EXPECT_EQ(lines->Data(), Bytes({row.dtr_rts, 0, 0, 0})) << std::hex << row.code;
     }
     EXPECT_EQ(modem_->Requests()[0].data, Bytes({0x00, 0xC2, 0x01, 0x00, 1, 0, 8}));
     EXPECT_EQ(modem_->Requests()[1].data, Bytes({0x00, 0xC2, 0x01, 0x00, 1, 3, 8}));
