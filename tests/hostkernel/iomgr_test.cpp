@@ -234,36 +234,35 @@ TEST_F(IoManagerTest, CompletionRoutinesRunInStackOrderUntilMoreProcessingRequir
     IoFreeIrp(irp);
 }
 
+// A routine runs for a success, an error or a cancelled IRP as its flags
+// say, each flag against every outcome; a skipped one does not stop the
+// unwinding.
 TEST_F(IoManagerTest, CompletionRoutineFlagsSelectSuccessErrorAndCancel) {
-    const struct {
-        BOOLEAN on_success, on_error, on_cancel;
-        NTSTATUS status;
-        BOOLEAN cancel;
-        size_t calls;
-    } cases[] = {
-        {TRUE, FALSE, FALSE, STATUS_SUCCESS, FALSE, 1},
-        {TRUE, FALSE, FALSE, STATUS_UNSUCCESSFUL, FALSE, 0},
-        {FALSE, TRUE, FALSE, STATUS_UNSUCCESSFUL, FALSE, 1},
-        {FALSE, TRUE, FALSE, STATUS_SUCCESS, FALSE, 0},
-        {FALSE, FALSE, TRUE, STATUS_CANCELLED, TRUE, 1},
-        {FALSE, FALSE, TRUE, STATUS_CANCELLED, FALSE, 0},
-    };
-    for (const auto& c : cases) {
-        Trail trail(STATUS_SUCCESS), top;
-        g_lower = [&](PDEVICE_OBJECT, PIRP Irp) {
-            Irp->Cancel = c.cancel;
-            return Complete(Irp, c.status);
-        };
-        g_upper = [&](PDEVICE_OBJECT, PIRP Irp) {
-            return Forward(Irp, Record, &trail, c.on_success, c.on_error, c.on_cancel);
-        };
-        PIRP irp = NewIrp(IRP_MJ_READ, &top);
-        IoCallDriver(fdo_, irp);
-        EXPECT_EQ(trail.devices.size(), c.calls)
-            << "status " << c.status << " cancel " << int(c.cancel);
-        EXPECT_EQ(top.devices.size(), 1u); // a skipped routine does not stop the unwinding
-        IoFreeIrp(irp);
-    }
+    const std::pair<NTSTATUS, BOOLEAN> outcomes[] = {{STATUS_SUCCESS, FALSE},
+                                                     {STATUS_UNSUCCESSFUL, FALSE},
+                                                     {STATUS_CANCELLED, TRUE},
+                                                     {STATUS_CANCELLED, FALSE}};
+    for (int flags = 0; flags < 8; ++flags)
+        for (const auto& [status, cancel] : outcomes) {
+            const BOOLEAN on_success = flags & 1, on_error = (flags >> 1) & 1,
+                          on_cancel = (flags >> 2) & 1;
+            Trail trail(STATUS_SUCCESS), top;
+            g_lower = [&](PDEVICE_OBJECT, PIRP Irp) {
+                Irp->Cancel = cancel;
+                return Complete(Irp, status);
+            };
+            g_upper = [&](PDEVICE_OBJECT, PIRP Irp) {
+                return Forward(Irp, Record, &trail, on_success, on_error, on_cancel);
+            };
+            PIRP irp = NewIrp(IRP_MJ_READ, &top);
+            IoCallDriver(fdo_, irp);
+            const bool called =
+                (NT_SUCCESS(status) ? on_success : on_error) || (cancel && on_cancel);
+            EXPECT_EQ(trail.devices.size(), called ? 1u : 0u)
+                << "flags " << flags << " status " << status << " cancel " << int(cancel);
+            EXPECT_EQ(top.devices.size(), 1u);
+            IoFreeIrp(irp);
+        }
 }
 
 // Application requests reach the top of the stack in order, buffered as the
