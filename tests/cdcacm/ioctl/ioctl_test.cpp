@@ -43,11 +43,13 @@ TEST_F(IoctlDispatch, BaudRateIsStoredAndSentToTheModemByAWorkItem) {
     EXPECT_EQ(Get<SERIAL_BAUD_RATE>(IOCTL_SERIAL_GET_BAUD_RATE).BaudRate, 115200u);
 }
 
+// Internal codes too: the saved settings are read and written whole or not at all.
 TEST_F(IoctlDispatch, EveryCodeRefusesABufferOneByteShortOfItsMinimum) {
     struct Minimum {
         ULONG Code;
         ULONG In;
         ULONG Out;
+        bool Internal = false;
     };
     const Minimum Minima[] = {
         {IOCTL_SERIAL_SET_BAUD_RATE, 4, 0},
@@ -71,13 +73,16 @@ TEST_F(IoctlDispatch, EveryCodeRefusesABufferOneByteShortOfItsMinimum) {
         {IOCTL_SERIAL_GET_DTRRTS, 0, 4},
         {IOCTL_SERIAL_CONFIG_SIZE, 0, 4},
         {IOCTL_SERIAL_GET_STATS, 0, 24},
+        {IOCTL_SERIAL_INTERNAL_BASIC_SETTINGS, 0, 44, true},
+        {IOCTL_SERIAL_INTERNAL_RESTORE_SETTINGS, 44, 0, true},
     };
     const SER_SETTINGS Before = Settings();
     const std::vector<UCHAR> Input(64, 0x5A);
     for (const Minimum& Needed : Minima) {
         const bool ShortInput = Needed.In != 0;
-        IoctlResult Result = ShortInput ? Ioctl(Needed.Code, Input.data(), Needed.In - 1, 0)
-                                        : Ioctl(Needed.Code, nullptr, 0, Needed.Out - 1);
+        IoctlResult Result =
+            ShortInput ? Ioctl(Needed.Code, Input.data(), Needed.In - 1, 0, Needed.Internal)
+                       : Ioctl(Needed.Code, nullptr, 0, Needed.Out - 1, Needed.Internal);
         EXPECT_EQ(Result.Status, STATUS_INVALID_PARAMETER) << IoctlCodeName(Needed.Code);
         EXPECT_EQ(Result.Information, 0u) << IoctlCodeName(Needed.Code);
         const ULONG Given = (ShortInput ? Needed.In : Needed.Out) - 1;
