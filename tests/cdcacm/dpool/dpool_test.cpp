@@ -1,7 +1,5 @@
 // The data request pool: growth steps and their limit, the free-list order,
-// return to the issuing pool, and allocation failures. (That exit frees
-// every block the teardown checks after each test; the exit of a pool never
-// set up is the port object's creation-failure test.)
+// return to the issuing pool, teardown, and allocation failures.
 #define TRACE_FILE "tests/cdcacm/dpool"
 #include "cdcacm.h"
 
@@ -124,6 +122,13 @@ TEST_F(DPoolTest, PutReturnsEachElementToThePoolThatIssuedIt) {
     EXPECT_EQ(DPoolGet(&second), fromSecond);
     DPoolPut(fromSecond);
     DPoolExit(&second);
+}
+
+// (That exit frees every block the teardown checks after each test.)
+TEST_F(DPoolTest, ExitOfAPoolNeverSetUpDoesNothing) {
+    // A port whose creation failed before its pool was set up.
+    DPoolExit(&pool_);
+    EXPECT_FALSE(dbg().Contains("ASSERTION FAILED"));
 }
 
 TEST_F(DPoolTest, FailedAllocationsRefuseOnceAndTheNextGetGrows) {
