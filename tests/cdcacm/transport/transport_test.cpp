@@ -243,6 +243,32 @@ TEST_F(Transport, CtsFlowControlHoldsDataUntilTheModemRaisesCts) {
     EXPECT_TRUE(dbg().Contains("ACM:COM3:CTS active restart write"));
 }
 
+TEST_F(Transport, AGrantWhileCtsIsInactiveIsUsedUpByWhatIsSent) {
+    dev_->Cfg.useCtsFlowControl = 1;
+    struct Step {
+        ULONG length;
+        ULONG left;
+    };
+    PUCHAR buffer;
+    ULONG max_length;
+    PUSB_PACKET packet;
+    auto get_buffer = [&] {
+        KIRQL irql;
+        DEVICE_LOCK(dev_, &irql);
+        BOOLEAN got = GetWriteBuffer(dev_, &buffer, &max_length, &packet);
+        DEVICE_UNLOCK(dev_, irql);
+        return got;
+    };
+    dev_->WaitingData = 10;
+    for (const Step& step : {Step{6, 4}, Step{12, 0}}) {
+        ASSERT_TRUE(get_buffer()) << "a grant lets bytes out while CTS is inactive";
+        SubmitWriteBuffer(dev_, buffer, step.length, packet);
+        EXPECT_EQ(dev_->WaitingData, step.left);
+        RunFor(20);
+    }
+    EXPECT_FALSE(get_buffer());
+}
+
 TEST_F(Transport, TheStopSendingBitHoldsDataAndItsClearingResumesAtOnce) {
     modem_->SendSerialState(0x0100);
     RunFor(kPoll);
