@@ -164,6 +164,8 @@ class ReceiveFlow : public Transport {
     }
 };
 
+// The rest of a partly taken packet comes next and first: the bytes read
+// back are the bytes sent, in order.
 TEST_F(ReceiveFlow, AFullBufferParksPacketsAndAReadRestartsThemWithNothingLost) {
     const Bytes data = Pattern(100 + 5 * 63 + 200, 3);
     // Short packets end each transfer: one 63-byte transfer per packet.
@@ -179,18 +181,6 @@ TEST_F(ReceiveFlow, AFullBufferParksPacketsAndAReadRestartsThemWithNothingLost) 
     RunFor(20);
     EXPECT_EQ(ParkedPackets(), 0u);
     EXPECT_EQ(BulkReadsOut(), 5u) << "the reads were restarted";
-}
-
-TEST_F(ReceiveFlow, TheRestOfAPartlyTakenPacketComesNextAndFirst) {
-    const Bytes data = Pattern(150, 9);
-    modem_->Push(data); // three transfers into the 64-byte reads: 64, 64 and 22
-    RunFor(20);
-    EXPECT_EQ(ser_->CircRcvBuf.Count, 100u);
-    ASSERT_EQ(ParkedPackets(), 2u);
-    auto* parked = CONTAINING_RECORD(dev_->ReceivePipe.Queue.Flink, USB_PACKET, Link);
-    EXPECT_EQ(parked->Length, 28u) << "the port took 36 of the second packet's 64 bytes";
-    EXPECT_EQ(ReadAll(10, 10), Bytes(data.begin(), data.begin() + 10));
-    EXPECT_EQ(ReadAll(140, 100), Bytes(data.begin() + 10, data.end()));
 }
 
 TEST_F(Transport, PurgeDropsParkedBytesAndReadsResume) {
