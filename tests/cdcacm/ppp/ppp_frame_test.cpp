@@ -163,25 +163,6 @@ TEST_F(PppFrames, TheFramerTracesEachFrameUpTo64Bytes) {
 
 // --- deframer ---
 
-class SmallSendPackets : public PppFrames {
-  protected:
-    SmallSendPackets() { write_packet_ = 64; }
-};
-
-// The one send packet carries a packet in pieces; a finished frame waits for
-// it, and goes once the send buffer has run empty.
-TEST_F(SmallSendPackets, FramesWaitForTheOneSendPacket) {
-    SwitchOn({});
-    TraceMask |= TL_PPP;
-    ASSERT_TRUE(Wait(Write(Concat({Bytes(150, 0x33), {0x7E, 0x01, 0x7E}}))));
-    EXPECT_TRUE(dbg().Contains("ACM:COM3:Incomplete write operation Count:90, LengthBuffer:64"));
-    RunFor(50);
-    EXPECT_TRUE(dbg().Contains("Incomplete write operation Count:26, LengthBuffer:64"));
-    EXPECT_TRUE(dbg().Contains("ACM:COM3:PppDeFramerSubmitBuffer PppDeFramerSubmitData true"));
-    ASSERT_TRUE(Wait(Write(Bytes{0x02, 0x7E})));
-    EXPECT_EQ(ModemFrames(), std::vector<Bytes>({Bytes(150, 0x33), {0x01}, {0x02}}));
-}
-
 // A frame whose packet length the 11-bit field cannot hold is dropped at its
 // flag; one that overflows the deframer's buffer is dropped at once and the
 // rest of it skipped. Neither leaves a gap in the numbering.
@@ -207,7 +188,8 @@ TEST_F(PppFrames, FramesTooLongForAPacketAreDroppedWithoutAGap) {
 // the unescaped frame, numbered modulo 32 both ways, empty frames between
 // unshared flags ignored; the same contents sent by the modem come back as
 // HDLC frames escaped with the modem's characters. Send packets and the
-// receive buffer are small, so frames go and come in pieces.
+// receive buffer are small, so frames go and come in pieces, and a finished
+// frame waits for the one send packet.
 class RoundTrip : public PppFrames, public ::testing::WithParamInterface<unsigned> {
   protected:
     RoundTrip() : random_(GetParam()) {
