@@ -35,27 +35,6 @@ TEST_F(Scheduler, ThreadsWakeInDeadlineOrderAndTheClockFollows) {
     EXPECT_EQ(wakes, (std::vector<std::pair<std::string, int64_t>>{{"fast", 10}, {"slow", 30}}));
 }
 
-TEST_F(Scheduler, RunsAreIdenticalForTheSameSeed) {
-    auto run = [&] {
-        Restart({.seed = 42});
-        std::vector<int64_t> trace;
-        std::vector<std::unique_ptr<hk::Thread>> threads;
-        for (int i = 0; i < 4; ++i)
-            threads.push_back(std::make_unique<hk::Thread>("t" + std::to_string(i), [&, i] {
-                for (int step = 0; step < 5; ++step) {
-                    kernel().Sleep(int64_t(kernel().Random()() % 7) + 1);
-                    trace.push_back(i * 1000 + kernel().NowMs());
-                }
-            }));
-        for (auto& t : threads)
-            t->Join();
-        return trace;
-    };
-    auto first = run();
-    EXPECT_EQ(first.size(), 20u);
-    EXPECT_EQ(run(), first);
-}
-
 TEST_F(Scheduler, PostedWorkRunsAtDispatchWhenTheProcessorIsIdle) {
     std::vector<KIRQL> seen;
     kernel().Post([&] { seen.push_back(KeGetCurrentIrql()); });

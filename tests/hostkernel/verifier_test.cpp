@@ -1,11 +1,11 @@
 // Each verifier rule of the kernel executive fires on a deliberately wrong
 // call and stays silent on the right one next to it. (The I/O manager's
-// rules are tested with its fake drivers in iomgr_test.cpp.)
+// rules, and the reports of leftovers at teardown, are tested with its fake
+// drivers in iomgr_test.cpp.)
 #include "kernel_test.h"
 
 #include <functional>
 #include <string>
-#include <vector>
 
 namespace {
 
@@ -307,26 +307,5 @@ std::string CaseName(const ::testing::TestParamInfo<RuleCase>& info) {
 INSTANTIATE_TEST_SUITE_P(Executive, VerifierRules, ::testing::ValuesIn(kRuleCases), CaseName);
 INSTANTIATE_TEST_SUITE_P(PagedPool, VerifierRules, ::testing::ValuesIn(kPagedObjectCases),
                          CaseName);
-
-// A kernel torn down with leftovers reports each of them. (That a clean one
-// reports nothing every other test's teardown shows.)
-TEST(VerifierTeardown, LeakedPoolAndTimersAreReported) {
-    std::vector<std::string> rules;
-    std::string pool_message;
-    {
-        hk::Kernel kernel;
-        kernel.verifier().SetHandler([&](const std::string& rule, const std::string& message) {
-            rules.push_back(rule);
-            if (rule == hk::rule::kPoolLeak)
-                pool_message = message;
-        });
-        ExAllocatePoolWithTag(NonPagedPool, 40, 'kaeL');
-        static KTIMER timer;
-        KeInitializeTimer(&timer);
-        KeSetTimer(&timer, RelativeMs(100), nullptr);
-    }
-    EXPECT_EQ(rules, (std::vector<std::string>{hk::rule::kTimerLeak, hk::rule::kPoolLeak}));
-    EXPECT_NE(pool_message.find("'Leak': 1 block(s), 40 byte(s)"), std::string::npos);
-}
 
 } // namespace

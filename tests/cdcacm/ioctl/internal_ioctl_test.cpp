@@ -1,6 +1,7 @@
 // The internal serial I/O controls that kernel clients send: saving and
 // restoring the time-out and flow-control settings, refused wait-wake, and
-// invalid codes.
+// invalid codes. (Their short buffers are rows of the serial controls'
+// minimum-size test.)
 #include "ioctl_rig.h"
 
 #include <cstring>
@@ -59,22 +60,6 @@ TEST_F(InternalIoctl, RestoredQueueSizesAreReportedWithoutResizing) {
     EXPECT_EQ(Get<SERIAL_COMMPROP>(IOCTL_SERIAL_GET_PROPERTIES).CurrentRxQueue, 10u);
     EXPECT_EQ(SerPort()->CircRcvBuf.Size, RigReceiveBufferSize);
     EXPECT_TRUE(modem_->Requests().empty());
-}
-
-TEST_F(InternalIoctl, ShortBuffersReadAndWriteNothing) {
-    SERIAL_TIMEOUTS Timeouts = {7, 8, 9, 10, 11};
-    Set(IOCTL_SERIAL_SET_TIMEOUTS, Timeouts);
-
-    IoctlResult Short = Ioctl(IOCTL_SERIAL_INTERNAL_BASIC_SETTINGS, nullptr, 0, 43, true);
-    EXPECT_EQ(Short.Status, STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(Short.Information, 0u);
-    EXPECT_TRUE(Traced("ACMReq 1769484 OutBuffer to small:43 expected:44\n"));
-
-    SERIAL_BASIC_SETTINGS Zero = {};
-    EXPECT_EQ(Ioctl(IOCTL_SERIAL_INTERNAL_RESTORE_SETTINGS, &Zero, 43, 0, true).Status,
-              STATUS_INVALID_PARAMETER);
-    EXPECT_TRUE(Traced("ACMReq 1769488 InBuffer to small:43 expected:44\n"));
-    EXPECT_EQ(Settings().ReadTotalTimeoutConstant, 9u);
 }
 
 // Wait-wake is refused as unsupported; a serial code sent as an internal one

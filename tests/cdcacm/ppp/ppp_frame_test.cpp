@@ -92,15 +92,6 @@ struct FramerCase {
 
 const std::string kFramer = "ACM:COM3:PppFramerIndicateChar ";
 
-FramerCase Numbered(unsigned count) {
-    FramerCase c;
-    for (unsigned sequence = 0; sequence < count; sequence++) {
-        c.frames.push_back({uint8_t(0x40 + sequence)});
-        c.stream = Concat({c.stream, ModemPacketBytes(sequence, c.frames.back())});
-    }
-    return c;
-}
-
 FramerCase WithoutContent() {
     FramerCase c{{}, {}, {{0x42}}, {}};
     for (unsigned length = 0; length <= 4; length++) {
@@ -137,7 +128,6 @@ INSTANTIATE_TEST_SUITE_P(
         FramerCase{{}, ModemPacketBytes(0, {0x7E, 0x41, 0x7D, 1}), {{0x7E, 0x41, 0x7D, 1}}, {}},
         // The largest packet, fully escaped, fits the framer's buffer.
         FramerCase{Range(0, 0xFF), ModemPacketBytes(0, Bytes(2043, 0x7E)), {Bytes(2043, 0x7E)}, {}},
-        Numbered(40), // the sequence number wraps after 31
         // A packet out of sequence is dropped and the device's numbering followed.
         FramerCase{{},
                    Concat({ModemPacketBytes(0, {0x10}), ModemPacketBytes(5, {0x20}),
@@ -173,39 +163,6 @@ TEST_F(PppFrames, TheFramerTracesEachFrameUpTo64Bytes) {
 
 // --- deframer ---
 
-TEST_F(PppFrames, HostFramesBecomeModemPacketsNumberedModulo32) {
-    SwitchOn({});
-    TraceMask |= TL_PPP;
-    Bytes stream{0x7E, 0x7E, 0x01, 0x7D, 0x22, 0x03, 0x7E}; // empty frames are ignored
-    std::vector<Bytes> expected{{1, 2, 3}};
-    for (uint8_t frame = 1; frame < 34; frame++) {
-        stream = Concat({stream, {uint8_t(0x80 + frame), 0x7E}});
-        expected.push_back({uint8_t(0x80 + frame)});
-    }
-    ASSERT_TRUE(Wait(Write(stream)));
-    EXPECT_EQ(ModemFrames(), expected);
-    EXPECT_TRUE(dbg().Contains("ACM:COM3:PppDeFramerSendChar: DeFramer->Count: 3"));
-}
-
-class SmallSendPackets : public PppFrames {
-  protected:
-    SmallSendPackets() { write_packet_ = 64; }
-};
-
-// The one send packet carries a packet in pieces; a finished frame waits for
-// it, and goes once the send buffer has run empty.
-TEST_F(SmallSendPackets, FramesWaitForTheOneSendPacket) {
-    SwitchOn({});
-    TraceMask |= TL_PPP;
-    ASSERT_TRUE(Wait(Write(Concat({Bytes(150, 0x33), {0x7E, 0x01, 0x7E}}))));
-    EXPECT_TRUE(dbg().Contains("ACM:COM3:Incomplete write operation Count:90, LengthBuffer:64"));
-    RunFor(50);
-    EXPECT_TRUE(dbg().Contains("Incomplete write operation Count:26, LengthBuffer:64"));
-    EXPECT_TRUE(dbg().Contains("ACM:COM3:PppDeFramerSubmitBuffer PppDeFramerSubmitData true"));
-    ASSERT_TRUE(Wait(Write(Bytes{0x02, 0x7E})));
-    EXPECT_EQ(ModemFrames(), std::vector<Bytes>({Bytes(150, 0x33), {0x01}, {0x02}}));
-}
-
 // A frame whose packet length the 11-bit field cannot hold is dropped at its
 // flag; one that overflows the deframer's buffer is dropped at once and the
 // rest of it skipped. Neither leaves a gap in the numbering.
@@ -228,9 +185,11 @@ TEST_F(PppFrames, FramesTooLongForAPacketAreDroppedWithoutAGap) {
 }
 
 // Random frames written by the host become modem packets carrying exactly
-// the unescaped frame; the same contents sent by the modem come back as
+// the unescaped frame, numbered modulo 32 both ways, empty frames between
+// unshared flags ignored; the same contents sent by the modem come back as
 // HDLC frames escaped with the modem's characters. Send packets and the
-// receive buffer are small, so frames go and come in pieces.
+// receive buffer are small, so frames go and come in pieces, and a finished
+// frame waits for the one send packet.
 class RoundTrip : public PppFrames, public ::testing::WithParamInterface<unsigned> {
   protected:
     RoundTrip() : random_(GetParam()) {

@@ -1,11 +1,10 @@
 // Reference encodings written independently of the driver's converters:
 // the FCS computed bit by bit from the reflected polynomial, HDLC-like
-// framing and unframing, and the modem packet format.
+// framing, the modem packet format, and the deframer's rules.
 #pragma once
 
 #include <array>
 #include <cstdint>
-#include <optional>
 #include <vector>
 
 namespace ppp_test {
@@ -56,64 +55,11 @@ inline Bytes HdlcFrame(const Bytes& content, const EscapeSet& escape) {
     return frame;
 }
 
-// Splits a host byte stream at flags and unescapes each frame (FCS bytes
-// still included); empty frames between back-to-back flags are skipped.
-inline std::vector<Bytes> HdlcSplit(const Bytes& stream) {
-    std::vector<Bytes> frames;
-    Bytes current;
-    bool in_frame = false, escape = false;
-    for (uint8_t byte : stream) {
-        if (byte == 0x7E) {
-            if (in_frame && !current.empty())
-                frames.push_back(current);
-            current.clear();
-            in_frame = true;
-            escape = false;
-        } else if (!in_frame) {
-            continue;
-        } else if (escape) {
-            current.push_back(byte ^ 0x20);
-            escape = false;
-        } else if (byte == 0x7D) {
-            escape = true;
-        } else {
-            current.push_back(byte);
-        }
-    }
-    return frames;
-}
-
-struct ModemPacket {
-    unsigned sequence = 0;
-    unsigned length = 0; // the header included
-    Bytes content;
-};
-
 inline Bytes ModemPacketBytes(unsigned sequence, const Bytes& content) {
     unsigned word = (sequence & 31) << 11 | ((unsigned)(content.size() + 4) & 0x7FF);
     Bytes packet{0xAA, 0xBB, (uint8_t)(word >> 8), (uint8_t)(word & 0xFF)};
     packet.insert(packet.end(), content.begin(), content.end());
     return packet;
-}
-
-// Parses a stream of well-formed modem packets; nullopt on anything else.
-inline std::optional<std::vector<ModemPacket>> ParseModemPackets(const Bytes& stream) {
-    std::vector<ModemPacket> packets;
-    size_t at = 0;
-    while (at < stream.size()) {
-        if (stream.size() - at < 4 || stream[at] != 0xAA || stream[at + 1] != 0xBB)
-            return std::nullopt;
-        unsigned word = stream[at + 2] << 8 | stream[at + 3];
-        ModemPacket packet;
-        packet.sequence = word >> 11;
-        packet.length = word & 0x7FF;
-        if (packet.length < 4 || stream.size() - at < packet.length)
-            return std::nullopt;
-        packet.content.assign(stream.begin() + at + 4, stream.begin() + at + packet.length);
-        packets.push_back(packet);
-        at += packet.length;
-    }
-    return packets;
 }
 
 // The frames a host byte stream carries to the modem, by the deframer's

@@ -138,6 +138,7 @@ TEST_F(Race, TheFrameBoundaryEventNeverOutlivesTheFlagItStandsFor) {
         RunFor(5);
         EXPECT_EQ(modem_->Pull(), Bytes({'x', '~', 'y', 'z'}));
         EXPECT_FALSE(dev_->FlagSent);
+        EXPECT_FALSE(KeReadStateEvent(&dev_->FlagSentEvent)) << "bytes after the flag clear it";
     });
 }
 

@@ -159,16 +159,6 @@ TEST_F(SerPort, TxEmptyFollowsSentBytesOrANewRequestOnceTheBufferIsEmpty) {
     EXPECT_EQ(TakeEvents(), ULONG(SERIAL_EV_TXEMPTY));
 }
 
-TEST_F(SerPort, AChunkEndingInAFlagMarksTheFrameBoundary) {
-    Write(Bytes{0x01, 0x7E});
-    EXPECT_TRUE(dev_->FlagSent);
-    EXPECT_EQ(KeReadStateEvent(&dev_->FlagSentEvent), 1);
-    RunFor(20);
-    Write(Bytes{0x7E, 0x02});
-    EXPECT_FALSE(dev_->FlagSent);
-    EXPECT_EQ(KeReadStateEvent(&dev_->FlagSentEvent), 0);
-}
-
 // Starting PPP framing, the host's bytes go out unchanged up to its first
 // flag, which is consumed and marks the frame boundary; stopping, nothing goes.
 struct ModeCase {

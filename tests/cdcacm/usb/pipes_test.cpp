@@ -77,17 +77,16 @@ TEST_F(PipesTest, ResetClearsAStall) {
     EXPECT_EQ(modem_->Pull(), std::vector<uint8_t>{3});
 }
 
-TEST_F(PipesTest, ResetOfADisabledDeviceSendsNothing) {
+// A disabled device sends no reset; a reset the bus fails is traced.
+TEST_F(PipesTest, ResetOfADisabledDeviceSendsNothingAndAFailedOneIsTraced) {
+    hu::UsbFaultKnob knob;
+    knob.nth = 1; // fails with USBD_STATUS_DEV_NOT_RESPONDING
+    bus_->AddFault(hu::Fault::kResetPipeFail, knob);
     dev_->UsbDeviceEnabled = FALSE;
     uint64_t before = Urbs();
     EXPECT_EQ(ResetPipe(usb_, dev_->WritePipe.Pipe), STATUS_DEVICE_REMOVED);
     EXPECT_EQ(Urbs(), before);
-}
-
-TEST_F(PipesTest, FailedResetIsTraced) {
-    hu::UsbFaultKnob knob;
-    knob.nth = 1; // fails with USBD_STATUS_DEV_NOT_RESPONDING
-    bus_->AddFault(hu::Fault::kResetPipeFail, knob);
+    dev_->UsbDeviceEnabled = TRUE;
     EXPECT_EQ(ULONG(ResetPipe(usb_, dev_->WritePipe.Pipe)), 0xE0000005u);
     EXPECT_TRUE(dbg().Contains("ACM:COM7:ResetPipe: SubmitUrbAndWait failed (E0000005)."));
 }

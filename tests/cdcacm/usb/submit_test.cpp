@@ -95,32 +95,6 @@ TEST_F(SubmitTest, ShortDeviceToHostRequestReportsTheShorterLength) {
     EXPECT_TRUE(dbg().Contains("ACM:COM7:ClassVendorRequest: Transferred Bytes 7"));
 }
 
-TEST_F(SubmitTest, RequestReachesTheModemAsBuilt) {
-    UCHAR coding[7] = {0x00, 0xc2, 0x01, 0x00, 0, 0, 8};
-    USB_CTRL_REQUEST request = {BMREQUEST_CLASS,
-                                BMREQUEST_TO_INTERFACE,
-                                0,
-                                sm::kSetLineCoding,
-                                0,
-                                USHORT(dev_->Cfg.UsbInterface)};
-    ULONG length = sizeof coding;
-    ASSERT_EQ(ClassVendorRequest(FALSE, dev_, dev_->ControlIrp, &request, coding, &length),
-              STATUS_SUCCESS);
-    USB_CTRL_REQUEST vendor = {
-        BMREQUEST_VENDOR, BMREQUEST_TO_INTERFACE, 0, sm::kGetSpecialChars, 0, 0};
-    UCHAR table[256];
-    length = sizeof table;
-    ASSERT_EQ(ClassVendorRequest(TRUE, dev_, dev_->ControlIrp, &vendor, table, &length),
-              STATUS_SUCCESS);
-    ASSERT_EQ(modem_->Requests().size(), 2u);
-    const sm::RecordedRequest& set = modem_->Requests()[0];
-    EXPECT_EQ(set.setup.request_type, 0x21);
-    EXPECT_EQ(set.setup.length, 7);
-    EXPECT_EQ(set.data, std::vector<uint8_t>(coding, coding + 7));
-    EXPECT_EQ(modem_->Requests()[1].setup.request_type, 0xc1);
-    EXPECT_EQ(modem_->Requests()[1].setup.length, 256);
-}
-
 // A removed device sends nothing: disabled, or without its lower device.
 class NotSentTest : public SubmitTest, public ::testing::WithParamInterface<bool> {};
 
