@@ -257,6 +257,19 @@ NTSTATUS NotifyLowerDetach(PDEVICE Dev) {
     return NotifyLower(Dev, IOCTL_LOWER_DETACH);
 }
 
+// The device and port of an open, cleanup or close, asserted valid.
+static PDEVICE OpenCloseDevice(PDEVICE_OBJECT DeviceObject, PPORT_OBJ* PortOut) {
+    PDEVICE Dev = NULL;
+    PPORT_OBJ Port = NULL;
+    GetDevAndPort(DeviceObject, &Dev, &Port);
+    // clang-format off
+    TRACE_ASSERT(PTRVALID(Dev,DEVICE));
+    TRACE_ASSERT(PTRVALID(Port,PORT_OBJ));
+    // clang-format on
+    *PortOut = Port;
+    return Dev;
+}
+
 static BOOLEAN ThroughAttachObject(PDEVICE_OBJECT DeviceObject) {
     return *(const ULONG*)DeviceObject->DeviceExtension == EXTENSION_TYPE_ATTACH;
 }
@@ -308,13 +321,8 @@ static NTSTATUS OpenPort(PDEVICE Dev, PPORT_OBJ Port, PDEVICE_OBJECT DeviceObjec
 }
 
 NTSTATUS NTAPI DispatchCreate(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
-    PDEVICE Dev = NULL;
-    PPORT_OBJ Port = NULL;
-    GetDevAndPort(DeviceObject, &Dev, &Port);
-    // clang-format off
-    TRACE_ASSERT(PTRVALID(Dev,DEVICE));
-    TRACE_ASSERT(PTRVALID(Port,PORT_OBJ));
-    // clang-format on
+    PPORT_OBJ Port;
+    PDEVICE Dev = OpenCloseDevice(DeviceObject, &Port);
     const WCHAR* Letter = DEVOBJ_LETTER(DeviceObject);
     TRACE(TL_OPEN, "%P:%S%S:DispatchCreate[\n", DEV_PORT_NAME(Dev), Letter);
     KeWaitForSingleObject(&Dev->DeviceMutex, Executive, KernelMode, FALSE, NULL);
@@ -328,13 +336,8 @@ NTSTATUS NTAPI DispatchCreate(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
 }
 
 NTSTATUS NTAPI DispatchCleanup(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
-    PDEVICE Dev = NULL;
-    PPORT_OBJ Port = NULL;
-    GetDevAndPort(DeviceObject, &Dev, &Port);
-    // clang-format off
-    TRACE_ASSERT(PTRVALID(Dev,DEVICE));
-    TRACE_ASSERT(PTRVALID(Port,PORT_OBJ));
-    // clang-format on
+    PPORT_OBJ Port;
+    PDEVICE Dev = OpenCloseDevice(DeviceObject, &Port);
     const WCHAR* Letter = DEVOBJ_LETTER(DeviceObject);
     TRACE(TL_OPEN, "%P:%S%S:DispatchCleanup[\n", DEV_PORT_NAME(Dev), Letter);
     KeWaitForSingleObject(&Dev->DeviceMutex, Executive, KernelMode, FALSE, NULL);
@@ -372,13 +375,8 @@ static VOID DrainSendBuffer(PDEVICE Dev, PSER_PORT SerPort, const WCHAR* Letter)
 }
 
 NTSTATUS NTAPI DispatchClose(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
-    PDEVICE Dev = NULL;
-    PPORT_OBJ Port = NULL;
-    GetDevAndPort(DeviceObject, &Dev, &Port);
-    // clang-format off
-    TRACE_ASSERT(PTRVALID(Dev,DEVICE));
-    TRACE_ASSERT(PTRVALID(Port,PORT_OBJ));
-    // clang-format on
+    PPORT_OBJ Port;
+    PDEVICE Dev = OpenCloseDevice(DeviceObject, &Port);
     const WCHAR* Letter = DEVOBJ_LETTER(DeviceObject);
     TRACE(TL_OPEN, "%P:%S%S:[DispatchClose\n", DEV_PORT_NAME(Dev), Letter);
     KeWaitForSingleObject(&Dev->DeviceMutex, Executive, KernelMode, FALSE, NULL);
