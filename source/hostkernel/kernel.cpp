@@ -4,6 +4,7 @@
 #include "hostkernel/errorlog.h"
 #include "hostkernel/iomgr.h"
 #include "hostkernel/pnp.h"
+#include "hostkernel/power.h"
 #include "hostkernel/scheduler.h"
 
 #include <cstdlib>
@@ -92,6 +93,7 @@ Kernel::Kernel(KernelOptions options) : options_(options), rng_(options.seed) {
     registry_ = std::make_unique<Registry>(rng_);
     errorlog_ = std::make_unique<ErrorLog>();
     pnp_ = std::make_unique<PnpManager>();
+    power_ = std::make_unique<PowerManager>(*pnp_);
     scheduler_ = std::make_unique<detail::Scheduler>(*this, options);
     io_ = std::make_unique<detail::IoManager>(*this);
     locks_ = std::make_unique<detail::LockOrder>();
