@@ -375,6 +375,8 @@ class Kernel {
     // one at a time, unless the interleaving mode runs several workers.
     void QueueSystemWork(std::function<void()> fn);
     uint64_t SystemWorkQueued() const { return work_queued_; } // ever, for waiting it out
+    // Waits until no system work is queued or running (on any worker).
+    void WaitSystemWorkIdle();
     // From any OS thread: fn runs on the emulated processor at DISPATCH_LEVEL
     // as soon as it is idle (external input such as a pty or a signal).
     void Post(std::function<void()> fn);
@@ -398,6 +400,8 @@ class Kernel {
     std::list<std::function<void()>> work_;
     uint64_t work_queued_ = 0;
     KEVENT work_event_;
+    KEVENT work_idle_; // set while no system work is queued or running
+    unsigned work_running_ = 0;
     bool stopping_ = false;
 };
 
