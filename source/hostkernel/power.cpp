@@ -160,6 +160,16 @@ void PowerManager::Wake() {
     pnp_.RunAndWait([this] { WakeNow(); });
 }
 
+NTSTATUS PowerManager::SendSystemIrp(PDEVICE_OBJECT pdo, UCHAR minor, SYSTEM_POWER_STATE state,
+                                     POWER_ACTION action) {
+    NTSTATUS status = STATUS_PENDING;
+    pnp_.RunAndWait([&] {
+        const PnpDevice* device = pnp_.DeviceFor(pdo);
+        status = Send(device ? device->instance : std::string(), pdo, minor, state, action);
+    });
+    return status;
+}
+
 void PowerManager::RequestWake() {
     Kernel::Current().QueueSystemWork([this] { pnp_.Serialized([this] { WakeNow(); }); });
 }

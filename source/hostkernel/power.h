@@ -55,6 +55,12 @@ class PowerManager {
     // the working state is queued for a system worker thread.
     void RequestWake();
 
+    // One system request to one stack, as a test drives a driver's power
+    // dispatch with states and actions of its choosing: sent from a system
+    // worker thread, waited for, and recorded; the system's state stays.
+    NTSTATUS SendSystemIrp(PDEVICE_OBJECT pdo, UCHAR minor, SYSTEM_POWER_STATE state,
+                           POWER_ACTION action);
+
     SYSTEM_POWER_STATE State() const { return state_; }
     const std::vector<PowerRequest>& Requests() const { return requests_; }
     void ClearRequests() { requests_.clear(); }

@@ -237,7 +237,7 @@ TEST_F(PowerManagerTest, QueriesEveryStackThenSetsThemAndWakesWithoutQuery) {
 }
 
 TEST_F(PowerManagerTest, ARefusedQueryReaffirmsTheWorkingStateToTheStacksAsked) {
-    PlugSettled(sm::CompositeTwoAcm());
+    int port = PlugSettled(sm::CompositeTwoAcm());
     owner_.misstep = Misstep::kVetoQuery;
     EXPECT_FALSE(power().Sleep(PowerSystemSleeping3));
     EXPECT_EQ(power().State(), PowerSystemWorking);
@@ -250,6 +250,10 @@ TEST_F(PowerManagerTest, ARefusedQueryReaffirmsTheWorkingStateToTheStacksAsked) 
         << "the second stack is never asked";
     power().Wake();
     EXPECT_EQ(power().Requests().size(), 2u) << "a working system is not woken";
+    EXPECT_EQ(power().SendSystemIrp(bus_->Pdo(port, 1), IRP_MN_QUERY_POWER, PowerSystemSleeping1,
+                                    PowerActionSleep),
+              STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(power().Requests().back().instance, kernel().pnp().Instances()[1]);
 }
 
 // The query, the system set-power and the device set-power inside it are
@@ -340,6 +344,9 @@ TEST_F(BusPowerTest, PoRequestPowerIrpRefusesWithoutCallingBackAndCallsBackOnce)
     EXPECT_EQ(std::make_tuple(r.called, r.status, r.device, r.minor, r.state.DeviceState),
               std::make_tuple(true, STATUS_SUCCESS, pdo_, UCHAR(IRP_MN_SET_POWER), PowerDeviceD2));
     EXPECT_EQ(hk::LiveIrps(), 0u) << "freed after the completion function";
+    Requested hub;
+    EXPECT_EQ(Request(bus_->HubDevice(), IRP_MN_QUERY_POWER, PowerDeviceD2, &hub), STATUS_PENDING);
+    EXPECT_EQ(hub.status, STATUS_SUCCESS) << "the hub answers as a PDO does";
 }
 
 enum class Then { kNothing, kSecond, kCancel, kSurprise, kRemoval, kSignal, kSignalFirst };
