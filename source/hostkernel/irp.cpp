@@ -5,7 +5,7 @@
 // verifier watches pending marks and the statuses dispatch routines return,
 // IRQLs across callbacks, double and premature completions, completions
 // under a spin lock, who owns an IRP when it is freed, reused or given a
-// cancel routine, and freed IRPs.
+// cancel routine, freed IRPs, and Windows XP's rules for power IRPs.
 #include "hostkernel/iomgr.h"
 
 #include "hostkernel/checks.h"
@@ -395,8 +395,9 @@ void FASTCALL IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost) {
          Irp->CurrentLocation <= Irp->StackCount + 1;
          stack++, Irp->CurrentLocation++, Irp->Tail.Overlay.CurrentStackLocation++) {
         size_t index = size_t(Irp->CurrentLocation - 2);
-        // The driver at this location is done with the IRP: completed by it,
-        // or given back to it by its completion routine.
+        // Completion passes this location: its driver is done with the IRP
+        // (it completed it, or its completion routine, run one step below,
+        // let completion go on).
         if (IsPowerQueryOrSet(*stack) && info->power_started[index] != info->sends[index])
             Violation(rule::kPowerIrpNotStarted, Describe(Irp) +
                                                      " completed past a driver that did not call "
