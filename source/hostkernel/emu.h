@@ -140,6 +140,14 @@ inline constexpr const char* kHandleLeak = "registry key handle still open at te
 inline constexpr const char* kIoIrql = "I/O manager call at a forbidden IRQL";
 inline constexpr const char* kPowerStateType =
     "PoSetPowerState with a type other than DevicePowerState";
+inline constexpr const char* kPowerIrpNotStarted =
+    "query- or set-power IRP passed on or completed without PoStartNextPowerIrp";
+inline constexpr const char* kPowerIrpStartMisuse =
+    "PoStartNextPowerIrp on an IRP that is not a power IRP at the caller's stack location";
+inline constexpr const char* kPowerIrpIoCallDriver =
+    "power IRP passed on with IoCallDriver instead of PoCallDriver";
+inline constexpr const char* kPowerIrpNotRequested =
+    "power IRP sent that the power manager did not allocate";
 inline constexpr const char* kIrpUnknown = "IRP used that is not allocated or was freed";
 inline constexpr const char* kIrpCompletedTwice = "IRP completed twice";
 inline constexpr const char* kIrpCompletedPending = "IRP completed with STATUS_PENDING";
@@ -330,6 +338,7 @@ class LockOrder;
 } // namespace detail
 class ErrorLog;
 class PnpManager;
+class PowerManager;
 
 // One emulated machine. The constructing OS thread becomes the first
 // application thread; the destructor stops the system worker thread and
@@ -349,6 +358,7 @@ class Kernel {
     Registry& registry() { return *registry_; }
     ErrorLog& errorlog() { return *errorlog_; }
     PnpManager& pnp() { return *pnp_; }
+    PowerManager& power() { return *power_; }
     detail::Scheduler& scheduler() { return *scheduler_; }
     detail::IoManager& io() { return *io_; }
     detail::LockOrder& locks() { return *locks_; }
@@ -365,6 +375,8 @@ class Kernel {
     // one at a time, unless the interleaving mode runs several workers.
     void QueueSystemWork(std::function<void()> fn);
     uint64_t SystemWorkQueued() const { return work_queued_; } // ever, for waiting it out
+    // Waits until no system work is queued or running (on any worker).
+    void WaitSystemWorkIdle();
     // From any OS thread: fn runs on the emulated processor at DISPATCH_LEVEL
     // as soon as it is idle (external input such as a pty or a signal).
     void Post(std::function<void()> fn);
@@ -379,6 +391,7 @@ class Kernel {
     std::unique_ptr<Registry> registry_;
     std::unique_ptr<ErrorLog> errorlog_;
     std::unique_ptr<PnpManager> pnp_;
+    std::unique_ptr<PowerManager> power_;
     std::unique_ptr<detail::Scheduler> scheduler_;
     std::unique_ptr<detail::IoManager> io_;
     std::unique_ptr<detail::LockOrder> locks_;
@@ -387,6 +400,8 @@ class Kernel {
     std::list<std::function<void()>> work_;
     uint64_t work_queued_ = 0;
     KEVENT work_event_;
+    KEVENT work_idle_; // set while no system work is queued or running
+    unsigned work_running_ = 0;
     bool stopping_ = false;
 };
 

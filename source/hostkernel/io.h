@@ -198,8 +198,9 @@ typedef enum _MM_PAGE_PRIORITY {
 #define MmGetMdlByteCount(Mdl) ((Mdl)->ByteCount)
 #define MmGetMdlByteOffset(Mdl) ((Mdl)->ByteOffset)
 
-// Power.
-typedef enum _SYSTEM_POWER_STATE {
+// Power. The state enumerations are int-sized, as in C, so that a request
+// carrying a state outside the names (a driver must cope) is a value.
+typedef enum _SYSTEM_POWER_STATE : int {
     PowerSystemUnspecified = 0,
     PowerSystemWorking = 1,
     PowerSystemSleeping1 = 2,
@@ -211,7 +212,7 @@ typedef enum _SYSTEM_POWER_STATE {
 } SYSTEM_POWER_STATE,
     *PSYSTEM_POWER_STATE;
 
-typedef enum _DEVICE_POWER_STATE {
+typedef enum _DEVICE_POWER_STATE : int {
     PowerDeviceUnspecified = 0,
     PowerDeviceD0,
     PowerDeviceD1,
@@ -234,10 +235,6 @@ typedef enum _POWER_STATE_TYPE {
 } POWER_STATE_TYPE,
     *PPOWER_STATE_TYPE;
 
-// Records the device object's new device power state and returns the one
-// it had (PowerDeviceUnspecified until the first call).
-POWER_STATE PoSetPowerState(PDEVICE_OBJECT DeviceObject, POWER_STATE_TYPE Type, POWER_STATE State);
-
 typedef enum _POWER_ACTION {
     PowerActionNone = 0,
     PowerActionReserved,
@@ -249,6 +246,26 @@ typedef enum _POWER_ACTION {
     PowerActionWarmEject
 } POWER_ACTION,
     *PPOWER_ACTION;
+
+// The power manager's calls.
+// Records the device object's new device power state and returns the one
+// it had (PowerDeviceUnspecified until the first call).
+POWER_STATE PoSetPowerState(PDEVICE_OBJECT DeviceObject, POWER_STATE_TYPE Type, POWER_STATE State);
+typedef VOID NTAPI REQUEST_POWER_COMPLETE(PDEVICE_OBJECT DeviceObject, UCHAR MinorFunction,
+                                          POWER_STATE PowerState, PVOID Context,
+                                          PIO_STATUS_BLOCK IoStatus);
+typedef REQUEST_POWER_COMPLETE* PREQUEST_POWER_COMPLETE;
+// Allocates a power IRP (IRP_MN_SET_POWER or IRP_MN_QUERY_POWER for a
+// device power state, or IRP_MN_WAIT_WAKE) and sends it to the top of the
+// device's stack; returns STATUS_PENDING once sent. CompletionFunction runs
+// after the last completion routine, then the IRP is freed. Irp, when given,
+// receives the IRP before it is sent.
+NTSTATUS PoRequestPowerIrp(PDEVICE_OBJECT DeviceObject, UCHAR MinorFunction, POWER_STATE PowerState,
+                           PREQUEST_POWER_COMPLETE CompletionFunction, PVOID Context, PIRP* Irp);
+// Passes a power IRP to the next lower driver.
+NTSTATUS PoCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+// The calling driver is done with the power IRP at its stack location.
+void PoStartNextPowerIrp(PIRP Irp);
 
 typedef struct _DEVICE_CAPABILITIES {
     USHORT Size;
@@ -590,18 +607,6 @@ NTSTATUS FASTCALL IofCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 void FASTCALL IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost);
 #define IoCallDriver(DeviceObject, Irp) IofCallDriver((DeviceObject), (Irp))
 
-// Power requests: PoRequestPowerIrp sends a new power IRP to the top of the
-// target's stack and calls CompletionFunction once it has completed;
-// PoCallDriver passes a power IRP on; PoStartNextPowerIrp lets the next
-// power IRP of the device start.
-typedef VOID NTAPI REQUEST_POWER_COMPLETE(PDEVICE_OBJECT DeviceObject, UCHAR MinorFunction,
-                                          POWER_STATE PowerState, PVOID Context,
-                                          PIO_STATUS_BLOCK IoStatus);
-typedef REQUEST_POWER_COMPLETE* PREQUEST_POWER_COMPLETE;
-NTSTATUS PoRequestPowerIrp(PDEVICE_OBJECT DeviceObject, UCHAR MinorFunction, POWER_STATE PowerState,
-                           PREQUEST_POWER_COMPLETE CompletionFunction, PVOID Context, PIRP* Irp);
-NTSTATUS PoCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp);
-void PoStartNextPowerIrp(PIRP Irp);
 #define IoCompleteRequest(Irp, PriorityBoost) IofCompleteRequest((Irp), (PriorityBoost))
 BOOLEAN IoCancelIrp(PIRP Irp);
 void IoAcquireCancelSpinLock(PKIRQL Irql);

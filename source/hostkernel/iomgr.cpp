@@ -150,6 +150,7 @@ std::shared_ptr<IrpInfo> IoManager::Register(PIRP irp, IrpOrigin origin) {
     info->active.assign(count, false);
     info->status_at.assign(count, STATUS_PENDING);
     info->returned.assign(count, STATUS_PENDING);
+    info->power_started.assign(count, 0);
     auto& slot = irps[irp];
     if (slot)
         slot->gone = true;

@@ -31,6 +31,7 @@ enum class IrpOrigin {
     kAllocated,  // IoAllocateIrp: likewise, and freed by IoFreeIrp
     kBuiltIoctl, // IoBuildDeviceIoControlRequest: the I/O manager finishes and frees it
     kFile,       // an application request through hk::File
+    kPower,      // the power manager's: finished by it, a completion function called, and freed
 };
 
 struct IrpInfo {
@@ -50,6 +51,7 @@ struct IrpInfo {
     std::vector<bool> active;             // sent there and not unwound yet: a driver owns it
     std::vector<NTSTATUS> status_at;      // IoStatus.Status when completion passed
     std::vector<NTSTATUS> returned;       // what the last IofCallDriver there returned
+    std::vector<uint32_t> power_started;  // the send during which PoStartNextPowerIrp was called
     // Runs once the IRP reached its originator (built and file IRPs): copies
     // buffers back, signals the waiter and frees the IRP.
     std::function<void(PIRP)> finish;
@@ -112,6 +114,12 @@ class IoManager {
 };
 
 IoManager& Io();
+
+// A new IRP from non-paged pool (null when the pool fails), known to the
+// I/O manager with the given origin.
+PIRP NewIrp(CCHAR stack_size, IrpOrigin origin);
+// IofCallDriver; power_call when PoCallDriver or the power manager sends.
+NTSTATUS CallDriver(PDEVICE_OBJECT device, PIRP irp, bool power_call);
 
 // Pool tags of the I/O manager's own blocks.
 inline constexpr ULONG kDeviceTag = 0x69766544;       // 'Devi'

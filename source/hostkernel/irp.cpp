@@ -5,7 +5,7 @@
 // verifier watches pending marks and the statuses dispatch routines return,
 // IRQLs across callbacks, double and premature completions, completions
 // under a spin lock, who owns an IRP when it is freed, reused or given a
-// cancel routine, and freed IRPs.
+// cancel routine, freed IRPs, and Windows XP's rules for power IRPs.
 #include "hostkernel/iomgr.h"
 
 #include "hostkernel/checks.h"
@@ -166,6 +166,29 @@ void CheckDispatchResult(const IrpInfo& info, PIO_STACK_LOCATION stack, size_t i
                                                      Hex(ULONG(info.status_at[index])));
 }
 
+bool IsPowerQueryOrSet(const IO_STACK_LOCATION& stack) {
+    return stack.MajorFunction == IRP_MJ_POWER &&
+           (stack.MinorFunction == IRP_MN_SET_POWER || stack.MinorFunction == IRP_MN_QUERY_POWER);
+}
+
+// A power IRP going down on a Windows XP-era system: only PoCallDriver may
+// send it, only the power manager may have made it, and a driver that
+// passes a query or set-power IRP on with its own stack location skipped
+// must have called PoStartNextPowerIrp before (it cannot afterwards).
+void CheckPowerSend(const IrpInfo& info, PIRP irp, size_t index, const IoManager::Frame* caller,
+                    bool power_call) {
+    if (!power_call)
+        Violation(rule::kPowerIrpIoCallDriver, Describe(irp) + " sent with IoCallDriver");
+    if (info.origin != IrpOrigin::kPower)
+        Violation(rule::kPowerIrpNotRequested,
+                  Describe(irp) + " was not allocated by PoRequestPowerIrp");
+    if (caller && caller->index == index && IsPowerQueryOrSet(*IoGetNextIrpStackLocation(irp)) &&
+        info.power_started[index] != info.sends[index])
+        Violation(rule::kPowerIrpNotStarted,
+                  Describe(irp) + " passed on with its stack location skipped, without "
+                                  "PoStartNextPowerIrp before");
+}
+
 PIRP AllocateIrp(CCHAR stack_size, IrpOrigin origin) {
     if (stack_size < 1) {
         std::fprintf(stderr, "hostkernel: IRP of %d stack locations requested\n", stack_size);
@@ -263,6 +286,14 @@ void HkCheckSetCancelRoutine(PIRP Irp) {
 }
 
 NTSTATUS FASTCALL IofCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
+    return CallDriver(DeviceObject, Irp, false);
+}
+
+PIRP hk::detail::NewIrp(CCHAR stack_size, IrpOrigin origin) {
+    return AllocateIrp(stack_size, origin);
+}
+
+NTSTATUS hk::detail::CallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp, bool power_call) {
     Sched().PreemptionPoint();
     CheckIoIrql("IofCallDriver", DISPATCH_LEVEL);
     auto info = KnownIrp("IofCallDriver", Irp);
@@ -291,6 +322,8 @@ NTSTATUS FASTCALL IofCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
         Violation(rule::kIrpSentWithCancelRoutine,
                   Describe(Irp) + " sent on with its cancel routine still set");
     size_t index = size_t(Irp->CurrentLocation - 2);
+    if (IoGetNextIrpStackLocation(Irp)->MajorFunction == IRP_MJ_POWER)
+        CheckPowerSend(*info, Irp, index, caller, power_call);
     IoSetNextIrpStackLocation(Irp);
     PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Irp);
     stack->DeviceObject = DeviceObject;
@@ -362,6 +395,13 @@ void FASTCALL IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost) {
          Irp->CurrentLocation <= Irp->StackCount + 1;
          stack++, Irp->CurrentLocation++, Irp->Tail.Overlay.CurrentStackLocation++) {
         size_t index = size_t(Irp->CurrentLocation - 2);
+        // Completion passes this location: its driver is done with the IRP
+        // (it completed it, or its completion routine, run one step below,
+        // let completion go on).
+        if (IsPowerQueryOrSet(*stack) && info->power_started[index] != info->sends[index])
+            Violation(rule::kPowerIrpNotStarted, Describe(Irp) +
+                                                     " completed past a driver that did not call "
+                                                     "PoStartNextPowerIrp at its stack location");
         Irp->PendingReturned = (stack->Control & SL_PENDING_RETURNED) != 0;
         info->pending_at[index] = Irp->PendingReturned;
         info->unwound_send[index] = info->sends[index];

@@ -4,6 +4,7 @@
 #include "hostkernel/errorlog.h"
 #include "hostkernel/iomgr.h"
 #include "hostkernel/pnp.h"
+#include "hostkernel/power.h"
 #include "hostkernel/scheduler.h"
 
 #include <cstdlib>
@@ -92,6 +93,7 @@ Kernel::Kernel(KernelOptions options) : options_(options), rng_(options.seed) {
     registry_ = std::make_unique<Registry>(rng_);
     errorlog_ = std::make_unique<ErrorLog>();
     pnp_ = std::make_unique<PnpManager>();
+    power_ = std::make_unique<PowerManager>(*pnp_);
     scheduler_ = std::make_unique<detail::Scheduler>(*this, options);
     io_ = std::make_unique<detail::IoManager>(*this);
     locks_ = std::make_unique<detail::LockOrder>();
@@ -100,6 +102,7 @@ Kernel::Kernel(KernelOptions options) : options_(options), rng_(options.seed) {
     KeInitializeEvent(&main_->done, NotificationEvent, FALSE);
     scheduler_->Adopt(main_.get());
     KeInitializeEvent(&work_event_, SynchronizationEvent, FALSE);
+    KeInitializeEvent(&work_idle_, NotificationEvent, TRUE);
     unsigned workers = options.interleave.enabled ? options.interleave.worker_threads : 1;
     for (unsigned n = 0; n < workers; ++n)
         workers_.push_back(std::make_unique<Thread>(
@@ -152,7 +155,12 @@ void Kernel::Sleep(int64_t ms) {
 void Kernel::QueueSystemWork(std::function<void()> fn) {
     work_queued_++;
     work_.push_back(std::move(fn));
+    KeClearEvent(&work_idle_);
     KeSetEvent(&work_event_, 0, FALSE);
+}
+
+void Kernel::WaitSystemWorkIdle() {
+    KeWaitForSingleObject(&work_idle_, Executive, KernelMode, FALSE, nullptr);
 }
 
 void Kernel::Post(std::function<void()> fn) {
@@ -164,7 +172,15 @@ void Kernel::WorkerLoop() {
         while (!work_.empty()) {
             std::function<void()> fn = std::move(work_.front());
             work_.pop_front();
+            work_running_++;
             fn();
+            fn = nullptr;
+            // Set in the same step as the test: KeSetEvent's preemption
+            // point could let new work in between and leave it set.
+            if (--work_running_ == 0 && work_.empty()) {
+                work_idle_.Header.SignalState = 1;
+                scheduler_->Signal(&work_idle_.Header);
+            }
             if (scheduler_->Irql() != PASSIVE_LEVEL) {
                 verifier_.Violation(rule::kIrqlNotRestored, "a work item returned at IRQL " +
                                                                 std::to_string(scheduler_->Irql()));

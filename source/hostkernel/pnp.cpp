@@ -520,13 +520,16 @@ void PnpManager::RunAndWait(std::function<void()> work) {
 }
 
 // Work that the waited-for work queued (a bus deleting a removed PDO) is
-// waited for as well.
+// waited for as well. With several system workers the work queued before
+// may still wait for the engine lock, or run elsewhere, when this pass gets
+// it, so the workers' idleness is waited for too.
 void PnpManager::Settle() {
     Kernel& kernel = Kernel::Current();
     uint64_t before;
     do {
         before = kernel.SystemWorkQueued();
         RunAndWait([] {});
+        kernel.WaitSystemWorkIdle();
     } while (kernel.SystemWorkQueued() != before + 1);
 }
 

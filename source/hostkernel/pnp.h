@@ -121,6 +121,7 @@ class PnpManager {
                           const std::function<void(IO_STACK_LOCATION&)>& fill = {});
 
   private:
+    friend class PowerManager; // walks the started stacks under the engine lock
     void Enumerate(PDEVICE_OBJECT bus_device);
     void Arrive(PDEVICE_OBJECT pdo);
     bool Install(PnpDevice& device, const std::vector<std::string>& hardware_ids,

@@ -108,10 +108,12 @@ Bus::Impl::Impl(BusOptions opts) : options(std::move(opts)) {
     KeInitializeSpinLock(&lock);
     KeInitializeTimer(&frame_timer);
     KeInitializeDpc(&completion_dpc, CompletionDpc, this);
+    KeInitializeDpc(&wake_dpc, WakeDpc, this);
     PDRIVER_OBJECT object = driver.Object();
     object->MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL] = DispatchInternal;
     object->MajorFunction[IRP_MJ_DEVICE_CONTROL] = DispatchControl;
     object->MajorFunction[IRP_MJ_PNP] = DispatchPnp;
+    object->MajorFunction[IRP_MJ_POWER] = DispatchPower;
     if (IoCreateDevice(object, sizeof(BusExtension), nullptr, FILE_DEVICE_BUS_EXTENDER, 0, FALSE,
                        &hub) != STATUS_SUCCESS) {
         std::fprintf(stderr, "hostusb: cannot create the hub's device object\n");
@@ -137,6 +139,7 @@ Bus::Impl::~Impl() {
             DeleteFunctions(port.get());
     KeCancelTimer(&frame_timer);
     KeRemoveQueueDpc(&completion_dpc);
+    KeRemoveQueueDpc(&wake_dpc);
     IoDeleteDevice(hub);
 }
 
@@ -890,6 +893,13 @@ void Bus::Impl::Run(Transfer* t) {
     KeAcquireSpinLock(&lock, &irql);
     PortState& port = *t->function->port;
     bool cancelled = t->cancel;
+    // A suspended function's data waits, unscheduled, for its return to D0.
+    if (!cancelled && t->kind == Transfer::Kind::kData && t->function->power != PowerDeviceD0) {
+        t->running = false;
+        t->parked = true;
+        KeReleaseSpinLock(&lock, irql);
+        return;
+    }
     KeReleaseSpinLock(&lock, irql);
     if (cancelled) {
         Finish(t, t->forced);
@@ -992,10 +1002,12 @@ void Bus::Impl::ApplySelection(Transfer* t) {
         any = any || f->configured;
     if (!any) {
         port.config_value = 0;
+        port.config_remote_wakeup = false;
         port.endpoints.clear();
     }
     if (config != nullptr) {
         port.config_value = config->bConfigurationValue;
+        port.config_remote_wakeup = (config->bmAttributes & USB_CONFIG_REMOTE_WAKEUP) != 0;
         select.ConfigurationHandle = NewHandle();
         PUCHAR end = reinterpret_cast<PUCHAR>(t->urb) + t->urb->UrbHeader.Length;
         PUCHAR config_end = reinterpret_cast<PUCHAR>(config) + config->wTotalLength;
@@ -1158,6 +1170,7 @@ void Bus::Impl::DeleteFunctions(PortState* port) {
         IoDeleteDevice(function->pdo);
     port->functions.clear();
     port->device->SetDataReady(nullptr);
+    port->device->SetRemoteWake(nullptr);
     port->device.reset();
 }
 
@@ -1181,6 +1194,7 @@ int Bus::Plug(std::shared_ptr<Device> device, Speed speed) {
         port->ep0 = Endpoint{};
         PortState* state = port.get();
         device->SetDataReady([&bus, state](uint8_t ep) { bus.DataReady(state, ep); });
+        device->SetRemoteWake([&bus, state] { bus.RemoteWake(state); });
         for (auto& interfaces : device->Functions()) {
             auto function = std::make_unique<Function>();
             function->port = state;

@@ -64,15 +64,23 @@ class Device {
     // The bus installs this: the device calls it when an IN endpoint has
     // data again.
     void SetDataReady(std::function<void(uint8_t endpoint)> ready) { ready_ = std::move(ready); }
+    // The bus installs this too: the device calls it to signal remote
+    // wake-up (resume signalling on its port).
+    void SetRemoteWake(std::function<void()> wake) { wake_ = std::move(wake); }
 
   protected:
     void DataReady(uint8_t endpoint) {
         if (ready_)
             ready_(endpoint);
     }
+    void RemoteWakeup() {
+        if (wake_)
+            wake_();
+    }
 
   private:
     std::function<void(uint8_t)> ready_;
+    std::function<void()> wake_;
 };
 
 // Faults the bus can inject. Each is a named knob (hk::FaultKnob: n-th,

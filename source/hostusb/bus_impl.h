@@ -45,6 +45,7 @@ struct Transfer {
     bool behind = false;    // queued behind another transfer of its endpoint
     bool no_answer = false;
     bool waiting = false; // an IN transfer waiting for the device's data
+    bool parked = false;  // its function left D0: it waits, unscheduled, for the return
     bool cancel = false;  // cancelled, aborted or device gone: complete with forced
     USBD_STATUS forced = USBD_STATUS_SUCCESS;
     USBD_STATUS injected = USBD_STATUS_SUCCESS; // a fault's status
@@ -85,7 +86,12 @@ struct Function {
     // Plug and Play: the class triple of the function's first interface
     // (its compatible IDs), and where its device object stands.
     uint8_t cls = 0, subclass = 0, protocol = 0;
-    bool removed = false;          // surprise-removed or removed: its transfers fail
+    bool removed = false; // surprise-removed or removed: its transfers fail
+    // Power: the device power state the last device set-power IRP gave the
+    // function, and its pending wait-wake IRP (at most one; its cancel
+    // routine is set while it waits here).
+    DEVICE_POWER_STATE power = PowerDeviceD0;
+    PIRP wait_wake = nullptr;
     bool reported_missing = false; // a relations answer left it out: the next removal deletes it
 };
 
@@ -104,6 +110,7 @@ struct PortState {
     uint16_t address = 0;
     bool gone = false;
     uint8_t config_value = 0;
+    bool config_remote_wakeup = false; // the selected configuration may wake the host
     Endpoint ep0;
     std::map<uint8_t, Endpoint> endpoints; // of the selected configuration
     std::vector<std::unique_ptr<Function>> functions;
@@ -111,6 +118,11 @@ struct PortState {
     Identity identity;
     bool unplugged = false; // left its port; its device objects wait for their removal
 };
+
+// The lowest system state a device that can wake may wake the system from,
+// and the lowest device state it signals wake-up in (its capabilities).
+constexpr SYSTEM_POWER_STATE kSystemWake = PowerSystemSleeping3;
+constexpr DEVICE_POWER_STATE kDeviceWake = PowerDeviceD2;
 
 // The extension of every device object the bus owns.
 struct BusExtension {
@@ -149,6 +161,18 @@ struct Bus::Impl {
     static VOID NTAPI CancelTransfer(PDEVICE_OBJECT device, PIRP irp);
     static VOID NTAPI CompletionDpc(PKDPC dpc, PVOID context, PVOID, PVOID);
     static NTSTATUS NTAPI DispatchPnp(PDEVICE_OBJECT device, PIRP irp);
+
+    // Power (buspower.cpp).
+    static NTSTATUS NTAPI DispatchPower(PDEVICE_OBJECT device, PIRP irp);
+    static VOID NTAPI CancelWaitWake(PDEVICE_OBJECT device, PIRP irp);
+    static VOID NTAPI WakeDpc(PKDPC dpc, PVOID context, PVOID, PVOID);
+    NTSTATUS FunctionPower(Function* function, PIRP irp);
+    NTSTATUS WaitWake(Function* function, PIRP irp);
+    void SetDevicePower(Function* function, DEVICE_POWER_STATE state);
+    PIRP TakeWaitWake(Function* function); // under lock; null when none or being cancelled
+    void RemoteWake(PortState* port);
+    KDPC wake_dpc;
+    std::vector<PIRP> woken; // wait-wake IRPs the wake DPC completes
 
     // Plug and Play (buspnp.cpp).
     void Enumerate(PortState* port);

@@ -198,6 +198,7 @@ NTSTATUS Bus::Impl::FunctionPnp(Function* function, PIRP irp) {
             status = STATUS_NO_SUCH_DEVICE;
         else
             function->removed = false;
+        function->power = PowerDeviceD0;
         break;
     case IRP_MN_QUERY_STOP_DEVICE:
     case IRP_MN_STOP_DEVICE:
@@ -210,7 +211,12 @@ NTSTATUS Bus::Impl::FunctionPnp(Function* function, PIRP irp) {
         KIRQL irql;
         KeAcquireSpinLock(&lock, &irql);
         FailTransfers(function);
+        PIRP wait_wake = TakeWaitWake(function);
         KeReleaseSpinLock(&lock, irql);
+        if (wait_wake != nullptr) {
+            wait_wake->IoStatus.Status = STATUS_NO_SUCH_DEVICE;
+            IoCompleteRequest(wait_wake, IO_NO_INCREMENT);
+        }
         if (stack->MinorFunction == IRP_MN_REMOVE_DEVICE && function->reported_missing)
             DeleteWhenDetached(function);
         break;
@@ -366,6 +372,7 @@ void Bus::Impl::DeleteFunction(Function* function) {
                                  [&](const auto& f) { return f.get() == function; }));
     if (functions.empty()) {
         port->device->SetDataReady(nullptr);
+        port->device->SetRemoteWake(nullptr);
         port->device.reset();
         port->unplugged = false;
     }

@@ -155,6 +155,10 @@ class Modem : public hu::Device {
     // Any bytes, malformed ones included.
     void SendRawNotification(std::vector<uint8_t> bytes, size_t function = 0);
 
+    // Remote wake-up: the modem signals resume on its port, as on an
+    // incoming call. What comes of it is the bus's to decide.
+    void SignalRemoteWakeup() { RemoteWakeup(); }
+
   private:
     struct FunctionData {
         uint8_t comm_interface = 0;

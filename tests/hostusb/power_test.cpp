@@ -1,0 +1,432 @@
+// Power over the simulated bus: system sleep and wake through the power
+// manager, with a small power policy owner attached to each modem's PDO;
+// PoRequestPowerIrp and the power IRP rules of the verifier; the bus's
+// wait-wake answers, remote wake-up and suspended data.
+#include "bus_client.h"
+
+#include "hostkernel/pnp.h"
+#include "hostkernel/power.h"
+
+#include <string>
+#include <tuple>
+#include <vector>
+
+namespace {
+
+constexpr ULONG kIrpTag = 0x20707249; // 'Irp ', the I/O manager's IRPs
+
+enum class Misstep { kNone, kVetoQuery, kAnswerQuery, kNoStartNext, kIoCallDriver };
+
+struct Seen {
+    UCHAR minor;
+    POWER_STATE_TYPE type;
+    ULONG state;
+    POWER_ACTION action;
+    KIRQL irql;
+};
+
+// What the policy owner saw, and how it misbehaves.
+struct OwnerState {
+    std::vector<Seen> seen;
+    Misstep misstep = Misstep::kNone;
+};
+OwnerState* g_owner = nullptr;
+
+struct OwnerExtension {
+    PDEVICE_OBJECT lower;
+};
+
+// A requested power IRP's completion function, and what it was told. A
+// wait-wake requester with power_up asks for D0 from there on success.
+struct Requested {
+    KEVENT done;
+    bool power_up = false;
+    bool called = false;
+    NTSTATUS status = STATUS_PENDING;
+    PDEVICE_OBJECT device = nullptr;
+    UCHAR minor = 0xFF;
+    POWER_STATE state{};
+    Requested() { KeInitializeEvent(&done, NotificationEvent, FALSE); }
+};
+
+VOID NTAPI Record(PDEVICE_OBJECT device, UCHAR minor, POWER_STATE state, PVOID context,
+                  PIO_STATUS_BLOCK io) {
+    auto* r = static_cast<Requested*>(context);
+    r->called = true;
+    r->status = io->Status;
+    r->device = device;
+    r->minor = minor;
+    r->state = state;
+    POWER_STATE d0;
+    d0.DeviceState = PowerDeviceD0;
+    if (r->power_up && NT_SUCCESS(io->Status))
+        PoRequestPowerIrp(device, IRP_MN_SET_POWER, d0, nullptr, nullptr, nullptr);
+    KeSetEvent(&r->done, IO_NO_INCREMENT, FALSE);
+}
+
+NTSTATUS Request(PDEVICE_OBJECT target, UCHAR minor, ULONG state, Requested* r,
+                 PIRP* irp = nullptr) {
+    POWER_STATE power;
+    if (minor == IRP_MN_WAIT_WAKE)
+        power.SystemState = SYSTEM_POWER_STATE(state);
+    else
+        power.DeviceState = DEVICE_POWER_STATE(state);
+    return PoRequestPowerIrp(target, minor, power, Record, r, irp);
+}
+
+NTSTATUS NTAPI OwnerAddDevice(PDRIVER_OBJECT driver, PDEVICE_OBJECT pdo) {
+    PDEVICE_OBJECT fdo;
+    NTSTATUS status =
+        IoCreateDevice(driver, sizeof(OwnerExtension), nullptr, FILE_DEVICE_MODEM, 0, FALSE, &fdo);
+    if (!NT_SUCCESS(status))
+        return status;
+    static_cast<OwnerExtension*>(fdo->DeviceExtension)->lower =
+        IoAttachDeviceToDeviceStack(fdo, pdo);
+    fdo->Flags |= DO_POWER_PAGABLE;
+    fdo->Flags &= ~DO_DEVICE_INITIALIZING;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS NTAPI OwnerPnp(PDEVICE_OBJECT fdo, PIRP irp) {
+    UCHAR minor = IoGetCurrentIrpStackLocation(irp)->MinorFunction;
+    PDEVICE_OBJECT lower = static_cast<OwnerExtension*>(fdo->DeviceExtension)->lower;
+    IoSkipCurrentIrpStackLocation(irp);
+    NTSTATUS status = IoCallDriver(lower, irp);
+    if (minor == IRP_MN_REMOVE_DEVICE) {
+        IoDetachDevice(lower);
+        IoDeleteDevice(fdo);
+    }
+    return status;
+}
+
+// The device's power policy owner: a system set-power becomes a device
+// set-power (D2 to sleep, D3 below, D0 to work), requested and waited for
+// before the system IRP goes on.
+NTSTATUS NTAPI OwnerPower(PDEVICE_OBJECT fdo, PIRP irp) {
+    PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
+    bool system = stack->MinorFunction != IRP_MN_WAIT_WAKE &&
+                  stack->Parameters.Power.Type == SystemPowerState;
+    g_owner->seen.push_back({stack->MinorFunction, stack->Parameters.Power.Type,
+                             ULONG(stack->Parameters.Power.State.SystemState),
+                             stack->Parameters.Power.ShutdownType, KeGetCurrentIrql()});
+    // Refused, or answered here without PoStartNextPowerIrp.
+    bool veto = g_owner->misstep == Misstep::kVetoQuery;
+    if (system && stack->MinorFunction == IRP_MN_QUERY_POWER &&
+        (veto || g_owner->misstep == Misstep::kAnswerQuery)) {
+        if (veto)
+            PoStartNextPowerIrp(irp);
+        irp->IoStatus.Status = veto ? STATUS_UNSUCCESSFUL : STATUS_SUCCESS;
+        IoCompleteRequest(irp, IO_NO_INCREMENT);
+        return veto ? STATUS_UNSUCCESSFUL : STATUS_SUCCESS;
+    }
+    if (system && stack->MinorFunction == IRP_MN_SET_POWER) {
+        SYSTEM_POWER_STATE to = stack->Parameters.Power.State.SystemState;
+        Requested device;
+        Request(fdo, IRP_MN_SET_POWER,
+                to == PowerSystemWorking     ? PowerDeviceD0
+                : to <= PowerSystemSleeping3 ? PowerDeviceD2
+                                             : PowerDeviceD3,
+                &device);
+        KeWaitForSingleObject(&device.done, Executive, KernelMode, FALSE, nullptr);
+    }
+    if (g_owner->misstep != Misstep::kNoStartNext)
+        PoStartNextPowerIrp(irp);
+    PDEVICE_OBJECT lower = static_cast<OwnerExtension*>(fdo->DeviceExtension)->lower;
+    IoSkipCurrentIrpStackLocation(irp);
+    return g_owner->misstep == Misstep::kIoCallDriver ? IoCallDriver(lower, irp)
+                                                      : PoCallDriver(lower, irp);
+}
+
+// A modem whose only configuration may wake the host.
+sm::Profile WakingModem() {
+    sm::Profile profile = sm::OrdinaryModem();
+    profile.configurations.erase(profile.configurations.begin());
+    return profile;
+}
+
+class PowerManagerTest : public BusTest {
+  protected:
+    void SetUp() override {
+        BusTest::SetUp();
+        g_owner = &owner_;
+        driver_ = std::make_unique<hk::Driver>(u"\\Driver\\cdcacm");
+        PDRIVER_OBJECT object = driver_->Object();
+        object->DriverExtension->AddDevice = OwnerAddDevice;
+        object->MajorFunction[IRP_MJ_PNP] = OwnerPnp;
+        object->MajorFunction[IRP_MJ_POWER] = OwnerPower;
+        std::string error;
+        ASSERT_TRUE(kernel().pnp().LoadInf(CDCACM_INF, &error)) << error;
+        kernel().pnp().RegisterDriver("cdcacm", object);
+        bus_ = std::make_unique<hu::Bus>();
+    }
+    void TearDown() override {
+        for (int port : ports_)
+            bus_->Unplug(port);
+        kernel().pnp().Settle();
+        driver_.reset();
+        BusTest::TearDown();
+        g_owner = nullptr;
+    }
+    int PlugSettled(const sm::Profile& profile) {
+        modems_.push_back(std::make_shared<sm::Modem>(profile));
+        ports_.push_back(bus_->Plug(modems_.back()));
+        kernel().pnp().Settle();
+        return ports_.back();
+    }
+    hk::PowerManager& power() { return kernel().power(); }
+
+    OwnerState owner_;
+    std::unique_ptr<hk::Driver> driver_;
+    std::vector<std::shared_ptr<sm::Modem>> modems_;
+    std::vector<int> ports_;
+};
+
+// Every started stack is asked, then told, each sleeping state with its
+// action; the policy owner's device IRP carries the system action and comes
+// at PASSIVE_LEVEL; the return to work is told without a query.
+TEST_F(PowerManagerTest, QueriesEveryStackThenSetsThemAndWakesWithoutQuery) {
+    PlugSettled(sm::OrdinaryModem());
+    PlugSettled(sm::CompositeTwoAcm());
+    std::vector<std::string> instances = kernel().pnp().Instances();
+    ASSERT_EQ(instances.size(), 3u);
+    auto line = [](const std::string& instance, UCHAR minor, ULONG state, ULONG action) {
+        return instance + " " + std::to_string(minor) + " " + std::to_string(state) + " " +
+               std::to_string(action);
+    };
+    struct {
+        SYSTEM_POWER_STATE state;
+        bool reset;
+        POWER_ACTION action;
+        ULONG device;
+    } cases[] = {{PowerSystemSleeping1, false, PowerActionSleep, PowerDeviceD2},
+                 {PowerSystemSleeping3, false, PowerActionSleep, PowerDeviceD2},
+                 {PowerSystemHibernate, false, PowerActionHibernate, PowerDeviceD3},
+                 {PowerSystemShutdown, false, PowerActionShutdownOff, PowerDeviceD3},
+                 {PowerSystemShutdown, true, PowerActionShutdownReset, PowerDeviceD3}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(line("sleep", 0, c.state, c.action));
+        power().ClearRequests();
+        owner_.seen.clear();
+        ASSERT_TRUE(power().Sleep(c.state, c.reset));
+        EXPECT_EQ(power().State(), c.state);
+        power().Wake();
+        EXPECT_EQ(power().State(), PowerSystemWorking);
+        std::vector<std::string> expected, sent;
+        for (UCHAR minor : {IRP_MN_QUERY_POWER, IRP_MN_SET_POWER})
+            for (const std::string& instance : instances)
+                expected.push_back(line(instance, minor, c.state, c.action));
+        for (const std::string& instance : instances)
+            expected.push_back(
+                line(instance, IRP_MN_SET_POWER, PowerSystemWorking, PowerActionSleep));
+        for (const hk::PowerRequest& r : power().Requests()) {
+            sent.push_back(line(r.instance, r.minor, r.state, r.action));
+            EXPECT_EQ(r.status, STATUS_SUCCESS);
+        }
+        EXPECT_EQ(sent, expected);
+        std::vector<ULONG> device_states;
+        for (const Seen& seen : owner_.seen) {
+            EXPECT_EQ(seen.irql, PASSIVE_LEVEL);
+            if (seen.type == DevicePowerState) {
+                device_states.push_back(seen.state);
+                EXPECT_EQ(seen.action, seen.state == PowerDeviceD0 ? PowerActionSleep : c.action);
+            }
+        }
+        EXPECT_EQ(device_states, (std::vector<ULONG>{c.device, c.device, c.device, PowerDeviceD0,
+                                                     PowerDeviceD0, PowerDeviceD0}));
+    }
+}
+
+TEST_F(PowerManagerTest, ARefusedQueryReaffirmsTheWorkingStateToTheStacksAsked) {
+    int port = PlugSettled(sm::CompositeTwoAcm());
+    owner_.misstep = Misstep::kVetoQuery;
+    EXPECT_FALSE(power().Sleep(PowerSystemSleeping3));
+    EXPECT_EQ(power().State(), PowerSystemWorking);
+    std::vector<std::pair<UCHAR, SYSTEM_POWER_STATE>> sent;
+    for (const hk::PowerRequest& r : power().Requests())
+        sent.emplace_back(r.minor, r.state);
+    EXPECT_EQ(sent, (std::vector<std::pair<UCHAR, SYSTEM_POWER_STATE>>{
+                        {IRP_MN_QUERY_POWER, PowerSystemSleeping3},
+                        {IRP_MN_SET_POWER, PowerSystemWorking}}))
+        << "the second stack is never asked";
+    power().Wake();
+    EXPECT_EQ(power().Requests().size(), 2u) << "a working system is not woken";
+    EXPECT_EQ(power().SendSystemIrp(bus_->Pdo(port, 1), IRP_MN_QUERY_POWER, PowerSystemSleeping1,
+                                    PowerActionSleep),
+              STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(power().Requests().back().instance, kernel().pnp().Instances()[1]);
+}
+
+// The query, the system set-power and the device set-power inside it are
+// each passed on wrongly once, or the query is completed wrongly; a
+// wait-wake IRP needs no PoStartNextPowerIrp.
+TEST_F(PowerManagerTest, EachPowerIrpPassedOnWronglyIsReported) {
+    int port = PlugSettled(WakingModem());
+    owner_.misstep = Misstep::kNoStartNext;
+    Requested wake;
+    PIRP irp = nullptr;
+    ASSERT_EQ(Request(bus_->Pdo(port), IRP_MN_WAIT_WAKE, PowerSystemSleeping3, &wake, &irp),
+              STATUS_PENDING);
+    struct {
+        Misstep misstep;
+        const char* rule;
+        uint64_t count;
+    } cases[] = {{Misstep::kNoStartNext, hk::rule::kPowerIrpNotStarted, 3},
+                 {Misstep::kAnswerQuery, hk::rule::kPowerIrpNotStarted, 1},
+                 {Misstep::kIoCallDriver, hk::rule::kPowerIrpIoCallDriver, 3}};
+    for (const auto& c : cases) {
+        owner_.misstep = c.misstep;
+        hk::ExpectViolation expect(c.rule);
+        power().Sleep(PowerSystemSleeping3);
+        EXPECT_EQ(expect.Count(), c.count) << c.rule;
+        owner_.misstep = Misstep::kNone;
+        power().Wake();
+    }
+    IoCancelIrp(irp);
+    kernel().Sleep(1);
+    EXPECT_EQ(wake.status, STATUS_CANCELLED);
+}
+
+// A wake signal from the sleeping modem completes the wait-wake IRP, whose
+// requester asks for D0 from the completion (at DISPATCH_LEVEL; it reaches
+// the pageable stack at PASSIVE_LEVEL), and wakes the system.
+TEST_F(PowerManagerTest, RemoteWakeWakesTheSleepingSystem) {
+    int port = PlugSettled(WakingModem());
+    Requested wake;
+    wake.power_up = true;
+    ASSERT_EQ(Request(bus_->Pdo(port), IRP_MN_WAIT_WAKE, PowerSystemSleeping3, &wake),
+              STATUS_PENDING);
+    ASSERT_TRUE(power().Sleep(PowerSystemSleeping3));
+    EXPECT_FALSE(wake.called);
+    owner_.seen.clear();
+    modems_.back()->SignalRemoteWakeup();
+    kernel().pnp().Settle();
+    EXPECT_EQ(wake.status, STATUS_SUCCESS);
+    EXPECT_EQ(power().State(), PowerSystemWorking);
+    EXPECT_EQ(power().Requests().back().state, PowerSystemWorking);
+    size_t d0 = 0;
+    for (const Seen& seen : owner_.seen) {
+        EXPECT_EQ(seen.irql, PASSIVE_LEVEL);
+        d0 += seen.type == DevicePowerState && seen.state == PowerDeviceD0;
+    }
+    EXPECT_EQ(d0, 2u) << "the requester's power-up and the policy owner's for the wake";
+}
+
+// The bus alone: power IRPs sent straight to a modem's PDO.
+class BusPowerTest : public BusTest {
+  protected:
+    void SetUp() override {
+        BusTest::SetUp();
+        Plug(sm::OrdinaryModem());
+    }
+    NTSTATUS SetDevice(DEVICE_POWER_STATE state) {
+        Requested r;
+        EXPECT_EQ(Request(pdo_, IRP_MN_SET_POWER, state, &r), STATUS_PENDING);
+        return r.called ? r.status : STATUS_PENDING;
+    }
+};
+
+TEST_F(BusPowerTest, PoRequestPowerIrpRefusesWithoutCallingBackAndCallsBackOnce) {
+    Requested r;
+    PIRP irp = nullptr;
+    EXPECT_EQ(Request(pdo_, IRP_MN_POWER_SEQUENCE, PowerDeviceD0, &r, &irp),
+              STATUS_INVALID_PARAMETER_2);
+    hk::FaultKnob first_irp;
+    first_irp.nth = 1;
+    first_irp.match = kIrpTag;
+    hk::FaultKnob& knob = kernel().pool().Faults().Add("irp", first_irp);
+    EXPECT_EQ(Request(pdo_, IRP_MN_SET_POWER, PowerDeviceD2, &r, &irp),
+              STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_EQ(knob.fired, 1u);
+    EXPECT_FALSE(r.called);
+    EXPECT_EQ(irp, nullptr);
+    EXPECT_EQ(Request(pdo_, IRP_MN_SET_POWER, PowerDeviceD2, &r, &irp), STATUS_PENDING);
+    EXPECT_NE(irp, nullptr);
+    EXPECT_EQ(std::make_tuple(r.called, r.status, r.device, r.minor, r.state.DeviceState),
+              std::make_tuple(true, STATUS_SUCCESS, pdo_, UCHAR(IRP_MN_SET_POWER), PowerDeviceD2));
+    EXPECT_EQ(hk::LiveIrps(), 0u) << "freed after the completion function";
+    Requested hub;
+    EXPECT_EQ(Request(bus_->HubDevice(), IRP_MN_QUERY_POWER, PowerDeviceD2, &hub), STATUS_PENDING);
+    EXPECT_EQ(hub.status, STATUS_SUCCESS) << "the hub answers as a PDO does";
+}
+
+enum class Then { kNothing, kSecond, kCancel, kSurprise, kRemoval, kSignal, kSignalFirst };
+
+struct WaitWakeCase {
+    const char* name;
+    size_t configuration; // index 1 may wake the host
+    SYSTEM_POWER_STATE from;
+    DEVICE_POWER_STATE device;
+    Then then;
+    NTSTATUS status; // of the wait-wake IRP (the second for kSecond); pending: still waiting
+};
+
+class WaitWakeTest : public BusPowerTest, public ::testing::WithParamInterface<WaitWakeCase> {};
+
+TEST_P(WaitWakeTest, AnswersAsABusDriver) {
+    const WaitWakeCase& c = GetParam();
+    ASSERT_EQ(Select(c.configuration), STATUS_SUCCESS);
+    ASSERT_EQ(SetDevice(c.device), STATUS_SUCCESS);
+    if (c.then == Then::kSignalFirst)
+        modem_->SignalRemoteWakeup();
+    Requested r, second;
+    PIRP irp = nullptr;
+    ASSERT_EQ(Request(pdo_, IRP_MN_WAIT_WAKE, c.from, &r, &irp), STATUS_PENDING);
+    if (c.then == Then::kSecond)
+        Request(pdo_, IRP_MN_WAIT_WAKE, c.from, &second);
+    else if (c.then == Then::kCancel)
+        EXPECT_TRUE(IoCancelIrp(irp));
+    else if (c.then == Then::kSurprise || c.then == Then::kRemoval)
+        hk::PnpManager::Send(pdo_, c.then == Then::kRemoval ? IRP_MN_REMOVE_DEVICE
+                                                            : IRP_MN_SURPRISE_REMOVAL);
+    else if (c.then == Then::kSignal)
+        modem_->SignalRemoteWakeup();
+    kernel().Sleep(1);
+    const Requested& checked = c.then == Then::kSecond ? second : r;
+    EXPECT_EQ(checked.called ? checked.status : STATUS_PENDING, c.status);
+    if (!r.called) {
+        IoCancelIrp(irp);
+        kernel().Sleep(1);
+        EXPECT_EQ(r.status, STATUS_CANCELLED);
+    }
+}
+
+constexpr SYSTEM_POWER_STATE kS3 = PowerSystemSleeping3, kS4 = PowerSystemHibernate;
+constexpr DEVICE_POWER_STATE kD0 = PowerDeviceD0, kD2 = PowerDeviceD2, kD3 = PowerDeviceD3;
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, WaitWakeTest,
+    ::testing::Values(
+        WaitWakeCase{"Pending", 1, kS3, kD2, Then::kNothing, STATUS_PENDING},
+        WaitWakeCase{"Busy", 1, kS3, kD0, Then::kSecond, STATUS_DEVICE_BUSY},
+        WaitWakeCase{"NoRemoteWakeup", 0, kS3, kD0, Then::kNothing, STATUS_NOT_SUPPORTED},
+        WaitWakeCase{"BelowSystemWake", 1, kS4, kD0, Then::kNothing, STATUS_INVALID_DEVICE_STATE},
+        WaitWakeCase{"BelowDeviceWake", 1, kS3, kD3, Then::kNothing, STATUS_INVALID_DEVICE_STATE},
+        WaitWakeCase{"Cancelled", 1, kS3, kD0, Then::kCancel, STATUS_CANCELLED},
+        WaitWakeCase{"SurpriseRemoval", 1, kS3, kD0, Then::kSurprise, STATUS_NO_SUCH_DEVICE},
+        WaitWakeCase{"Removal", 1, kS3, kD0, Then::kRemoval, STATUS_NO_SUCH_DEVICE},
+        WaitWakeCase{"SignalInD0", 1, kS3, kD0, Then::kSignal, STATUS_PENDING},
+        WaitWakeCase{"SignalBeforeArmed", 1, kS3, kD2, Then::kSignalFirst, STATUS_PENDING},
+        WaitWakeCase{"SignalInD2", 1, kS3, kD2, Then::kSignal, STATUS_SUCCESS}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// A suspended modem neither sends nor receives; its transfers wait and go
+// on in D0.
+TEST_F(BusPowerTest, SuspendedDataWaitsForD0) {
+    ASSERT_EQ(Select(0), STATUS_SUCCESS);
+    ASSERT_EQ(SetDevice(PowerDeviceD2), STATUS_SUCCESS);
+    modem_->Push({1, 2, 3});
+    BusRequest* in = Transfer(0x81, true, {}, 64);
+    BusRequest* out = Transfer(0x01, false, {7, 8});
+    kernel().Sleep(50);
+    EXPECT_FALSE(in->completed);
+    EXPECT_FALSE(out->completed);
+    EXPECT_TRUE(modem_->Pull().empty());
+    ASSERT_EQ(SetDevice(PowerDeviceD0), STATUS_SUCCESS);
+    ASSERT_TRUE(Wait(in));
+    ASSERT_TRUE(Wait(out));
+    EXPECT_EQ(std::vector<uint8_t>(in->buffer.begin(), in->buffer.begin() + 3),
+              (std::vector<uint8_t>{1, 2, 3}));
+    EXPECT_EQ(modem_->Pull(), (std::vector<uint8_t>{7, 8}));
+}
+
+} // namespace
