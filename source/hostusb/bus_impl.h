@@ -182,7 +182,10 @@ struct Bus::Impl {
     NTSTATUS QueryCapabilities(Function* function, PIRP irp);
     NTSTATUS QueryText(Function* function, PIRP irp);
     void FailTransfers(Function* function); // under lock
-    void DeleteWhenDetached(Function* function);
+    // Times the deletion looks again for the driver to detach before it
+    // reports that it never did.
+    static constexpr int kDetachTries = 100;
+    void DeleteWhenDetached(Function* function, int tries = 0);
     void DeleteFunction(Function* function);
     // Work queued for later must not outlive the bus.
     std::shared_ptr<bool> alive = std::make_shared<bool>(true);

@@ -352,10 +352,17 @@ void Bus::Impl::FailTransfers(Function* function) {
 // down, and the request still has to come back through the PDO: the PDO
 // goes once the removal's work is over, from the system worker queue behind
 // the PnP manager's own work.
-void Bus::Impl::DeleteWhenDetached(Function* function) {
-    hk::Kernel::Current().QueueSystemWork([this, function, alive = alive] {
-        if (*alive)
-            DeleteFunction(function);
+void Bus::Impl::DeleteWhenDetached(Function* function, int tries) {
+    hk::Kernel::Current().QueueSystemWork([this, function, tries, alive = alive] {
+        if (!*alive)
+            return;
+        // On another worker thread the function driver may still be on its
+        // way from passing the removal down to detaching: look again later.
+        if (function->pdo->AttachedDevice != nullptr && tries < kDetachTries) {
+            DeleteWhenDetached(function, tries + 1);
+            return;
+        }
+        DeleteFunction(function);
     });
 }
 
