@@ -1,9 +1,10 @@
 // The simulated modem's behaviour: standard requests from its descriptor
 // tables, the CDC and vendor requests of an ACM modem (recorded with their
 // virtual time), a stall for anything else, bulk data in loopback or test
-// mode, transparent or as modem packets of the PPP framing mode, and
-// notifications on the interrupt endpoint on demand. Runs in the bus's
-// completion context or on the test thread; no locks.
+// mode, transparent or as modem packets of the PPP framing mode, the way
+// into the AT command mode (hayes.cpp), and notifications on the interrupt
+// endpoint on demand. Runs in the bus's completion context or on the test
+// thread; no locks.
 #include "simmodem/simmodem.h"
 
 #include <algorithm>
@@ -19,6 +20,7 @@ constexpr uint8_t kTypeStandard = 0x00;
 constexpr uint8_t kTypeClass = 0x20;
 constexpr uint8_t kTypeVendor = 0x40;
 constexpr uint8_t kRecipientInterface = 0x01;
+constexpr uint16_t kDtr = 0x0001; // SET_CONTROL_LINE_STATE
 
 // Modem packets: magic 0xAA 0xBB, then a big-endian word of a 5-bit
 // sequence number and an 11-bit length that counts the header too.
@@ -55,6 +57,8 @@ Modem::Modem(Profile profile, DataMode mode) : profile_(std::move(profile)), mod
     }
     functions_.resize(profile_.functions.size());
     Configure(0);
+    if (mode_ == DataMode::kCommand)
+        CreateCommandState();
 }
 
 std::vector<std::vector<uint8_t>> Modem::Functions() const {
@@ -169,6 +173,8 @@ hu::ControlAnswer Modem::Control(const hu::SetupPacket& setup,
     } else if (type == kTypeClass && setup.request == kGetLineCoding && in) {
         answer.data = line_coding_;
     } else if (type == kTypeClass && setup.request == kSetControlLineState && !in) {
+        if (function->at)
+            AtDtr(*function, control_lines_ & kDtr, setup.value & kDtr);
         control_lines_ = setup.value;
     } else if (type == kTypeClass && setup.request == kSendBreak && !in) {
         break_state_ = setup.value;
@@ -214,6 +220,8 @@ void Modem::Out(uint8_t endpoint, const std::vector<uint8_t>& data) {
         ParseStream(*f);
     } else if (mode_ == DataMode::kLoopback)
         Push(data, size_t(f - functions_.data()));
+    else if (mode_ == DataMode::kCommand)
+        AtReceive(*f, data);
     else
         f->written.insert(f->written.end(), data.begin(), data.end());
 }

@@ -81,6 +81,7 @@ Profile OrdinaryModem(hu::Speed speed) {
     profile.manufacturer = "Korva";
     profile.product = "Korva USB Modem";
     profile.serial = "KM0000001";
+    profile.commands.identification = {"Korva USB Modem", "Korva", "1.00"};
     profile.configurations = {LowPower(AcmFunction(speed, 0, 1)),
                               HighPower(AcmFunction(speed, 0, 1))};
     return profile;

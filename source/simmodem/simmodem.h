@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <deque>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -58,6 +59,22 @@ struct ConfigurationTable {
     std::optional<uint16_t> reported_total_length;
 };
 
+// What a dial leads to.
+enum class DialOutcome { kConnect, kBusy, kNoAnswer };
+
+// The command mode's behaviour (a Hayes-style command set with the syntax
+// and result codes of ITU-T V.250). ATZ and AT&F restore these defaults.
+struct CommandSet {
+    std::vector<std::string> identification; // ATI0, ATI1, ... (others: ERROR)
+    DialOutcome dial_outcome = DialOutcome::kConnect;
+    int64_t dial_ms = 2000; // from ATD to CONNECT or BUSY
+    uint32_t connect_speed = 115200;
+    bool ppp = true; // on connect the modem asks the host for PPP framing
+    uint8_t s0_answer_rings = 0;
+    uint8_t s7_carrier_wait_s = 50;   // NO ANSWER, or NO CARRIER, after this
+    uint8_t s12_guard_fiftieths = 50; // the escape's guard time, 1/50 s
+};
+
 struct Profile {
     std::string name;
     uint16_t vendor_id = 0xfff0; // a test identifier
@@ -70,6 +87,7 @@ struct Profile {
     // Interface numbers per function; one function holding every interface
     // when empty.
     std::vector<std::vector<uint8_t>> functions;
+    CommandSet commands;
 };
 
 // The built-in profiles; packets are 64 bytes at full speed and 512 at high
@@ -97,8 +115,14 @@ struct RecordedRequest {
 
 class Modem : public hu::Device {
   public:
-    enum class DataMode { kLoopback, kTest };
+    // Loopback sends the host's bytes back; test keeps them for Pull; command
+    // runs the AT interpreter on them (hayes.cpp): a dial that connects goes
+    // on-line, with data kept for Pull as in test mode.
+    enum class DataMode { kLoopback, kTest, kCommand };
     explicit Modem(Profile profile, DataMode mode = DataMode::kTest);
+    ~Modem() override;
+    Modem(const Modem&) = delete;
+    Modem& operator=(const Modem&) = delete;
 
     // hu::Device
     hu::ControlAnswer Control(const hu::SetupPacket& setup,
@@ -159,7 +183,16 @@ class Modem : public hu::Device {
     // incoming call. What comes of it is the bus's to decide.
     void SignalRemoteWakeup() { RemoteWakeup(); }
 
+    // Command mode: whether the function is connected (on-line, or in
+    // on-line command state after an escape), and the register value Sn.
+    bool Connected(size_t function = 0) const;
+    uint8_t SRegister(uint8_t n, size_t function = 0) const;
+
   private:
+    struct AtState; // hayes.cpp
+    struct AtStateDelete {
+        void operator()(AtState* state) const;
+    };
     struct FunctionData {
         uint8_t comm_interface = 0;
         uint8_t bulk_in = 0, bulk_out = 0, interrupt_in = 0;
@@ -174,6 +207,7 @@ class Modem : public hu::Device {
         uint8_t device_sequence = 0;
         std::vector<std::vector<uint8_t>> frames;
         uint32_t bad_magic = 0, bad_sequence = 0, bad_fcs = 0;
+        std::unique_ptr<AtState, AtStateDelete> at; // command mode only
     };
     const ConfigurationTable* Selected() const;
     void Configure(uint8_t value);
@@ -183,6 +217,14 @@ class Modem : public hu::Device {
     void ParseStream(FunctionData& f);
     void Notify(size_t function, std::vector<uint8_t> packet);
     std::optional<std::vector<uint8_t>> Descriptor(uint8_t type, uint8_t index, uint16_t language);
+    // Command mode (hayes.cpp).
+    void AtReceive(FunctionData& f, const std::vector<uint8_t>& data);
+    void AtLine(FunctionData& f, const std::string& line, std::string& out);
+    void AtTimer(FunctionData& f);
+    void CreateCommandState();
+    void AtHangUp(FunctionData& f);
+    void AtDtr(FunctionData& f, bool was_on, bool on);
+    static VOID NTAPI AtTimerDpc(KDPC* dpc, PVOID context, PVOID, PVOID);
 
     Profile profile_;
     DataMode mode_;
