@@ -1,0 +1,173 @@
+// The two framings of the PPP engine: RFC 1662's HDLC-like framing on the
+// line, and the modem packets with the FCS on the host's side only.
+#include "ppp/ppp.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using ppp::Bytes;
+
+TEST(Fcs, RfcExampleAndResidue) {
+    const Bytes content = {1, 2, 3};
+    EXPECT_EQ(ppp::WithFcs(content), (Bytes{1, 2, 3, 0x3b, 0x9d}));
+    Bytes whole = ppp::WithFcs({0xff, 0x03, 0xc0, 0x21, 0x7e});
+    EXPECT_EQ(ppp::Fcs16(whole.data(), whole.size()), ppp::kGoodFcs);
+}
+
+struct EncodeCase {
+    const char* name;
+    uint32_t accm;
+    Bytes frame, line;
+};
+
+class HdlcEncodeTest : public ::testing::TestWithParam<EncodeCase> {};
+
+TEST_P(HdlcEncodeTest, EscapesFlagEscapeAndMappedControls) {
+    ppp::HdlcFraming framing;
+    framing.SetSendAccm(GetParam().accm);
+    EXPECT_EQ(framing.Encode(GetParam().frame), GetParam().line);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Frames, HdlcEncodeTest,
+    ::testing::Values(EncodeCase{"Plain", 0, {1, 2, 3}, {0x7e, 0x01, 0x02, 0x03, 0x3b, 0x9d, 0x7e}},
+                      EncodeCase{"DefaultMapEscapesControls",
+                                 0xffffffff,
+                                 {1, 2, 3},
+                                 {0x7e, 0x7d, 0x21, 0x7d, 0x22, 0x7d, 0x23, 0x3b, 0x9d, 0x7e}},
+                      EncodeCase{"SpaceIsNoControl",
+                                 0xffffffff,
+                                 {0x20, 0x1f},
+                                 {0x7e, 0x20, 0x7d, 0x3f, 0x7d, 0x22, 0xc4, 0x7e}},
+                      EncodeCase{"OnlyMappedControls",
+                                 0x4,
+                                 {1, 2, 3},
+                                 {0x7e, 0x01, 0x7d, 0x22, 0x03, 0x3b, 0x9d, 0x7e}}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+struct DecodeCase {
+    const char* name;
+    Bytes line;
+    std::vector<Bytes> frames;
+    uint32_t errors;
+};
+
+const Bytes kFrame = {0xff, 0x03, 0xc0, 0x21, 0x7e, 0x7d, 0x01, 0x20};
+
+Bytes Line(const Bytes& frame) {
+    ppp::HdlcFraming framing;
+    return framing.Encode(frame);
+}
+Bytes operator+(Bytes a, const Bytes& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+// kFrame's line with XON and XOFF inserted on the way.
+Bytes WithInserted() {
+    Bytes line = Line(kFrame);
+    line.insert(line.begin() + 3, 0x11);
+    line.insert(line.begin() + 7, 0x13);
+    return line;
+}
+
+class HdlcDecodeTest : public ::testing::TestWithParam<DecodeCase> {};
+
+TEST_P(HdlcDecodeTest, KeepsGoodFramesAndCountsTheRest) {
+    const DecodeCase& row = GetParam();
+    ppp::HdlcFraming framing;
+    std::vector<Bytes> frames;
+    for (uint8_t byte : row.line) // one byte at a time: no state may be lost
+        for (Bytes& f : framing.Decode({byte}))
+            frames.push_back(f);
+    EXPECT_EQ(frames, row.frames);
+    EXPECT_EQ(framing.Errors(), row.errors);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Lines, HdlcDecodeTest,
+    ::testing::Values(
+        DecodeCase{"RoundTripWithEscapes", Line(kFrame), {kFrame}, 0},
+        DecodeCase{"BackToBackAndSharedFlags",
+                   Bytes{0x7e, 0x7e} + Line(kFrame) +
+                       Bytes{0x7d, 0x21, 0x7d, 0x22, 0x7d, 0x23, 0x3b, 0x9d, 0x7e},
+                   {kFrame, {1, 2, 3}},
+                   0},
+        DecodeCase{"BadFcs", {0x7e, 1, 2, 3, 0x3b, 0x9c, 0x7e}, {}, 1},
+        DecodeCase{"TooShort", {0x7e, 0x3b, 0x9d, 0x7e}, {}, 1},
+        DecodeCase{"EmptyFrameWithItsFcs", {0x7e, 0x7d, 0x20, 0x7d, 0x20, 0x7e}, {}, 1},
+        DecodeCase{
+            "AbortedByEscapeFlag", Bytes{0x7e, 1, 2, 0x7d, 0x7e} + Line({1, 2, 3}), {{1, 2, 3}}, 1},
+        DecodeCase{"InsertedControlsAreDropped", WithInserted(), {kFrame}, 0}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST(HdlcEncode, FlagAndEscapeAreAlwaysEscaped) {
+    ppp::HdlcFraming framing;
+    framing.SetSendAccm(0);
+    Bytes line = framing.Encode({0x7e, 0x7d, 0x20});
+    ASSERT_GE(line.size(), 8u);
+    EXPECT_EQ(Bytes(line.begin(), line.begin() + 6), (Bytes{0x7e, 0x7d, 0x5e, 0x7d, 0x5d, 0x20}));
+}
+
+TEST(HdlcDecode, OverlongFrameIsCountedNotKept) {
+    ppp::HdlcFraming framing;
+    Bytes big(ppp::HdlcFraming::kMaxFrame + 10, 0x41);
+    EXPECT_TRUE(framing.Decode(Line(big)).empty());
+    EXPECT_EQ(framing.Errors(), 1u);
+    EXPECT_EQ(framing.Decode(Line({1, 2, 3})), (std::vector<Bytes>{{1, 2, 3}}));
+}
+
+// Host to modem carries the FCS, modem to host does not; both number
+// their packets from 0.
+TEST(ModemPackets, HostFramesCarryTheirFcsAndModemFramesDoNot) {
+    ppp::ModemPacketFraming host(ppp::ModemPacketFraming::Side::kHost);
+    ppp::ModemPacketFraming modem(ppp::ModemPacketFraming::Side::kModem);
+    Bytes up = host.Encode({1, 2, 3});
+    up = up + host.Encode({4});
+    EXPECT_EQ(Bytes(up.begin(), up.begin() + 9),
+              (Bytes{0xaa, 0xbb, 0x00, 0x09, 1, 2, 3, 0x3b, 0x9d}));
+    EXPECT_EQ(up[11], 0x08); // the second packet: sequence 1
+    EXPECT_EQ(modem.Decode(Bytes(up.begin(), up.begin() + 5)), std::vector<Bytes>{});
+    EXPECT_EQ(modem.Decode(Bytes(up.begin() + 5, up.end())), (std::vector<Bytes>{{1, 2, 3}, {4}}));
+    Bytes down = modem.Encode({5, 6});
+    EXPECT_EQ(down, (Bytes{0xaa, 0xbb, 0x00, 0x06, 5, 6}));
+    EXPECT_EQ(host.Decode(down), (std::vector<Bytes>{{5, 6}}));
+    EXPECT_EQ(host.Errors() + modem.Errors(), 0u);
+}
+
+struct PacketErrorCase {
+    const char* name;
+    Bytes stream;
+    std::vector<Bytes> frames;
+    uint32_t errors;
+};
+
+class ModemPacketErrorTest : public ::testing::TestWithParam<PacketErrorCase> {};
+
+TEST_P(ModemPacketErrorTest, BadPacketsAreCountedAndSkipped) {
+    ppp::ModemPacketFraming modem(ppp::ModemPacketFraming::Side::kModem);
+    EXPECT_EQ(modem.Decode(GetParam().stream), GetParam().frames);
+    EXPECT_EQ(modem.Errors(), GetParam().errors);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Streams, ModemPacketErrorTest,
+    ::testing::Values(
+        PacketErrorCase{"GarbageBeforeIsOneError",
+                        {1, 2, 3, 0xaa, 0xbb, 0x00, 0x09, 1, 2, 3, 0x3b, 0x9d},
+                        {{1, 2, 3}},
+                        1},
+        PacketErrorCase{"OutOfSequenceThenFollowsTheHost",
+                        {0xaa, 0xbb, 0x10, 0x09, 1, 2, 3, 0x3b, 0x9d, 0xaa, 0xbb, 0x18, 0x09, 1, 2,
+                         3, 0x3b, 0x9d},
+                        {{1, 2, 3}},
+                        1},
+        PacketErrorCase{"BadFcs", {0xaa, 0xbb, 0x00, 0x09, 1, 2, 3, 0x3b, 0x9c}, {}, 1},
+        PacketErrorCase{"LengthBelowHeader",
+                        {0xaa, 0xbb, 0x00, 0x02, 0xaa, 0xbb, 0x00, 0x09, 1, 2, 3, 0x3b, 0x9d},
+                        {{1, 2, 3}},
+                        1}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+} // namespace
