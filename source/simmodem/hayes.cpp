@@ -381,6 +381,7 @@ void Modem::AtHangUp(FunctionData& f) {
     at.Disarm();
     at.phase = AtState::Phase::kCommand;
     at.escapes = 0;
+    f.peer.reset();
     if (f.framing)
         RequestFraming(false, function);
     SendSerialState(0, function);

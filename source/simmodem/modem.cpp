@@ -188,6 +188,7 @@ hu::ControlAnswer Modem::Control(const hu::SetupPacket& setup,
         StartFraming(*function);
     } else if (type == kTypeVendor && setup.request == kStopFraming && !in) {
         function->framing = false;
+        function->peer.reset();
     } else {
         return hu::ControlAnswer::Stall();
     }
@@ -246,6 +247,16 @@ void Modem::StartFraming(FunctionData& f) {
     f.resynchronising = false;
     f.host_sequence = 0;
     f.device_sequence = 0;
+    f.peer.reset();
+    if (f.at && Connected(size_t(&f - functions_.data())) && profile_.commands.ppp) {
+        ppp::Config config;
+        config.server = true;
+        config.local_address = profile_.commands.address;
+        config.address_for_peer = profile_.commands.peer_address;
+        size_t function = size_t(&f - functions_.data());
+        f.peer = std::make_unique<ppp::Engine>(
+            config, [this, function](const ppp::Bytes& frame) { PushFrame(frame, function); });
+    }
 }
 
 // Takes every whole modem packet off the front of the host's stream; a
@@ -292,7 +303,13 @@ void Modem::ParseStream(FunctionData& f) {
         if (!good)
             ++f.bad_fcs;
         // A looped-back frame with a bad FCS is dropped, as a PPP peer would.
-        if (good && mode_ == DataMode::kLoopback)
+        // The peer opens at the host's first frame, so that nothing of its
+        // own reaches the host before the host frames.
+        if (good && f.peer) {
+            if (f.peer->Lcp() == ppp::Engine::State::kInitial)
+                f.peer->Open();
+            f.peer->Receive(std::vector<uint8_t>(frame.begin(), frame.end() - kFcsBytes));
+        } else if (good && mode_ == DataMode::kLoopback)
             PushFrame(std::vector<uint8_t>(frame.begin(), frame.end() - kFcsBytes),
                       size_t(&f - functions_.data()));
         f.frames.push_back(std::move(frame));

@@ -10,6 +10,7 @@
 #pragma once
 
 #include "hostusb/bus.h"
+#include "ppp/ppp.h"
 
 #include <cstdint>
 #include <deque>
@@ -73,6 +74,11 @@ struct CommandSet {
     uint8_t s0_answer_rings = 0;
     uint8_t s7_carrier_wait_s = 50;   // NO ANSWER, or NO CARRIER, after this
     uint8_t s12_guard_fiftieths = 50; // the escape's guard time, 1/50 s
+    // Once framing is on after a dial, the modem is the PPP peer: it waits
+    // for the host's first frame, then negotiates, gives the host
+    // peer_address and answers pings at address.
+    uint32_t address = 0x0a000001;      // 10.0.0.1
+    uint32_t peer_address = 0x0a000002; // 10.0.0.2
 };
 
 struct Profile {
@@ -183,6 +189,10 @@ class Modem : public hu::Device {
     // incoming call. What comes of it is the bus's to decide.
     void SignalRemoteWakeup() { RemoteWakeup(); }
 
+    // The PPP peer of a framing connection, if any.
+    const ppp::Engine* Peer(size_t function = 0) const {
+        return functions_.at(function).peer.get();
+    }
     // Command mode: whether the function is connected (on-line, or in
     // on-line command state after an escape), and the register value Sn.
     bool Connected(size_t function = 0) const;
@@ -208,6 +218,7 @@ class Modem : public hu::Device {
         std::vector<std::vector<uint8_t>> frames;
         uint32_t bad_magic = 0, bad_sequence = 0, bad_fcs = 0;
         std::unique_ptr<AtState, AtStateDelete> at; // command mode only
+        std::unique_ptr<ppp::Engine> peer;          // framing after a dial
     };
     const ConfigurationTable* Selected() const;
     void Configure(uint8_t value);
