@@ -138,7 +138,13 @@ BOOL Issue(Port& port, Op op, ULONG code, const void* input, DWORD input_length,
     bool wait = !overlapped || !port.overlapped;
     if (!wait && !request->io->Done()) {
         std::lock_guard<std::mutex> guard(table_lock);
-        port.in_flight.push_back(request);
+        // Finished requests nobody asked about have left their results in
+        // their OVERLAPPED; GetOverlappedResult reads them from there.
+        auto& list = port.in_flight;
+        list.erase(std::remove_if(list.begin(), list.end(),
+                                  [](const auto& r) { return r->io->Done() && r->applied; }),
+                   list.end());
+        list.push_back(request);
         return Fail(ERROR_IO_PENDING);
     }
     request->io->Wait();
