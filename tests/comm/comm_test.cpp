@@ -197,6 +197,7 @@ TEST(BuildCommDcb, ParsesBothModeForms) {
         {"baud=110 parity=s data=7", true, 110, w::SPACEPARITY, 7, w::TWOSTOPBITS, false, false},
         {"baud=57600 stop=1.5 xon=on octs=on", true, 57600, w::NOPARITY, 8, w::ONE5STOPBITS, true,
          true},
+        {"110,n,8,1", true, 110, w::NOPARITY, 8, w::ONESTOPBIT, false, false}, // stop bits given
         {"9600,q,8,1", false, 0, 0, 0, 0, false, false},
         {"9600,n,9,1", false, 0, 0, 0, 0, false, false},
         {"baud=fast", false, 0, 0, 0, 0, false, false},
