@@ -25,10 +25,11 @@ if [ ! -d "$build" ]; then
   cmake --preset host-asan >/dev/null && cmake --build --preset host-asan -j"$(nproc)" || exit 2
 fi
 # The race tests loop over their own seeds; every other driver test program,
-# and the bus's (its PnP and power answers run on several worker threads),
-# runs once per seed here.
+# the bus's (its PnP and power answers run on several worker threads) and
+# the COM port's through the Win32 calls, runs once per seed here.
 mapfile -t programs < <( (find "$build/tests/cdcacm" -mindepth 2 -maxdepth 2 -type f -executable \
-  ! -path '*/races/*'; find "$build/tests/hostusb" -maxdepth 1 -type f -name 'hostusb_tests') | sort)
+  ! -path '*/races/*'; find "$build/tests/hostusb" -maxdepth 1 -type f -name 'hostusb_tests'
+  find "$build/tests/comm" -maxdepth 1 -type f -name 'comm_tests') | sort)
 [ ${#programs[@]} -gt 0 ] || { echo "campaign: no test programs under $build" >&2; exit 2; }
 
 mode="cpus=$cpus,workers=3,jump_us=100"

@@ -472,6 +472,7 @@ class PendingIo {
     std::vector<uint8_t> input_;
     std::vector<uint8_t> output_;
     PIRP irp_ = nullptr;
+    std::function<void(const PendingIo&)> notice_;
 };
 
 // An application's handle on a device, building IRPs as the I/O manager
@@ -507,6 +508,10 @@ class File {
                                                     bool internal = false);
     // IoCancelIrp on a request still pending; false when it was not cancelled.
     bool Cancel(PendingIo& request);
+    // The next request sent calls notice when it completes, in the context
+    // that completes it (possibly inside the call that sends it): where the
+    // I/O manager copies an overlapped request's results and sets its event.
+    void NotifyNextCompletion(std::function<void(const PendingIo&)> notice);
 
     // The handle is closed: IRP_MJ_CLEANUP. Close waits for the file's
     // outstanding requests, then sends IRP_MJ_CLOSE and frees the file object.
@@ -520,6 +525,7 @@ class File {
     PFILE_OBJECT file_ = nullptr;
     bool cleaned_up_ = false;
     std::vector<std::shared_ptr<PendingIo>> outstanding_;
+    std::function<void(const PendingIo&)> next_notice_;
 };
 
 // The object namespace as tests see it.

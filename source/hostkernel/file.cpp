@@ -180,6 +180,8 @@ std::shared_ptr<PendingIo> File::Send(UCHAR major, ULONG code, const void* input
         irp->Flags |= IRP_BUFFERED_IO | IRP_DEALLOCATE_BUFFER;
     }
 
+    request->notice_ = std::move(next_notice_);
+    next_notice_ = nullptr;
     PendingIo* raw = request.get();
     info->finish = [raw](PIRP done) {
         PVOID buffer = done->AssociatedIrp.SystemBuffer;
@@ -194,12 +196,18 @@ std::shared_ptr<PendingIo> File::Send(UCHAR major, ULONG code, const void* input
         raw->irp_ = nullptr;
         raw->done_ = true;
         Io().Release(done);
+        if (raw->notice_)
+            raw->notice_(*raw);
         KeSetEvent(&raw->event_, IO_NO_INCREMENT, FALSE);
     };
     request->irp_ = irp;
     outstanding_.push_back(request);
     IoCallDriver(target, irp);
     return request;
+}
+
+void File::NotifyNextCompletion(std::function<void(const PendingIo&)> notice) {
+    next_notice_ = std::move(notice);
 }
 
 NTSTATUS File::SendSimple(UCHAR major) {

@@ -1,0 +1,508 @@
+// A COM port driven as a Windows program drives it: the Win32 calls of
+// source/comm on the driver loaded under the PnP manager, with a simulated
+// modem behind it, all in virtual time.
+#include "comm/comm.h"
+#include "modem_life.h"
+
+#include <cstring>
+#include <string>
+
+namespace {
+
+namespace w = comm;
+
+class CommPort : public ModemLife {
+  protected:
+    void SetUp() override {
+        ModemLife::SetUp();
+        Plug();
+        port_ = OpenPort("COM1", w::FILE_FLAG_OVERLAPPED);
+        ASSERT_NE(port_, w::INVALID_HANDLE_VALUE) << w::GetLastError();
+        event_ = w::CreateEvent(nullptr, 1, 0, nullptr);
+    }
+    void TearDown() override {
+        if (port_ != w::INVALID_HANDLE_VALUE) {
+            EXPECT_TRUE(w::CloseHandle(port_));
+        }
+        EXPECT_TRUE(w::CloseHandle(event_));
+        ModemLife::TearDown();
+    }
+    static w::HANDLE OpenPort(const char* name, w::DWORD flags = 0,
+                              w::DWORD disposition = w::OPEN_EXISTING) {
+        return w::CreateFile(name, w::GENERIC_READ | w::GENERIC_WRITE, 0, nullptr, disposition,
+                             flags, nullptr);
+    }
+    w::OVERLAPPED Overlapped() {
+        w::OVERLAPPED overlapped{};
+        overlapped.hEvent = event_;
+        return overlapped;
+    }
+    sm::Modem& modem() { return ModemOn(0); }
+
+    w::HANDLE port_ = w::INVALID_HANDLE_VALUE;
+    w::HANDLE event_ = nullptr;
+};
+
+// ---------------------------------------------------------------------------
+// Opening.
+
+TEST_F(CommPort, CreateFileNamesAndRefusals) {
+    struct Case {
+        const char* name;
+        w::DWORD disposition;
+        w::DWORD error; // ERROR_SUCCESS: the open succeeds
+    } cases[] = {
+        {"COM1", w::OPEN_EXISTING, w::ERROR_ACCESS_DENIED}, // an exclusive device
+        {"COM7", w::OPEN_EXISTING, w::ERROR_FILE_NOT_FOUND},
+        {"\\\\.\\COM7", w::OPEN_EXISTING, w::ERROR_FILE_NOT_FOUND},
+        {"COM12", w::OPEN_EXISTING, w::ERROR_FILE_NOT_FOUND}, // a file name without "\\.\"
+        {"notes.txt", w::OPEN_EXISTING, w::ERROR_FILE_NOT_FOUND},
+        {"COM1", 0, w::ERROR_INVALID_PARAMETER},
+    };
+    for (const Case& c : cases) {
+        w::SetLastError(0);
+        EXPECT_EQ(OpenPort(c.name, 0, c.disposition), w::INVALID_HANDLE_VALUE) << c.name;
+        EXPECT_EQ(w::GetLastError(), c.error) << c.name;
+    }
+    // Each spelling of the port reaches it once the first handle is closed.
+    EXPECT_TRUE(w::CloseHandle(port_));
+    for (const char* name : {"\\\\.\\COM1", "com1:", "COM1"}) {
+        port_ = OpenPort(name);
+        ASSERT_NE(port_, w::INVALID_HANDLE_VALUE) << name << " " << w::GetLastError();
+        EXPECT_TRUE(w::CloseHandle(port_));
+    }
+    port_ = w::INVALID_HANDLE_VALUE;
+    EXPECT_FALSE(w::CloseHandle(reinterpret_cast<w::HANDLE>(&cases)));
+    EXPECT_EQ(w::GetLastError(), w::ERROR_INVALID_HANDLE);
+}
+
+// ---------------------------------------------------------------------------
+// The DCB.
+
+TEST_F(CommPort, DcbRoundTripsAndReachesTheModem) {
+    struct Case {
+        w::DWORD baud;
+        w::BYTE size, parity, stop;
+        w::DWORD dtr, rts;
+        bool cts, outx;
+        w::WORD line_bits; // the modem's DTR (1) and RTS (2) afterwards
+    } cases[] = {
+        {19200, 8, w::NOPARITY, w::ONESTOPBIT, w::DTR_CONTROL_ENABLE, w::RTS_CONTROL_ENABLE, false,
+         false, 3},
+        {2400, 7, w::EVENPARITY, w::TWOSTOPBITS, w::DTR_CONTROL_DISABLE, w::RTS_CONTROL_HANDSHAKE,
+         true, false, 2}, // a handshake mode leaves its line to the driver
+        {115200, 5, w::MARKPARITY, w::ONE5STOPBITS, w::DTR_CONTROL_HANDSHAKE,
+         w::RTS_CONTROL_DISABLE, false, true, 0},
+    };
+    for (const Case& c : cases) {
+        w::DCB dcb{};
+        ASSERT_TRUE(w::GetCommState(port_, &dcb));
+        dcb.BaudRate = c.baud;
+        dcb.ByteSize = c.size;
+        dcb.Parity = c.parity;
+        dcb.StopBits = c.stop;
+        dcb.fDtrControl = c.dtr;
+        dcb.fRtsControl = c.rts;
+        dcb.fOutxCtsFlow = c.cts;
+        dcb.fOutX = dcb.fInX = c.outx;
+        dcb.XonLim = 100;
+        dcb.XoffLim = 200;
+        dcb.XonChar = 0x11;
+        dcb.XoffChar = 0x13;
+        dcb.EvtChar = '\n';
+        ASSERT_TRUE(w::SetCommState(port_, &dcb)) << w::GetLastError();
+        w::DCB back{};
+        ASSERT_TRUE(w::GetCommState(port_, &back));
+        EXPECT_EQ(back.BaudRate, c.baud);
+        EXPECT_EQ(back.ByteSize, c.size);
+        EXPECT_EQ(back.Parity, c.parity);
+        EXPECT_EQ(back.StopBits, c.stop);
+        EXPECT_EQ(back.fDtrControl, c.dtr);
+        EXPECT_EQ(back.fRtsControl, c.rts);
+        EXPECT_EQ(back.fOutxCtsFlow, c.cts);
+        EXPECT_EQ(back.fOutX, c.outx);
+        EXPECT_EQ(back.fInX, c.outx);
+        EXPECT_EQ(back.XonLim, 100);
+        EXPECT_EQ(back.XoffLim, 200);
+        EXPECT_EQ(back.EvtChar, '\n');
+        EXPECT_EQ(back.fParity, c.parity != w::NOPARITY);
+        // The line coding: rate (little-endian), stop bits, parity, data bits.
+        const Bytes& coding = modem().LineCoding();
+        ASSERT_EQ(coding.size(), 7u);
+        w::DWORD rate = coding[0] | coding[1] << 8 | coding[2] << 16 | coding[3] << 24;
+        EXPECT_EQ(rate, c.baud);
+        EXPECT_EQ(coding[4], c.stop);
+        EXPECT_EQ(coding[5], c.parity);
+        EXPECT_EQ(coding[6], c.size);
+        EXPECT_EQ(modem().ControlLineState() & 3, c.line_bits) << c.baud;
+    }
+}
+
+TEST_F(CommPort, SetCommStateRefusesInvalidDcbsBeforeTheDriverSeesThem) {
+    w::DCB good{};
+    ASSERT_TRUE(w::GetCommState(port_, &good));
+    good.BaudRate = 9600;
+    good.ByteSize = 8;
+    good.Parity = w::NOPARITY;
+    good.StopBits = w::ONESTOPBIT;
+    good.XonChar = 0x11;
+    good.XoffChar = 0x13;
+    ASSERT_TRUE(w::SetCommState(port_, &good)) << w::GetLastError();
+    size_t requests = modem().Requests().size();
+    struct Case {
+        const char* what;
+        void (*spoil)(w::DCB&);
+    } cases[] = {
+        {"4 data bits", [](w::DCB& d) { d.ByteSize = 4; }},
+        {"9 data bits", [](w::DCB& d) { d.ByteSize = 9; }},
+        {"parity 5", [](w::DCB& d) { d.Parity = 5; }},
+        {"stop bits 3", [](w::DCB& d) { d.StopBits = 3; }},
+        {"5 data bits, 2 stop bits",
+         [](w::DCB& d) {
+             d.ByteSize = 5;
+             d.StopBits = w::TWOSTOPBITS;
+         }},
+        {"6 data bits, 1.5 stop bits",
+         [](w::DCB& d) {
+             d.ByteSize = 6;
+             d.StopBits = w::ONE5STOPBITS;
+         }},
+        {"XonChar equals XoffChar", [](w::DCB& d) { d.XoffChar = d.XonChar; }},
+    };
+    for (const Case& c : cases) {
+        w::DCB bad = good;
+        bad.BaudRate = 300;
+        c.spoil(bad);
+        EXPECT_FALSE(w::SetCommState(port_, &bad)) << c.what;
+        EXPECT_EQ(w::GetLastError(), w::ERROR_INVALID_PARAMETER) << c.what;
+    }
+    w::DCB now{};
+    ASSERT_TRUE(w::GetCommState(port_, &now));
+    EXPECT_EQ(now.BaudRate, 9600u) << "nothing of a refused DCB is stored";
+    EXPECT_EQ(modem().Requests().size(), requests) << "nor sent";
+}
+
+TEST(BuildCommDcb, ParsesBothModeForms) {
+    struct Case {
+        const char* text;
+        bool ok;
+        w::DWORD baud;
+        w::BYTE parity, size, stop;
+        bool outx, cts;
+    } cases[] = {
+        {"9600,n,8,1", true, 9600, w::NOPARITY, 8, w::ONESTOPBIT, false, false},
+        {"COM1: 96,e,7,2", true, 9600, w::EVENPARITY, 7, w::TWOSTOPBITS, false, false},
+        {"19200,o,8,1,x", true, 19200, w::ODDPARITY, 8, w::ONESTOPBIT, true, false},
+        {"1200,n,8,1,p", true, 1200, w::NOPARITY, 8, w::ONESTOPBIT, false, true},
+        {"baud=110 parity=s data=7", true, 110, w::SPACEPARITY, 7, w::TWOSTOPBITS, false, false},
+        {"baud=57600 stop=1.5 xon=on octs=on", true, 57600, w::NOPARITY, 8, w::ONE5STOPBITS, true,
+         true},
+        {"110,n,8,1", true, 110, w::NOPARITY, 8, w::ONESTOPBIT, false, false}, // stop bits given
+        {"9600,q,8,1", false, 0, 0, 0, 0, false, false},
+        {"9600,n,9,1", false, 0, 0, 0, 0, false, false},
+        {"baud=fast", false, 0, 0, 0, 0, false, false},
+        {"speed=9600", false, 0, 0, 0, 0, false, false},
+    };
+    for (const Case& c : cases) {
+        w::DCB dcb{};
+        dcb.ByteSize = 8;
+        dcb.fOutX = 1; // turned off unless the string asks for it
+        w::BOOL ok = w::BuildCommDCB(c.text, &dcb);
+        EXPECT_EQ(ok != 0, c.ok) << c.text;
+        if (!c.ok) {
+            EXPECT_EQ(w::GetLastError(), w::ERROR_INVALID_PARAMETER) << c.text;
+            EXPECT_EQ(dcb.ByteSize, 8) << "a refused string changes nothing";
+            continue;
+        }
+        EXPECT_EQ(dcb.BaudRate, c.baud) << c.text;
+        EXPECT_EQ(dcb.Parity, c.parity) << c.text;
+        EXPECT_EQ(dcb.ByteSize, c.size) << c.text;
+        EXPECT_EQ(dcb.StopBits, c.stop) << c.text;
+        EXPECT_EQ(dcb.fOutX != 0, c.outx) << c.text;
+        EXPECT_EQ(dcb.fOutxCtsFlow != 0, c.cts) << c.text;
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Reading and writing.
+
+TEST_F(CommPort, ReadsEndAtTheirTimeOutsWithTheBytesThatCame) {
+    struct Case {
+        w::COMMTIMEOUTS timeouts;
+        size_t pushed;
+        w::DWORD expected;
+        int64_t elapsed_ms; // at least, and less than twice it
+    } cases[] = {
+        {{0, 0, 200, 0, 0}, 3, 3, 200},       // total time-out
+        {{0, 10, 100, 0, 0}, 0, 0, 180},      // constant plus 8 bytes' multiplier
+        {{w::MAXDWORD, 0, 0, 0, 0}, 2, 2, 0}, // immediate
+        {{w::MAXDWORD, 0, 0, 0, 0}, 0, 0, 0}, // immediate, nothing there
+        {{0, 0, 300, 0, 0}, 8, 8, 0},         // complete before the time-out
+    };
+    for (const Case& c : cases) {
+        w::COMMTIMEOUTS timeouts = c.timeouts;
+        ASSERT_TRUE(w::SetCommTimeouts(port_, &timeouts));
+        w::COMMTIMEOUTS back{};
+        ASSERT_TRUE(w::GetCommTimeouts(port_, &back));
+        EXPECT_EQ(0, memcmp(&back, &timeouts, sizeof back));
+        if (c.pushed)
+            modem().Push(Bytes(c.pushed, 'x'));
+        kernel().Sleep(5);
+        uint8_t buffer[8] = {};
+        w::DWORD read = 99;
+        int64_t start = kernel().NowMs();
+        EXPECT_TRUE(w::ReadFile(port_, buffer, sizeof buffer, &read, nullptr)) << w::GetLastError();
+        int64_t elapsed = kernel().NowMs() - start;
+        EXPECT_EQ(read, c.expected) << c.timeouts.ReadTotalTimeoutConstant;
+        EXPECT_GE(elapsed, c.elapsed_ms);
+        EXPECT_LE(elapsed, 2 * c.elapsed_ms + 5);
+        EXPECT_EQ(buffer[0], c.expected ? 'x' : 0);
+    }
+}
+
+TEST_F(CommPort, OverlappedReadFillsTheBufferAndSetsTheEvent) {
+    w::OVERLAPPED overlapped = Overlapped();
+    char buffer[5] = {};
+    w::DWORD count = 0;
+    ASSERT_FALSE(w::ReadFile(port_, buffer, 5, &count, &overlapped));
+    EXPECT_EQ(w::GetLastError(), w::ERROR_IO_PENDING);
+    EXPECT_EQ(w::WaitForSingleObject(event_, 50), w::WAIT_TIMEOUT);
+    EXPECT_FALSE(w::GetOverlappedResult(port_, &overlapped, &count, 0));
+    EXPECT_EQ(w::GetLastError(), w::ERROR_IO_INCOMPLETE);
+    modem().Push({'h', 'e', 'l', 'l', 'o'});
+    EXPECT_EQ(w::WaitForSingleObject(event_, w::INFINITE), w::WAIT_OBJECT_0);
+    EXPECT_EQ(std::string(buffer, 5), "hello") << "filled before anyone asks";
+    EXPECT_EQ(overlapped.InternalHigh, 5u);
+    EXPECT_TRUE(w::GetOverlappedResult(port_, &overlapped, &count, 0));
+    EXPECT_EQ(count, 5u);
+
+    const char text[] = "ATZ\r";
+    ASSERT_TRUE(w::WriteFile(port_, text, 4, &count, nullptr));
+    EXPECT_EQ(count, 4u);
+    ASSERT_TRUE(w::TransmitCommChar(port_, '!'));
+    kernel().Sleep(10);
+    EXPECT_EQ(modem().Pull(), (Bytes{'A', 'T', 'Z', '\r', '!'}));
+}
+
+// ---------------------------------------------------------------------------
+// Comm events.
+
+TEST_F(CommPort, WaitCommEventOverlappedCompletesOrIsCancelled) {
+    ASSERT_TRUE(w::SetCommMask(port_, w::EV_RXCHAR | w::EV_RLSD));
+    w::DWORD mask = 0;
+    ASSERT_TRUE(w::GetCommMask(port_, &mask));
+    EXPECT_EQ(mask, w::EV_RXCHAR | w::EV_RLSD);
+
+    // How a pending wait ends: a masked event, a new mask (at once, with no
+    // events), or CancelIo, which the driver answers about 100 ms later
+    // with success and no events rather than with a cancelled status.
+    enum class End { kEvent, kNewMask, kCancel };
+    struct Case {
+        End end;
+        w::DWORD events;
+        int64_t quiet_ms; // the event stays clear this long after the end
+    } cases[] = {{End::kEvent, w::EV_RXCHAR, 0}, {End::kNewMask, 0, 0}, {End::kCancel, 0, 90}};
+    for (const Case& c : cases) {
+        ASSERT_TRUE(w::SetCommMask(port_, w::EV_RXCHAR | w::EV_RLSD));
+        w::OVERLAPPED overlapped = Overlapped();
+        w::DWORD events = 0xdead;
+        ASSERT_FALSE(w::WaitCommEvent(port_, &events, &overlapped));
+        ASSERT_EQ(w::GetLastError(), w::ERROR_IO_PENDING);
+        kernel().Sleep(20);
+        EXPECT_EQ(w::WaitForSingleObject(event_, 0), w::WAIT_TIMEOUT);
+        w::DWORD count = 0;
+        EXPECT_FALSE(w::GetOverlappedResult(port_, &overlapped, &count, 0));
+        EXPECT_EQ(w::GetLastError(), w::ERROR_IO_INCOMPLETE);
+        switch (c.end) {
+        case End::kEvent:
+            modem().Push({'x'});
+            break;
+        case End::kNewMask:
+            ASSERT_TRUE(w::SetCommMask(port_, w::EV_RXCHAR));
+            break;
+        case End::kCancel:
+            ASSERT_TRUE(w::CancelIo(port_));
+            break;
+        }
+        if (c.quiet_ms) {
+            EXPECT_EQ(w::WaitForSingleObject(event_, static_cast<w::DWORD>(c.quiet_ms)),
+                      w::WAIT_TIMEOUT);
+        }
+        EXPECT_EQ(w::WaitForSingleObject(event_, 1000), w::WAIT_OBJECT_0);
+        EXPECT_TRUE(w::GetOverlappedResult(port_, &overlapped, &count, 1)) << w::GetLastError();
+        EXPECT_EQ(count, sizeof(w::DWORD));
+        EXPECT_EQ(events, c.events);
+        ASSERT_TRUE(w::PurgeComm(port_, w::PURGE_RXCLEAR));
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Lines, break and modem status.
+
+TEST_F(CommPort, EscapeFunctionsDriveTheLinesAndBreak) {
+    struct Case {
+        w::DWORD function;
+        w::WORD lines;   // DTR 1, RTS 2 at the modem afterwards
+        int break_value; // the last SEND_BREAK's wValue, -1 when none is sent
+    } cases[] = {
+        {w::SETRTS, 3, -1}, {w::CLRDTR, 2, -1},       {w::CLRRTS, 0, -1},  {w::SETRTS, 2, -1},
+        {w::SETDTR, 3, -1}, {w::SETBREAK, 3, 0xFFFF}, {w::CLRBREAK, 3, 0},
+    };
+    ASSERT_TRUE(w::EscapeCommFunction(port_, w::SETDTR));
+    for (const Case& c : cases) {
+        size_t before = modem().Requests().size();
+        ASSERT_TRUE(w::EscapeCommFunction(port_, c.function)) << c.function;
+        EXPECT_EQ(modem().ControlLineState() & 3, c.lines) << c.function;
+        const auto& requests = modem().Requests();
+        ASSERT_GT(requests.size(), before) << c.function;
+        EXPECT_EQ(requests.back().setup.request == sm::kSendBreak, c.break_value >= 0);
+        if (c.break_value >= 0) {
+            EXPECT_EQ(requests.back().setup.value, c.break_value);
+        }
+    }
+    ASSERT_TRUE(w::SetCommBreak(port_));
+    EXPECT_EQ(modem().Requests().back().setup.value, 0xFFFF);
+    ASSERT_TRUE(w::ClearCommBreak(port_));
+    EXPECT_EQ(modem().Requests().back().setup.value, 0);
+    EXPECT_FALSE(w::EscapeCommFunction(port_, 10));
+    EXPECT_EQ(w::GetLastError(), w::ERROR_INVALID_PARAMETER);
+}
+
+TEST_F(CommPort, ModemStatusFollowsTheSerialState) {
+    struct Case {
+        uint16_t serial_state; // DCD 1, DSR 2, ring 8
+        w::DWORD status;
+    } cases[] = {
+        {0x0003, w::MS_RLSD_ON | w::MS_DSR_ON},
+        {0x0002, w::MS_DSR_ON},
+        {0x0000, 0},
+    };
+    for (const Case& c : cases) {
+        modem().SendSerialState(c.serial_state);
+        kernel().Sleep(50);
+        w::DWORD status = 0xdead;
+        ASSERT_TRUE(w::GetCommModemStatus(port_, &status));
+        EXPECT_EQ(status, c.status) << c.serial_state;
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Buffers and status.
+
+TEST_F(CommPort, PurgeCommEndsPendingIoAsAsked) {
+    struct Case {
+        w::DWORD flags;
+        bool read_aborted;
+        w::DWORD in_queue_after; // of the 4 bytes pushed
+    } cases[] = {
+        {w::PURGE_TXABORT, false, 4},
+        {w::PURGE_RXABORT, true, 4},
+        {w::PURGE_RXCLEAR, false, 0},
+        {w::PURGE_RXABORT | w::PURGE_RXCLEAR, true, 0},
+    };
+    for (const Case& c : cases) {
+        w::OVERLAPPED overlapped = Overlapped();
+        char buffer[16];
+        w::DWORD count = 0;
+        ASSERT_FALSE(w::ReadFile(port_, buffer, sizeof buffer, &count, &overlapped));
+        ASSERT_EQ(w::GetLastError(), w::ERROR_IO_PENDING);
+        ASSERT_TRUE(w::PurgeComm(port_, c.flags));
+        kernel().Sleep(5);
+        EXPECT_EQ(w::WaitForSingleObject(event_, 0) == w::WAIT_OBJECT_0, c.read_aborted) << c.flags;
+        if (!c.read_aborted) {
+            // The read still waits: the pushed bytes would go to it, so it
+            // leaves without them.
+            ASSERT_TRUE(w::CancelIo(port_));
+        }
+        EXPECT_FALSE(w::GetOverlappedResult(port_, &overlapped, &count, 1));
+        EXPECT_EQ(w::GetLastError(), w::ERROR_OPERATION_ABORTED) << c.flags;
+        modem().Push(Bytes(4, 'y'));
+        kernel().Sleep(10);
+        ASSERT_TRUE(w::PurgeComm(port_, c.flags & ~w::PURGE_RXABORT));
+        w::COMSTAT stat{};
+        ASSERT_TRUE(w::ClearCommError(port_, nullptr, &stat));
+        EXPECT_EQ(stat.cbInQue, c.in_queue_after) << c.flags;
+        ASSERT_TRUE(w::PurgeComm(port_, w::PURGE_RXCLEAR));
+    }
+    EXPECT_FALSE(w::PurgeComm(port_, 0x10));
+    EXPECT_EQ(w::GetLastError(), w::ERROR_INVALID_PARAMETER);
+}
+
+TEST_F(CommPort, ClearCommErrorCountsTheQueues) {
+    w::COMMTIMEOUTS immediate{w::MAXDWORD, 0, 0, 0, 0};
+    ASSERT_TRUE(w::SetCommTimeouts(port_, &immediate));
+    struct Step {
+        size_t push, read;
+        w::DWORD in_queue;
+    } steps[] = {{5, 0, 5}, {0, 2, 3}, {10, 0, 13}, {0, 13, 0}};
+    for (const Step& step : steps) {
+        if (step.push)
+            modem().Push(Bytes(step.push, 'z'));
+        kernel().Sleep(10);
+        if (step.read) {
+            uint8_t buffer[32];
+            w::DWORD count = 0;
+            w::OVERLAPPED overlapped = Overlapped();
+            ASSERT_TRUE(
+                w::ReadFile(port_, buffer, static_cast<w::DWORD>(step.read), &count, &overlapped) ||
+                w::GetOverlappedResult(port_, &overlapped, &count, 1));
+            EXPECT_EQ(count, step.read);
+        }
+        w::DWORD errors = 0xdead;
+        w::COMSTAT stat{};
+        ASSERT_TRUE(w::ClearCommError(port_, &errors, &stat));
+        EXPECT_EQ(errors, 0u);
+        EXPECT_EQ(stat.cbInQue, step.in_queue);
+        EXPECT_EQ(stat.cbOutQue, 0u);
+        EXPECT_TRUE(stat.fTxim) << "the immediate-read mode";
+    }
+    w::COMMPROP properties{};
+    ASSERT_TRUE(w::SetupComm(port_, 2048, 1024));
+    ASSERT_TRUE(w::GetCommProperties(port_, &properties));
+    EXPECT_EQ(properties.wPacketLength, sizeof properties);
+    EXPECT_EQ(properties.dwCurrentRxQueue, 2048u);
+    EXPECT_EQ(properties.dwCurrentTxQueue, 1024u);
+}
+
+// ---------------------------------------------------------------------------
+// The last error.
+
+TEST_F(CommPort, GetLastErrorGivesTheDosErrorOfEachRefusal) {
+    uint8_t buffer[64];
+    w::DWORD count = 0;
+    struct Case {
+        const char* what;
+        w::DWORD code;
+        w::DWORD in, out;
+        w::DWORD error;
+    } cases[] = {
+        {"a control the driver does not have", 0x1B007C /* LSRMST_INSERT */, 1, 0,
+         w::ERROR_INVALID_PARAMETER},
+        {"properties into 63 bytes", 0x1B0074 /* GET_PROPERTIES */, 0, 63,
+         w::ERROR_INVALID_PARAMETER},
+        {"a baud rate in 3 bytes", 0x1B0004 /* SET_BAUD_RATE */, 3, 0, w::ERROR_INVALID_PARAMETER},
+    };
+    for (const Case& c : cases) {
+        w::SetLastError(0);
+        EXPECT_FALSE(
+            w::DeviceIoControl(port_, c.code, buffer, c.in, buffer, c.out, &count, nullptr))
+            << c.what;
+        EXPECT_EQ(w::GetLastError(), c.error) << c.what;
+    }
+    EXPECT_TRUE(w::DeviceIoControl(port_, 0x1B0074, nullptr, 0, buffer, 64, &count, nullptr));
+    EXPECT_EQ(count, 64u);
+
+    // Each thread keeps its own last error.
+    w::SetLastError(w::ERROR_BUSY);
+    w::DWORD seen = 0;
+    hk::Thread other("other", [&] {
+        w::DWORD status = 0;
+        w::GetCommModemStatus(nullptr, &status);
+        seen = w::GetLastError();
+    });
+    other.Join();
+    EXPECT_EQ(seen, w::ERROR_INVALID_HANDLE);
+    EXPECT_EQ(w::GetLastError(), w::ERROR_BUSY);
+}
+
+} // namespace
