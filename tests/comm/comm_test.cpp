@@ -43,9 +43,6 @@ class CommPort : public ModemLife {
     w::HANDLE event_ = nullptr;
 };
 
-// ---------------------------------------------------------------------------
-// Opening.
-
 TEST_F(CommPort, CreateFileNamesAndRefusals) {
     struct Case {
         const char* name;
@@ -75,9 +72,6 @@ TEST_F(CommPort, CreateFileNamesAndRefusals) {
     EXPECT_FALSE(w::CloseHandle(reinterpret_cast<w::HANDLE>(&cases)));
     EXPECT_EQ(w::GetLastError(), w::ERROR_INVALID_HANDLE);
 }
-
-// ---------------------------------------------------------------------------
-// The DCB.
 
 TEST_F(CommPort, DcbRoundTripsAndReachesTheModem) {
     struct Case {
@@ -223,9 +217,6 @@ TEST(BuildCommDcb, ParsesBothModeForms) {
     }
 }
 
-// ---------------------------------------------------------------------------
-// Reading and writing.
-
 TEST_F(CommPort, ReadsEndAtTheirTimeOutsWithTheBytesThatCame) {
     struct Case {
         w::COMMTIMEOUTS timeouts;
@@ -284,9 +275,6 @@ TEST_F(CommPort, OverlappedReadFillsTheBufferAndSetsTheEvent) {
     EXPECT_EQ(modem().Pull(), (Bytes{'A', 'T', 'Z', '\r', '!'}));
 }
 
-// ---------------------------------------------------------------------------
-// Comm events.
-
 TEST_F(CommPort, WaitCommEventOverlappedCompletesOrIsCancelled) {
     ASSERT_TRUE(w::SetCommMask(port_, w::EV_RXCHAR | w::EV_RLSD));
     w::DWORD mask = 0;
@@ -336,9 +324,6 @@ TEST_F(CommPort, WaitCommEventOverlappedCompletesOrIsCancelled) {
     }
 }
 
-// ---------------------------------------------------------------------------
-// Lines, break and modem status.
-
 TEST_F(CommPort, EscapeFunctionsDriveTheLinesAndBreak) {
     struct Case {
         w::DWORD function;
@@ -385,9 +370,6 @@ TEST_F(CommPort, ModemStatusFollowsTheSerialState) {
         EXPECT_EQ(status, c.status) << c.serial_state;
     }
 }
-
-// ---------------------------------------------------------------------------
-// Buffers and status.
 
 TEST_F(CommPort, PurgeCommEndsPendingIoAsAsked) {
     struct Case {
@@ -463,9 +445,6 @@ TEST_F(CommPort, ClearCommErrorCountsTheQueues) {
     EXPECT_EQ(properties.dwCurrentRxQueue, 2048u);
     EXPECT_EQ(properties.dwCurrentTxQueue, 1024u);
 }
-
-// ---------------------------------------------------------------------------
-// The last error.
 
 TEST_F(CommPort, GetLastErrorGivesTheDosErrorOfEachRefusal) {
     uint8_t buffer[64];

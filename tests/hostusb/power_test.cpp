@@ -36,11 +36,9 @@ struct OwnerExtension {
     PDEVICE_OBJECT lower;
 };
 
-// A requested power IRP's completion function, and what it was told. A
-// wait-wake requester with power_up asks for D0 from there on success.
+// A requested power IRP's completion function, and what it was told.
 struct Requested {
     KEVENT done;
-    bool power_up = false;
     bool called = false;
     NTSTATUS status = STATUS_PENDING;
     PDEVICE_OBJECT device = nullptr;
@@ -57,10 +55,6 @@ VOID NTAPI Record(PDEVICE_OBJECT device, UCHAR minor, POWER_STATE state, PVOID c
     r->device = device;
     r->minor = minor;
     r->state = state;
-    POWER_STATE d0;
-    d0.DeviceState = PowerDeviceD0;
-    if (r->power_up && NT_SUCCESS(io->Status))
-        PoRequestPowerIrp(device, IRP_MN_SET_POWER, d0, nullptr, nullptr, nullptr);
     KeSetEvent(&r->done, IO_NO_INCREMENT, FALSE);
 }
 
@@ -284,31 +278,6 @@ TEST_F(PowerManagerTest, EachPowerIrpPassedOnWronglyIsReported) {
     IoCancelIrp(irp);
     kernel().Sleep(1);
     EXPECT_EQ(wake.status, STATUS_CANCELLED);
-}
-
-// A wake signal from the sleeping modem completes the wait-wake IRP, whose
-// requester asks for D0 from the completion (at DISPATCH_LEVEL; it reaches
-// the pageable stack at PASSIVE_LEVEL), and wakes the system.
-TEST_F(PowerManagerTest, RemoteWakeWakesTheSleepingSystem) {
-    int port = PlugSettled(WakingModem());
-    Requested wake;
-    wake.power_up = true;
-    ASSERT_EQ(Request(bus_->Pdo(port), IRP_MN_WAIT_WAKE, PowerSystemSleeping3, &wake),
-              STATUS_PENDING);
-    ASSERT_TRUE(power().Sleep(PowerSystemSleeping3));
-    EXPECT_FALSE(wake.called);
-    owner_.seen.clear();
-    modems_.back()->SignalRemoteWakeup();
-    kernel().pnp().Settle();
-    EXPECT_EQ(wake.status, STATUS_SUCCESS);
-    EXPECT_EQ(power().State(), PowerSystemWorking);
-    EXPECT_EQ(power().Requests().back().state, PowerSystemWorking);
-    size_t d0 = 0;
-    for (const Seen& seen : owner_.seen) {
-        EXPECT_EQ(seen.irql, PASSIVE_LEVEL);
-        d0 += seen.type == DevicePowerState && seen.state == PowerDeviceD0;
-    }
-    EXPECT_EQ(d0, 2u) << "the requester's power-up and the policy owner's for the wake";
 }
 
 // The bus alone: power IRPs sent straight to a modem's PDO.
