@@ -237,9 +237,9 @@ VOID CompleteRequest(PSER_REQUEST Request) {
 #define CLOSE_DRAIN_POLLS 51
 #define CLOSE_DRAIN_STEP_100NS (-200000)
 
-// What the driver below makes of the two codes is its own business: the
-// bus driver here answers them as any unknown internal control, and a
-// failure or time-out changes nothing in this driver.
+// What the driver below makes of the two codes is its own business (the
+// simulated bus records them and answers with success); a failure or a
+// time-out changes nothing in this driver.
 static NTSTATUS NotifyLower(PDEVICE Dev, ULONG IoControlCode) {
     PIRP Irp = IoAllocateIrp(Dev->StackSize, FALSE);
     if (Irp == NULL)
