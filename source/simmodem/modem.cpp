@@ -32,20 +32,6 @@ constexpr size_t kMaxContent = kLengthMask - kHeaderBytes;
 constexpr uint8_t kSequences = 32;
 constexpr size_t kFcsBytes = 2;
 
-// The FCS-16 of RFC 1662, computed bit by bit: the modem checks the host's
-// table-driven FCS by other means. Run over content and FCS, a good frame
-// leaves this residue.
-constexpr uint16_t kGoodFcsResidue = 0xf0b8;
-uint16_t Fcs16(const std::vector<uint8_t>& bytes) {
-    uint16_t fcs = 0xffff;
-    for (uint8_t byte : bytes) {
-        fcs ^= byte;
-        for (int bit = 0; bit < 8; ++bit)
-            fcs = (fcs & 1) ? uint16_t((fcs >> 1) ^ 0x8408) : uint16_t(fcs >> 1);
-    }
-    return fcs;
-}
-
 } // namespace
 
 Modem::Modem(Profile profile, DataMode mode) : profile_(std::move(profile)), mode_(mode) {
@@ -299,7 +285,8 @@ void Modem::ParseStream(FunctionData& f) {
                                    s.begin() + long(at + length));
         at += length;
         f.host_sequence = (sequence + 1) % kSequences;
-        bool good = frame.size() >= kFcsBytes && Fcs16(frame) == kGoodFcsResidue;
+        bool good =
+            frame.size() >= kFcsBytes && ppp::Fcs16(frame.data(), frame.size()) == ppp::kGoodFcs;
         if (!good)
             ++f.bad_fcs;
         // A looped-back frame with a bad FCS is dropped, as a PPP peer would.
