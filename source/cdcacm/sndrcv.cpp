@@ -608,9 +608,7 @@ VOID StartSendAndReceive(PDEVICE Dev) {
     if (Dev->OpenCount <= 0)
         return;
     if (!Dev->SndRcvRef) {
-        LONG Count = InterlockedIncrement(&Dev->RefCount);
-        TRACE(TL_REF, "%P:%S:IncRef: %i, %s(%d)\n", DEV_PORT_NAME(Dev), Count, TRACE_FILE,
-              __LINE__);
+        DEVICE_ADD_REF(Dev);
         Dev->SndRcvRef = 1;
     }
     StartRcv(&Dev->ReceivePipe);
@@ -625,10 +623,7 @@ VOID StopSendAndReceive(PDEVICE Dev, BOOLEAN Release) {
     if (!Dev->SndRcvRef || !Release)
         return;
     Dev->SndRcvRef = 0;
-    LONG Count = InterlockedDecrement(&Dev->RefCount);
-    TRACE(TL_REF, "%P:%S:DecRef: %i, %s(%d)\n", DEV_PORT_NAME(Dev), Count, TRACE_FILE, __LINE__);
-    if (Count == 0)
-        DeleteDevice(Dev->Port.DeviceObject);
+    DEVICE_RELEASE(Dev);
 }
 
 // ---- Notifications ----

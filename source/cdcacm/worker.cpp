@@ -88,9 +88,6 @@ VOID NTAPI _WorkerFuntion(PDEVICE_OBJECT DeviceObject, PVOID Context) {
     }
 
     TRACE(TL_DETAIL, "%P:%S:_WorkerFuntion DEL_REF \n", PortName);
-    LONG Count = InterlockedDecrement(&Dev->RefCount);
-    TRACE(TL_REF, "%P:%S:DecRef: %i, %s(%d)\n", PortName, Count, TRACE_FILE, __LINE__);
-    if (Count == 0)
-        DeleteDevice(Dev->Port.DeviceObject);
+    DEVICE_RELEASE(Dev);
     TRACE(TL_DETAIL, "%P:%S:]_WorkerFuntion\n", PortName);
 }
