@@ -2,7 +2,7 @@
 // driver that attaches to each PDO and passes every PnP request down: the
 // order of the requests, the installed registry, COM port names and their
 // reuse, removal with and without open handles, eject and rebalance vetoes.
-#include "bus_client.h"
+#include "pnp_bus_test.h"
 
 #include "hostkernel/pnp.h"
 
@@ -61,42 +61,18 @@ NTSTATUS NTAPI FakeOpenClose(PDEVICE_OBJECT, PIRP irp) {
     return STATUS_SUCCESS;
 }
 
-class PnpManagerTest : public BusTest {
+class PnpManagerTest : public PnpBusTest {
   protected:
-    void SetUp() override {
-        BusTest::SetUp();
+    void Install(PDRIVER_OBJECT driver) override {
         g_fake = &fake_;
-        driver_ = std::make_unique<hk::Driver>(u"\\Driver\\cdcacm");
-        PDRIVER_OBJECT object = driver_->Object();
-        object->DriverExtension->AddDevice = FakeAddDevice;
-        object->MajorFunction[IRP_MJ_PNP] = FakePnp;
+        driver->DriverExtension->AddDevice = FakeAddDevice;
+        driver->MajorFunction[IRP_MJ_PNP] = FakePnp;
         for (UCHAR major : {IRP_MJ_CREATE, IRP_MJ_CLEANUP, IRP_MJ_CLOSE})
-            object->MajorFunction[major] = FakeOpenClose;
-        std::string error;
-        ASSERT_TRUE(pnp().LoadInf(CDCACM_INF, &error)) << error;
-        pnp().RegisterDriver("cdcacm", object);
-        bus_ = std::make_unique<hu::Bus>();
+            driver->MajorFunction[major] = FakeOpenClose;
     }
     void TearDown() override {
-        for (int port : ports_)
-            bus_->Unplug(port);
-        pnp().Settle();
-        driver_.reset();
-        BusTest::TearDown();
+        PnpBusTest::TearDown();
         g_fake = nullptr;
-    }
-    hk::PnpManager& pnp() { return kernel().pnp(); }
-    int PlugSettled(const sm::Profile& profile) {
-        modems_.push_back(std::make_shared<sm::Modem>(profile));
-        int port = bus_->Plug(modems_.back());
-        ports_.push_back(port);
-        pnp().Settle();
-        return port;
-    }
-    void UnplugSettled(int port) {
-        bus_->Unplug(port);
-        ports_.erase(std::find(ports_.begin(), ports_.end(), port));
-        pnp().Settle();
     }
     std::string PortName(const std::string& instance) {
         return kernel()
@@ -106,9 +82,6 @@ class PnpManagerTest : public BusTest {
     }
 
     FakeDriverState fake_;
-    std::unique_ptr<hk::Driver> driver_;
-    std::vector<std::shared_ptr<sm::Modem>> modems_;
-    std::vector<int> ports_;
 };
 
 TEST_F(PnpManagerTest, PlugInstallsFromTheInfAndStartsTheStack) {

@@ -2,7 +2,7 @@
 // manager, with a small power policy owner attached to each modem's PDO;
 // PoRequestPowerIrp and the power IRP rules of the verifier; the bus's
 // wait-wake answers, remote wake-up and suspended data.
-#include "bus_client.h"
+#include "pnp_bus_test.h"
 
 #include "hostkernel/pnp.h"
 #include "hostkernel/power.h"
@@ -138,41 +138,21 @@ sm::Profile WakingModem() {
     return profile;
 }
 
-class PowerManagerTest : public BusTest {
+class PowerManagerTest : public PnpBusTest {
   protected:
-    void SetUp() override {
-        BusTest::SetUp();
+    void Install(PDRIVER_OBJECT driver) override {
         g_owner = &owner_;
-        driver_ = std::make_unique<hk::Driver>(u"\\Driver\\cdcacm");
-        PDRIVER_OBJECT object = driver_->Object();
-        object->DriverExtension->AddDevice = OwnerAddDevice;
-        object->MajorFunction[IRP_MJ_PNP] = OwnerPnp;
-        object->MajorFunction[IRP_MJ_POWER] = OwnerPower;
-        std::string error;
-        ASSERT_TRUE(kernel().pnp().LoadInf(CDCACM_INF, &error)) << error;
-        kernel().pnp().RegisterDriver("cdcacm", object);
-        bus_ = std::make_unique<hu::Bus>();
+        driver->DriverExtension->AddDevice = OwnerAddDevice;
+        driver->MajorFunction[IRP_MJ_PNP] = OwnerPnp;
+        driver->MajorFunction[IRP_MJ_POWER] = OwnerPower;
     }
     void TearDown() override {
-        for (int port : ports_)
-            bus_->Unplug(port);
-        kernel().pnp().Settle();
-        driver_.reset();
-        BusTest::TearDown();
+        PnpBusTest::TearDown();
         g_owner = nullptr;
-    }
-    int PlugSettled(const sm::Profile& profile) {
-        modems_.push_back(std::make_shared<sm::Modem>(profile));
-        ports_.push_back(bus_->Plug(modems_.back()));
-        kernel().pnp().Settle();
-        return ports_.back();
     }
     hk::PowerManager& power() { return kernel().power(); }
 
     OwnerState owner_;
-    std::unique_ptr<hk::Driver> driver_;
-    std::vector<std::shared_ptr<sm::Modem>> modems_;
-    std::vector<int> ports_;
 };
 
 // Every started stack is asked, then told, each sleeping state with its
@@ -181,7 +161,7 @@ class PowerManagerTest : public BusTest {
 TEST_F(PowerManagerTest, QueriesEveryStackThenSetsThemAndWakesWithoutQuery) {
     PlugSettled(sm::OrdinaryModem());
     PlugSettled(sm::CompositeTwoAcm());
-    std::vector<std::string> instances = kernel().pnp().Instances();
+    std::vector<std::string> instances = pnp().Instances();
     ASSERT_EQ(instances.size(), 3u);
     auto line = [](const std::string& instance, UCHAR minor, ULONG state, ULONG action) {
         return instance + " " + std::to_string(minor) + " " + std::to_string(state) + " " +
@@ -247,7 +227,7 @@ TEST_F(PowerManagerTest, ARefusedQueryReaffirmsTheWorkingStateToTheStacksAsked) 
     EXPECT_EQ(power().SendSystemIrp(bus_->Pdo(port, 1), IRP_MN_QUERY_POWER, PowerSystemSleeping1,
                                     PowerActionSleep),
               STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(power().Requests().back().instance, kernel().pnp().Instances()[1]);
+    EXPECT_EQ(power().Requests().back().instance, pnp().Instances()[1]);
 }
 
 // The query, the system set-power and the device set-power inside it are
