@@ -458,7 +458,7 @@ static NTSTATUS CreateAttachObject(PDRIVER_OBJECT DriverObject, PDEVICE_OBJECT P
     return STATUS_SUCCESS;
 }
 
-// Joins the modem to the data port that served it before; NULL in *Joined
+// Joins the modem to the data port that served it before; *Joined stays FALSE
 // when there is none.
 static NTSTATUS TryJoinExisting(PATTACH_OBJ Attach, PDEVICE_OBJECT Pdo, PDEVICE_CFG Cfg,
                                 BOOLEAN* Joined) {
