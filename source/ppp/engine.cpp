@@ -116,6 +116,25 @@ void Engine::Open() {
     }
 }
 
+void Engine::Timeout() {
+    for (Automaton* a : {&lcp_, &ipcp_}) {
+        switch (a->state) {
+        case State::kClosing:
+            SendControl(*a, kTerminateRequest, a->terminate_id, {});
+            break;
+        case State::kAckRcvd:
+            a->state = State::kReqSent;
+            [[fallthrough]];
+        case State::kReqSent:
+        case State::kAckSent:
+            SendRequest(*a);
+            break;
+        default:
+            break;
+        }
+    }
+}
+
 void Engine::Close() {
     switch (lcp_.state) {
     case State::kOpened:

@@ -8,9 +8,10 @@
 // of RFC 1662 for a client on the COM port, and the modem packets of the
 // driver's PPP framing mode for the modem's side.
 //
-// Ordinary user-mode C++; one thread at a time; no timers (the restart
-// timer of RFC 1661 is left out: the links here lose nothing unless a test
-// drops a frame on purpose, and then the test asks again).
+// Ordinary user-mode C++; one thread at a time. The engine keeps no timer:
+// its owner calls Timeout when RFC 1661's restart timer would expire (a
+// frame sent before the link carries it is lost, as a real client's first
+// configure-request often is) and bounds the retries.
 #pragma once
 
 #include <cstddef>
@@ -127,6 +128,9 @@ class Engine {
 
     void Open();  // starts LCP; IPCP follows when LCP opens
     void Close(); // LCP terminate-request
+    // The restart timer expired (RFC 1661's TO+ event, for LCP and IPCP
+    // alike): an unanswered configure- or terminate-request goes again.
+    void Timeout();
     void Receive(const Bytes& frame);
     // An LCP echo-request with data; replies are counted.
     void SendEcho(const Bytes& data);

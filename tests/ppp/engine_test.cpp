@@ -58,6 +58,8 @@ class Link {
         ASSERT_TRUE(to_server_.empty() && to_client_.empty()) << "the engines never settle";
         EXPECT_EQ(client_framing_->Errors() + server_framing_->Errors(), 0u);
     }
+    void LoseWhatTheClientSent() { to_server_.clear(); }
+    bool ClientSentNothing() const { return to_server_.empty(); }
     std::unique_ptr<ppp::Engine> client, server;
 
   private:
@@ -107,6 +109,32 @@ TEST_P(SessionTest, NegotiatesPingsEchoesAndCloses) {
 
 INSTANTIATE_TEST_SUITE_P(Framings, SessionTest, ::testing::Values(true, false),
                          [](const auto& info) { return info.param ? "Hdlc" : "ModemPackets"; });
+
+// A lost configure-request or terminate-request goes again when the owner
+// reports the restart timer's expiry; nothing is sent again once answered.
+TEST(Session, TheRestartTimerSendsALostRequestAgain) {
+    Link link(true, {});
+    link.client->Open();
+    link.LoseWhatTheClientSent();
+    link.server->Open();
+    link.Run();
+    ASSERT_EQ(link.client->Lcp(), State::kAckSent) << "it acked the server's request";
+    link.client->Timeout();
+    link.Run();
+    ASSERT_EQ(link.client->Ipcp(), State::kOpened);
+    ASSERT_EQ(link.server->Ipcp(), State::kOpened);
+    link.client->Timeout();
+    EXPECT_TRUE(link.ClientSentNothing()) << "an opened link has nothing to send again";
+
+    link.client->Close();
+    link.LoseWhatTheClientSent();
+    link.Run();
+    ASSERT_EQ(link.client->Lcp(), State::kClosing);
+    link.client->Timeout();
+    link.Run();
+    EXPECT_EQ(link.client->Lcp(), State::kClosed);
+    EXPECT_EQ(link.server->Lcp(), State::kStopped);
+}
 
 // Two engines picking the same magic number: both pick again and still open.
 TEST(Session, MagicCollisionIsResolved) {
