@@ -399,7 +399,9 @@ void Modem::AtDtr(FunctionData& f, bool was_on, bool on) {
     at.Disarm();
     at.phase = AtState::Phase::kCommand;
     at.Emit(Result::kNoCarrier, out);
-    if (!out.empty())
+    if (f.framing)
+        f.after_framing.insert(f.after_framing.end(), out.begin(), out.end());
+    else if (!out.empty())
         Push(std::vector<uint8_t>(out.begin(), out.end()), size_t(&f - functions_.data()));
 }
 

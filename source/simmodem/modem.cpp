@@ -8,6 +8,7 @@
 #include "simmodem/simmodem.h"
 
 #include <algorithm>
+#include <utility>
 #include <stdexcept>
 
 namespace sm {
@@ -175,6 +176,8 @@ hu::ControlAnswer Modem::Control(const hu::SetupPacket& setup,
     } else if (type == kTypeVendor && setup.request == kStopFraming && !in) {
         function->framing = false;
         function->peer.reset();
+        if (!function->after_framing.empty())
+            Push(std::exchange(function->after_framing, {}), size_t(function - functions_.data()));
     } else {
         return hu::ControlAnswer::Stall();
     }

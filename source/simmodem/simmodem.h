@@ -219,6 +219,9 @@ class Modem : public hu::Device {
         uint32_t bad_magic = 0, bad_sequence = 0, bad_fcs = 0;
         std::unique_ptr<AtState, AtStateDelete> at; // command mode only
         std::unique_ptr<ppp::Engine> peer;          // framing after a dial
+        // A result code of a hang-up while framing is on waits until the
+        // host has stopped framing, so that it arrives as plain text.
+        std::vector<uint8_t> after_framing;
     };
     const ConfigurationTable* Selected() const;
     void Configure(uint8_t value);

@@ -241,6 +241,8 @@ TEST_F(AtTest, DtrDropEndsTheCall) {
     Run(Connected({}));
     ASSERT_FALSE(Request(0x41, sm::kStartFraming, 0).stall);
     ASSERT_FALSE(Request(0x21, sm::kSetControlLineState, 2).stall);
+    EXPECT_EQ(Drain(), "") << "the result code waits until the host stops framing";
+    ASSERT_FALSE(Request(0x41, sm::kStopFraming, 0).stall);
     EXPECT_EQ(Drain(), kNoCarrier);
     EXPECT_FALSE(modem_->Connected());
     EXPECT_EQ(notices_, (std::vector<std::string>{"S3", "F+", "F-", "S0"}));
