@@ -206,6 +206,47 @@ void SetLastError(DWORD dwErrCode) {
     last_error = dwErrCode;
 }
 
+const char* ErrorName(DWORD error) {
+    struct Name {
+        DWORD error;
+        const char* name;
+    };
+    static const Name kNames[] = {
+        {ERROR_SUCCESS, "ERROR_SUCCESS"},
+        {ERROR_INVALID_FUNCTION, "ERROR_INVALID_FUNCTION"},
+        {ERROR_FILE_NOT_FOUND, "ERROR_FILE_NOT_FOUND"},
+        {ERROR_ACCESS_DENIED, "ERROR_ACCESS_DENIED"},
+        {ERROR_INVALID_HANDLE, "ERROR_INVALID_HANDLE"},
+        {ERROR_NOT_ENOUGH_MEMORY, "ERROR_NOT_ENOUGH_MEMORY"},
+        {ERROR_BAD_COMMAND, "ERROR_BAD_COMMAND"},
+        {ERROR_NOT_READY, "ERROR_NOT_READY"},
+        {ERROR_CRC, "ERROR_CRC"},
+        {ERROR_GEN_FAILURE, "ERROR_GEN_FAILURE"},
+        {ERROR_SHARING_VIOLATION, "ERROR_SHARING_VIOLATION"},
+        {ERROR_NOT_SUPPORTED, "ERROR_NOT_SUPPORTED"},
+        {ERROR_INVALID_PARAMETER, "ERROR_INVALID_PARAMETER"},
+        {ERROR_SEM_TIMEOUT, "ERROR_SEM_TIMEOUT"},
+        {ERROR_INSUFFICIENT_BUFFER, "ERROR_INSUFFICIENT_BUFFER"},
+        {ERROR_INVALID_NAME, "ERROR_INVALID_NAME"},
+        {ERROR_BAD_PATHNAME, "ERROR_BAD_PATHNAME"},
+        {ERROR_BUSY, "ERROR_BUSY"},
+        {ERROR_ALREADY_EXISTS, "ERROR_ALREADY_EXISTS"},
+        {ERROR_MORE_DATA, "ERROR_MORE_DATA"},
+        {ERROR_NO_MORE_ITEMS, "ERROR_NO_MORE_ITEMS"},
+        {ERROR_MR_MID_NOT_FOUND, "ERROR_MR_MID_NOT_FOUND"},
+        {ERROR_OPERATION_ABORTED, "ERROR_OPERATION_ABORTED"},
+        {ERROR_IO_INCOMPLETE, "ERROR_IO_INCOMPLETE"},
+        {ERROR_IO_PENDING, "ERROR_IO_PENDING"},
+        {ERROR_KEY_DELETED, "ERROR_KEY_DELETED"},
+        {ERROR_NO_SYSTEM_RESOURCES, "ERROR_NO_SYSTEM_RESOURCES"},
+        {ERROR_DEVICE_REMOVED, "ERROR_DEVICE_REMOVED"},
+    };
+    for (const Name& name : kNames)
+        if (name.error == error)
+            return name.name;
+    return nullptr;
+}
+
 // The pairs RtlNtStatusToDosError gives for the statuses the emulated
 // system produces; an NT status it does not know maps to
 // ERROR_MR_MID_NOT_FOUND, as the documented function answers.

@@ -247,6 +247,9 @@ BOOL TransmitCommChar(HANDLE hFile, char cChar);
 // The calling thread's last error.
 DWORD GetLastError();
 void SetLastError(DWORD dwErrCode);
+// The symbolic name of a system error code this header defines ("ERROR_..."),
+// or null for any other.
+const char* ErrorName(DWORD error);
 // The Win32 error of an NT status, as RtlNtStatusToDosError gives it.
 DWORD NtStatusToDosError(int32_t status);
 

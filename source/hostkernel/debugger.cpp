@@ -6,8 +6,8 @@
 namespace hk {
 
 void Debugger::Write(std::string_view text) {
-    if (echo_)
-        std::fwrite(text.data(), 1, text.size(), echo_);
+    if (sink_)
+        sink_(text);
     for (char c : text) {
         if (c == '\n') {
             lines_.push_back(std::move(partial_));
@@ -16,6 +16,10 @@ void Debugger::Write(std::string_view text) {
             partial_ += c;
         }
     }
+}
+
+void Debugger::SetEcho(std::FILE* stream) {
+    sink_ = [stream](std::string_view text) { std::fwrite(text.data(), 1, text.size(), stream); };
 }
 
 std::string Debugger::Text() const {

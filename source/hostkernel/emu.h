@@ -51,18 +51,21 @@ class FaultSet {
 // DbgPrint output, kept line by line for tests and echoed for tools.
 class Debugger {
   public:
+    // Receives every piece of text as it is printed (a tool's transcript).
+    using Sink = std::function<void(std::string_view text)>;
     void Write(std::string_view text);
     const std::vector<std::string>& Lines() const { return lines_; }
     std::string Text() const;                    // every byte printed, the unfinished line included
     size_t Count(std::string_view needle) const; // lines containing needle
     bool Contains(std::string_view needle) const { return Count(needle) != 0; }
     void Clear();
-    void SetEcho(std::FILE* stream) { echo_ = stream; }
+    void SetEcho(std::FILE* stream);
+    void SetSink(Sink sink) { sink_ = std::move(sink); }
 
   private:
     std::vector<std::string> lines_;
     std::string partial_;
-    std::FILE* echo_ = nullptr;
+    Sink sink_;
 };
 
 // Non-paged and paged pool with per-tag accounting and fault injection. As
