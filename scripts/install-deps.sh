@@ -2,7 +2,8 @@
 # Installs the build and test tools this project needs when they are missing
 # (Debian packages): the host toolchain, the mingw-w64 cross compiler with
 # its WDK headers, GoogleTest, Google Benchmark, clang's libFuzzer, libpcap
-# (bus captures) and tshark (the capture test).
+# (bus captures), CLI11 (the simulator's command line) and tshark (the
+# capture checks).
 set -euo pipefail
 
 missing=()
@@ -22,6 +23,7 @@ need libclang-rt-14-dev /usr/lib/llvm-14/lib/clang/14.0.6/lib/linux/libclang_rt.
 need clang-format /usr/bin/clang-format
 need pkg-config /usr/bin/pkg-config
 need libpcap-dev /usr/include/pcap/pcap.h
+need libcli11-dev /usr/include/CLI/CLI.hpp
 need tshark /usr/bin/tshark
 
 if [ ${#missing[@]} -eq 0 ]; then

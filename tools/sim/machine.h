@@ -1,0 +1,99 @@
+// The simulated machine a cdcacm-sim session runs on: one emulated kernel
+// whose Plug and Play manager installs modems from the driver's INF and
+// loads cdcacm through its entry, a USB bus (optionally captured), the
+// simulated modems plugged into it, and the verdict at the end: verifier
+// reports, assertion lines, memory the driver still counts, pool, IRPs and
+// handles the kernel finds left.
+//
+// Environment: host code of the tool; the constructing thread is the
+// kernel's first application thread and must call every member.
+#pragma once
+
+#include "transcript.h"
+
+#include "hostkernel/emu.h"
+#include "hostkernel/pnp.h"
+#include "hostusb/bus.h"
+#include "simmodem/simmodem.h"
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace sim {
+
+struct MachineOptions {
+    uint64_t seed = 1;
+    // The driver's TraceMask (the service key's value); the trace lines
+    // are printed only when asked for.
+    uint32_t trace_mask = 0x3; // assertions and errors
+    bool print_trace = false;
+    std::string capture_file; // empty: no capture
+};
+
+class Machine {
+  public:
+    Machine(MachineOptions options, Transcript& transcript);
+    ~Machine();
+    Machine(const Machine&) = delete;
+    Machine& operator=(const Machine&) = delete;
+
+    hk::Kernel& kernel() { return *kernel_; }
+    hk::PnpManager& pnp() { return kernel_->pnp(); }
+    hu::Bus& bus() { return *bus_; }
+
+    // Plugs a modem and lets its start and first re-initialisation run;
+    // returns the bus port.
+    int Plug(const sm::Profile& profile, sm::Modem::DataMode mode, hu::Speed speed);
+    void Unplug(int port);
+    sm::Modem* ModemOn(int port); // null when the port is empty
+    std::vector<int> Ports() const;
+    // The instance the PnP manager gave the port's first function, and the
+    // COM name kept for it ("" when the modem has none yet).
+    std::string InstanceOf(int port) const;
+    std::string ComNameOf(int port) const;
+    bool DriverLoaded() const;
+
+    // Lets the virtual clock run for ms.
+    void Advance(int64_t ms);
+    int64_t NowMs() const { return kernel_ ? kernel_->NowMs() : final_ms_; }
+    // Sets the driver's TraceMask in its service key (read at load and at
+    // every open) and whether its lines are printed.
+    void SetTrace(uint32_t mask, bool print);
+
+    // Verifier reports and assertion lines so far, printed as they come.
+    size_t Problems() const { return verifier_reports_.size() + AssertionLines(); }
+    const std::vector<std::string>& VerifierReports() const { return verifier_reports_; }
+    size_t AssertionLines() const;
+
+    // Unplugs every modem, lets the driver unload, tears the kernel down and
+    // returns the problems found on the way (each also printed); empty when
+    // the machine ended clean. Called once; the destructor calls it if no
+    // one did.
+    std::vector<std::string> Shutdown();
+    bool IsShutDown() const { return kernel_ == nullptr; }
+
+    struct Counters {
+        uint64_t urbs = 0; // URBs the driver submitted
+        uint64_t plugs = 0;
+    };
+    const Counters& counters() const { return counters_; }
+
+  private:
+    void CountUrbs(int port);
+
+    MachineOptions options_;
+    Transcript& transcript_;
+    std::unique_ptr<hk::Kernel> kernel_;
+    std::unique_ptr<hu::Bus> bus_;
+    std::map<int, std::shared_ptr<sm::Modem>> modems_;
+    std::vector<std::string> verifier_reports_;
+    Counters counters_;
+    size_t assertion_lines_at_shutdown_ = 0;
+    int64_t final_ms_ = 0;
+};
+
+} // namespace sim

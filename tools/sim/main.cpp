@@ -1,0 +1,109 @@
+// cdcacm-sim: the driver on a simulated machine for its users. Subcommands:
+// demo (a narrated session of a modem's whole life) and script (a scenario
+// file). Every subcommand takes the common options: --seed, --trace,
+// --capture and --log.
+#include "demo.h"
+#include "machine.h"
+#include "profiles.h"
+#include "transcript.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <string>
+
+namespace {
+
+struct Common {
+    uint64_t seed = 1;
+    std::string trace;
+    std::string capture;
+    std::string log;
+};
+
+void AddCommon(CLI::App& command, Common& common) {
+    command.add_option("--seed", common.seed, "seed of every random choice of the machine")
+        ->capture_default_str();
+    command.add_option("--trace", common.trace,
+                       "print the driver's trace lines: its TraceMask, as a number (0x... for "
+                       "hex) or 'all'");
+    command.add_option("--capture", common.capture,
+                       "write the USB bus capture (USBPcap format, for Wireshark) to FILE");
+    command.add_option("--log", common.log, "also write the transcript to FILE");
+}
+
+// The machine the common options ask for; nullopt (with a message) when
+// one is malformed.
+std::optional<sim::MachineOptions> MachineFrom(const Common& common, sim::Transcript& transcript) {
+    sim::MachineOptions options;
+    options.seed = common.seed;
+    options.capture_file = common.capture;
+    if (!common.trace.empty()) {
+        options.print_trace = true;
+        if (common.trace == "all") {
+            options.trace_mask = 0xffffffff;
+        } else {
+            try {
+                size_t used = 0;
+                unsigned long long mask = std::stoull(common.trace, &used, 0);
+                if (used != common.trace.size() || mask > 0xffffffffull)
+                    throw std::invalid_argument(common.trace);
+                options.trace_mask = uint32_t(mask) | 0x1; // assertions are always seen
+            } catch (const std::exception&) {
+                std::fprintf(stderr, "--trace: \"%s\" is not a mask (a number or 'all')\n",
+                             common.trace.c_str());
+                return std::nullopt;
+            }
+        }
+    }
+    std::string error;
+    if (!common.log.empty() && !transcript.OpenLog(common.log, &error)) {
+        std::fprintf(stderr, "--log: %s\n", error.c_str());
+        return std::nullopt;
+    }
+    return options;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app{"cdcacm-sim: the cdcacm USB modem driver on a simulated machine"};
+    app.require_subcommand(1);
+
+    Common common;
+    sim::DemoOptions demo_options;
+    std::string speed = "full";
+    CLI::App* demo = app.add_subcommand(
+        "demo", "a narrated session in virtual time: plug a modem, open its COM port, dial, "
+                "PPP and pings through the driver, hang up, re-plug with the port open, "
+                "sleep and resume, close, unplug and unload");
+    AddCommon(*demo, common);
+    std::string profile_help = "the modem profile:";
+    for (const sim::ProfileInfo& info : sim::ProfileNames())
+        profile_help += " " + info.name;
+    demo->add_option("--profile", demo_options.profile, profile_help)->capture_default_str();
+    demo->add_option("--speed", speed, "the bus speed: full or high")
+        ->check(CLI::IsMember({"full", "high"}))
+        ->capture_default_str();
+    demo->add_option("--pings", demo_options.pings, "how many pings")
+        ->check(CLI::Range(1, 1000))
+        ->capture_default_str();
+
+    CLI11_PARSE(app, argc, argv);
+
+    sim::Transcript transcript;
+    std::optional<sim::MachineOptions> machine_options = MachineFrom(common, transcript);
+    if (!machine_options)
+        return 2;
+    if (demo->parsed()) {
+        demo_options.speed = *sim::ParseSpeed(speed);
+        if (!sim::FindProfile(demo_options.profile, demo_options.speed)) {
+            std::fprintf(stderr, "--profile: no profile named \"%s\"\n",
+                         demo_options.profile.c_str());
+            return 2;
+        }
+        sim::Machine machine(*machine_options, transcript);
+        return sim::RunDemo(demo_options, machine, transcript);
+    }
+    return 2;
+}
