@@ -212,7 +212,8 @@ bool Demo::Carrier(bool on) {
 }
 
 bool Demo::Negotiate(PppClient& client) {
-    say_.Step("the modem asked the driver for PPP framing; the host's PPP client starts LCP");
+    say_.Step("the host's PPP client sends LCP configure-requests; the modem asks the driver "
+              "for PPP framing, which the driver switches on at the next frame boundary");
     client.Open();
     using State = ppp::Engine::State;
     bool up = client.RunUntil([&] { return client.engine().Lcp() == State::kOpened; }, 5000);

@@ -24,12 +24,16 @@ struct Common {
 void AddCommon(CLI::App& command, Common& common) {
     command.add_option("--seed", common.seed, "seed of every random choice of the machine")
         ->capture_default_str();
-    command.add_option("--trace", common.trace,
-                       "print the driver's trace lines: its TraceMask, as a number (0x... for "
-                       "hex) or 'all'");
-    command.add_option("--capture", common.capture,
-                       "write the USB bus capture (USBPcap format, for Wireshark) to FILE");
-    command.add_option("--log", common.log, "also write the transcript to FILE");
+    command
+        .add_option("--trace", common.trace,
+                    "print the driver's trace lines: its TraceMask, as a number (0x... for "
+                    "hex) or 'all'")
+        ->type_name("MASK");
+    command
+        .add_option("--capture", common.capture,
+                    "write the USB bus capture (USBPcap format, for Wireshark) to FILE")
+        ->type_name("FILE");
+    command.add_option("--log", common.log, "also write the transcript to FILE")->type_name("FILE");
 }
 
 // The machine the common options ask for; nullopt (with a message) when
@@ -56,6 +60,16 @@ std::optional<sim::MachineOptions> MachineFrom(const Common& common, sim::Transc
             }
         }
     }
+    if (!common.capture.empty()) {
+        // The bus writes the capture as it runs; a path it cannot create is
+        // refused before anything runs.
+        std::FILE* file = std::fopen(common.capture.c_str(), "wb");
+        if (!file) {
+            std::fprintf(stderr, "--capture: cannot create %s\n", common.capture.c_str());
+            return std::nullopt;
+        }
+        std::fclose(file);
+    }
     std::string error;
     if (!common.log.empty() && !transcript.OpenLog(common.log, &error)) {
         std::fprintf(stderr, "--log: %s\n", error.c_str());
@@ -81,7 +95,9 @@ int main(int argc, char** argv) {
     std::string profile_help = "the modem profile:";
     for (const sim::ProfileInfo& info : sim::ProfileNames())
         profile_help += " " + info.name;
-    demo->add_option("--profile", demo_options.profile, profile_help)->capture_default_str();
+    demo->add_option("--profile", demo_options.profile, profile_help)
+        ->type_name("NAME")
+        ->capture_default_str();
     demo->add_option("--speed", speed, "the bus speed: full or high")
         ->check(CLI::IsMember({"full", "high"}))
         ->capture_default_str();
