@@ -319,6 +319,10 @@ struct InterleaveOptions {
     unsigned processors = 2;     // 1 or 2
     unsigned worker_threads = 3; // system worker threads
     int64_t max_jump_us = 100;   // how far a preemption point may move the clock
+
+    // "on", "off" or "cpus=N,workers=N,jump_us=N" (any of the three); nullopt
+    // with the reason for anything else.
+    static std::optional<InterleaveOptions> Parse(std::string_view text, std::string* error);
 };
 
 struct KernelOptions {

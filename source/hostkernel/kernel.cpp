@@ -8,6 +8,7 @@
 #include "hostkernel/scheduler.h"
 
 #include <cstdlib>
+#include <cstring>
 #include <sstream>
 
 namespace hk {
@@ -16,49 +17,74 @@ namespace {
 Kernel* g_current = nullptr;
 } // namespace
 
+std::optional<InterleaveOptions> InterleaveOptions::Parse(std::string_view text,
+                                                          std::string* error) {
+    InterleaveOptions options;
+    if (text.empty() || text == "off")
+        return options;
+    options.enabled = true;
+    if (text == "on")
+        return options;
+    auto number = [](const std::string& value, uint64_t* out) {
+        try {
+            size_t used = 0;
+            *out = std::stoull(value, &used);
+            return used == value.size() && !value.empty() && value[0] != '-';
+        } catch (const std::exception&) {
+            return false;
+        }
+    };
+    std::stringstream fields{std::string(text)};
+    std::string field;
+    while (std::getline(fields, field, ',')) {
+        auto equals = field.find('=');
+        std::string key = field.substr(0, equals);
+        std::string value = equals == std::string::npos ? "" : field.substr(equals + 1);
+        uint64_t n = 0;
+        bool known = key == "cpus" || key == "workers" || key == "jump_us";
+        if (!known || !number(value, &n)) {
+            *error = "the interleaving mode takes on, off or cpus=N,workers=N,jump_us=N; not '" +
+                     field + "'";
+            return std::nullopt;
+        }
+        if (key == "cpus")
+            options.processors = unsigned(n);
+        else if (key == "workers")
+            options.worker_threads = unsigned(n);
+        else
+            options.max_jump_us = int64_t(n);
+    }
+    if (options.processors < 1 || options.processors > 2 || options.worker_threads < 1 ||
+        options.worker_threads > 16) {
+        *error = "the interleaving mode wants 1 or 2 cpus and 1 to 16 workers";
+        return std::nullopt;
+    }
+    return options;
+}
+
 KernelOptions KernelOptions::FromEnvironment() {
     KernelOptions options;
     auto fail = [](const std::string& what) {
         std::fprintf(stderr, "hostkernel: %s\n", what.c_str());
         std::exit(2);
     };
-    auto number = [&](const std::string& name, const std::string& text) -> uint64_t {
+    if (const char* seed = std::getenv("HK_SEED"); seed && *seed) {
         try {
             size_t used = 0;
-            uint64_t value = std::stoull(text, &used);
-            if (used == text.size())
-                return value;
+            options.seed = std::stoull(seed, &used);
+            if (used != std::strlen(seed))
+                fail(std::string("HK_SEED wants a number, not '") + seed + "'");
         } catch (const std::exception&) {
+            fail(std::string("HK_SEED wants a number, not '") + seed + "'");
         }
-        fail(name + " wants a number, not '" + text + "'");
-        return 0;
-    };
-    if (const char* seed = std::getenv("HK_SEED"); seed && *seed)
-        options.seed = number("HK_SEED", seed);
-    const char* mode = std::getenv("HK_INTERLEAVE");
-    if (!mode || !*mode || std::string(mode) == "off")
-        return options;
-    options.interleave.enabled = true;
-    if (std::string(mode) == "on")
-        return options;
-    std::stringstream fields(mode);
-    std::string field;
-    while (std::getline(fields, field, ',')) {
-        auto equals = field.find('=');
-        std::string key = field.substr(0, equals);
-        std::string value = equals == std::string::npos ? "" : field.substr(equals + 1);
-        if (key == "cpus")
-            options.interleave.processors = unsigned(number("cpus", value));
-        else if (key == "workers")
-            options.interleave.worker_threads = unsigned(number("workers", value));
-        else if (key == "jump_us")
-            options.interleave.max_jump_us = int64_t(number("jump_us", value));
-        else
-            fail("HK_INTERLEAVE takes on, off or cpus=N,workers=N,jump_us=N; not '" + field + "'");
     }
-    if (options.interleave.processors < 1 || options.interleave.processors > 2 ||
-        options.interleave.worker_threads < 1)
-        fail("HK_INTERLEAVE wants 1 or 2 cpus and at least one worker");
+    const char* mode = std::getenv("HK_INTERLEAVE");
+    std::string error;
+    std::optional<InterleaveOptions> interleave =
+        InterleaveOptions::Parse(mode ? mode : "", &error);
+    if (!interleave)
+        fail("HK_INTERLEAVE: " + error);
+    options.interleave = *interleave;
     return options;
 }
 

@@ -19,6 +19,7 @@ struct Common {
     std::string trace;
     std::string capture;
     std::string log;
+    std::string interleave;
 };
 
 void AddCommon(CLI::App& command, Common& common) {
@@ -34,6 +35,11 @@ void AddCommon(CLI::App& command, Common& common) {
                     "write the USB bus capture (USBPcap format, for Wireshark) to FILE")
         ->type_name("FILE");
     command.add_option("--log", common.log, "also write the transcript to FILE")->type_name("FILE");
+    command
+        .add_option("--interleave", common.interleave,
+                    "run on the interleaving machine that makes races reachable: on, or "
+                    "cpus=1|2,workers=N,jump_us=N")
+        ->type_name("MODE");
 }
 
 // The machine the common options ask for; nullopt (with a message) when
@@ -42,6 +48,14 @@ std::optional<sim::MachineOptions> MachineFrom(const Common& common, sim::Transc
     sim::MachineOptions options;
     options.seed = common.seed;
     options.capture_file = common.capture;
+    std::string error;
+    std::optional<hk::InterleaveOptions> interleave =
+        hk::InterleaveOptions::Parse(common.interleave, &error);
+    if (!interleave) {
+        std::fprintf(stderr, "--interleave: %s\n", error.c_str());
+        return std::nullopt;
+    }
+    options.interleave = *interleave;
     if (!common.trace.empty()) {
         options.print_trace = true;
         if (common.trace == "all") {
@@ -70,7 +84,6 @@ std::optional<sim::MachineOptions> MachineFrom(const Common& common, sim::Transc
         }
         std::fclose(file);
     }
-    std::string error;
     if (!common.log.empty() && !transcript.OpenLog(common.log, &error)) {
         std::fprintf(stderr, "--log: %s\n", error.c_str());
         return std::nullopt;
