@@ -530,12 +530,13 @@ void Parser::Expect(Command& c) {
     } else if (what == "lines") {
         c.op = Op::kExpectLines;
         c.name = Modem();
-        while (More()) {
+        while (More() && !PeekWord("within")) {
             uint32_t line = Flags(kLines, Word("a line"), "line");
             (OnOff() ? c.number : c.values[0]) |= line;
         }
         if ((c.number | c.values[0]) == 0)
             Fail("expect lines: missing a line (dtr, rts) and on or off");
+        c.within_ms = Within(kDefaultWithinMs);
     } else if (what == "line-coding") {
         c.op = Op::kExpectCoding;
         c.name = Modem();
@@ -552,6 +553,7 @@ void Parser::Expect(Command& c) {
         if (stop != "1" && stop != "1.5" && stop != "2")
             Fail("expect line-coding: the stop bits are 1, 1.5 or 2, not " + Shown(stop));
         c.values[3] = stop == "1" ? 0 : stop == "1.5" ? 1 : 2;
+        c.within_ms = Within(kDefaultWithinMs);
     } else if (what == "request") {
         c.op = Op::kExpectRequest;
         c.name = Modem();
@@ -563,6 +565,7 @@ void Parser::Expect(Command& c) {
             Fail("expect request: unknown request " + Shown(request) +
                  " (known: " + Names(kRequests) + ", or a number)");
         c.number = *code;
+        c.within_ms = Within(kDefaultWithinMs);
     } else if (what == "trace") {
         c.op = Op::kExpectTrace;
         c.text = String("the text of the trace line");

@@ -57,9 +57,9 @@ enum class Op {
     kExpectError,      // error (0: none)
     kExpectEvent,      // handle, number: the events, within_ms
     kExpectStatus,     // handle, number: signals that must be on, values[0]: those off, within_ms
-    kExpectLines,      // name, number: lines on, values[0]: lines off
-    kExpectCoding,     // name, values[0..3]: rate, data bits, parity, stop bits
-    kExpectRequest,    // name, number: bRequest
+    kExpectLines,      // name, number: lines on, values[0]: lines off, within_ms
+    kExpectCoding,     // name, values[0..3]: rate, data bits, parity, stop bits, within_ms
+    kExpectRequest,    // name, number: bRequest, within_ms
     kExpectTrace,      // text, within_ms
     kSerialState,      // name, number: the state
     kFault,            // fault

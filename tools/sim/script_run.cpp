@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <functional>
 #include <map>
 #include <memory>
 
@@ -100,6 +101,18 @@ class Runner {
     sm::Modem& ModemOf(const std::string& name) { return *machine_.ModemOn(modems_[name].port); }
     AppPort& PortOf(const std::string& name) { return *handles_[name].port; }
     int64_t Deadline(const Command& c) const { return machine_.NowMs() + c.within_ms; }
+    // Lets the clock run a millisecond at a time until holds() or the
+    // command's time is up; true when it held.
+    bool Poll(const Command& c, const std::function<bool()>& holds) {
+        int64_t deadline = Deadline(c);
+        for (;;) {
+            if (holds())
+                return true;
+            if (machine_.NowMs() >= deadline)
+                return false;
+            machine_.Advance(1);
+        }
+    }
     void CloseSlot(const std::string& name);
 
     bool ExpectRead(const Command& c);
@@ -530,19 +543,22 @@ bool Runner::Expectation(const Command& c) {
                            Ms(c.within_ms) + ", but it is " + Signals(status));
     }
     case Op::kExpectLines: {
-        uint16_t lines = ModemOf(c.name).ControlLineState();
         auto text = [](uint32_t state) {
             return std::string("dtr ") + ((state & 1) ? "on" : "off") + " rts " +
                    ((state & 2) ? "on" : "off");
         };
+        uint16_t lines = 0;
+        bool held = Poll(c, [&] {
+            lines = ModemOf(c.name).ControlLineState();
+            return (lines & c.number) == c.number && (lines & c.values[0]) == 0;
+        });
         say_.Detail("SET_CONTROL_LINE_STATE " + Hex(lines) + ": " + text(lines));
-        if ((lines & c.number) == c.number && (lines & c.values[0]) == 0)
+        if (held)
             return true;
         return Fail(c, "the modem's lines to be " + text(c.number) + " where named, but they are " +
                            text(lines));
     }
     case Op::kExpectCoding: {
-        const Bytes& coding = ModemOf(c.name).LineCoding();
         static const char kParity[] = "NOEMS";
         static const char* const kStop[] = {"1", "1.5", "2"};
         auto text = [&](uint32_t rate, uint32_t data, uint32_t parity, uint32_t stop) {
@@ -550,33 +566,49 @@ bool Runner::Expectation(const Command& c) {
                    (parity < 5 ? std::string(1, kParity[parity]) : "?") + " " +
                    (stop < 3 ? kStop[stop] : "?");
         };
-        if (coding.size() != 7)
-            return Fail(c, "a line coding, but the modem holds " + std::to_string(coding.size()) +
-                               " bytes");
-        uint32_t rate = coding[0] | coding[1] << 8 | coding[2] << 16 | uint32_t(coding[3]) << 24;
-        std::string got = text(rate, coding[6], coding[5], coding[4]);
         std::string want = text(c.values[0], c.values[1], c.values[2], c.values[3]);
+        std::string got;
+        bool held = Poll(c, [&] {
+            const Bytes& coding = ModemOf(c.name).LineCoding();
+            if (coding.size() != 7) {
+                got = std::to_string(coding.size()) + " bytes";
+                return false;
+            }
+            uint32_t rate =
+                coding[0] | coding[1] << 8 | coding[2] << 16 | uint32_t(coding[3]) << 24;
+            got = text(rate, coding[6], coding[5], coding[4]);
+            return got == want;
+        });
         say_.Detail("line coding " + got);
-        if (got == want)
+        if (held)
             return true;
-        return Fail(c, "the line coding " + want + ", but the modem holds " + got);
+        return Fail(c, "the line coding " + want + " within " + Ms(c.within_ms) +
+                           ", but the modem holds " + got);
     }
     case Op::kExpectRequest: {
         ModemSlot& slot = modems_[c.name];
-        const std::vector<sm::RecordedRequest>& requests = ModemOf(c.name).Requests();
         std::string seen;
-        for (size_t i = slot.requests_before; i < requests.size(); ++i) {
-            const hu::SetupPacket& setup = requests[i].setup;
-            if (setup.request == c.number) {
-                slot.requests_before = i + 1;
-                say_.Detail("request " + Hex(setup.request) + " value " + Hex(setup.value) +
-                            " at " + Ms(requests[i].time_ms) +
-                            (requests[i].data.empty() ? "" : ", data " + Shown(requests[i].data)));
-                return true;
+        bool held = Poll(c, [&] {
+            const std::vector<sm::RecordedRequest>& requests = ModemOf(c.name).Requests();
+            seen.clear();
+            for (size_t i = slot.requests_before; i < requests.size(); ++i) {
+                const hu::SetupPacket& setup = requests[i].setup;
+                if (setup.request == c.number) {
+                    slot.requests_before = i + 1;
+                    say_.Detail(
+                        "request " + Hex(setup.request) + " value " + Hex(setup.value) + " at " +
+                        Ms(requests[i].time_ms) +
+                        (requests[i].data.empty() ? "" : ", data " + Shown(requests[i].data)));
+                    return true;
+                }
+                seen += " " + Hex(setup.request);
             }
-            seen += " " + Hex(setup.request);
-        }
-        return Fail(c, "the request " + Hex(c.number) + ", but the modem received " +
+            return false;
+        });
+        if (held)
+            return true;
+        return Fail(c, "the request " + Hex(c.number) + " within " + Ms(c.within_ms) +
+                           ", but the modem received " +
                            (seen.empty() ? "none since the last match" : seen.substr(1)));
     }
     case Op::kExpectFired: {
