@@ -502,6 +502,11 @@ void Parser::Expect(Command& c) {
             Fail("expect completion: the handle " + Shown(c.name) + " has no pending read");
         c.error = Error();
         c.within_ms = Within(kDefaultWithinMs);
+    } else if (what == "pending") {
+        c.op = Op::kExpectPending;
+        c.name = Handle();
+        if (pending_.count(c.name) == 0)
+            Fail("expect pending: the handle " + Shown(c.name) + " has no pending read");
     } else if (what == "modem") {
         c.op = Op::kExpectModem;
         c.name = Modem();
@@ -591,7 +596,7 @@ void Parser::Expect(Command& c) {
         c.within_ms = Within(kDefaultPppWithinMs);
     } else {
         Fail("unknown expectation " + Shown(what) +
-             " (read, read-count, completion, modem, error, event, modem-status, lines, "
+             " (read, read-count, completion, pending, modem, error, event, modem-status, lines, "
              "line-coding, request, trace, fired, ppp)");
     }
     End();

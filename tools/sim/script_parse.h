@@ -46,6 +46,7 @@ enum class Op {
     kExpectRead,       // handle, bytes, within_ms
     kExpectReadCount,  // handle, number: bytes the last read returned
     kExpectCompletion, // handle, error, within_ms: the pending read
+    kExpectPending,    // handle: the pending read has not completed
     kPush,             // name, bytes
     kExpectModem,      // name, bytes, within_ms
     kWait,             // within_ms: the time

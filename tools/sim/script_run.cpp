@@ -505,6 +505,14 @@ bool Runner::Expectation(const Command& c) {
                                DescribeError(error));
         return true;
     }
+    case Op::kExpectPending: {
+        Bytes bytes;
+        if (!handles_[c.name].port->FinishRead(0, &bytes))
+            return true;
+        return Fail(c, "the read is still pending, but it completed with " +
+                           DescribeError(handles_[c.name].port->LastError()) + " and " +
+                           Shown(bytes));
+    }
     case Op::kExpectError:
         if (last_error_ == c.error)
             return true;
