@@ -97,6 +97,9 @@ TEST(ScriptParse, ErrorsNameTheirLine) {
         {"fault delay", 1, "missing by TIME"},
         {"fault pool tag abc", 1, "four characters"},
         {"sleep S5", 1, "S1, S2, S3 or S4"},
+        {"sleep S3\nsleep S1", 2, "asleep already"},
+        {"wake", 1, "not asleep"},
+        {"plug a\nplug b\nplug c\nplug d\nplug e", 5, "all taken"},
         {"plug m\nopen\nescape SETDTR extra", 3, "unexpected \"extra\""},
     };
     for (const Row& row : rows) {

@@ -373,6 +373,7 @@ class Parser {
     std::set<std::string> pending_;       // handles with a pending read
     std::string ppp_handle_;              // the PPP client's, empty: none
     bool fault_added_ = false;
+    bool asleep_ = false;
 };
 
 std::vector<uint8_t> Parser::Bytes(const char* what) {
@@ -402,6 +403,8 @@ void Parser::Plug(Command& c) {
     c.name = NewName("the modem's name");
     if (modems_.count(c.name) != 0)
         Fail("plug: a modem named " + Shown(c.name) + " is already plugged");
+    if (modems_.size() == kMaxModems)
+        Fail("plug: the bus has " + std::to_string(kMaxModems) + " ports, all taken");
     while (More()) {
         std::string key = Word("an option");
         if (key == "profile") {
@@ -462,6 +465,8 @@ void Parser::Open(Command& c) {
         Fail("open: no modem was plugged whose port to open");
     if (handles_.count(c.name) != 0)
         Fail("open: the handle " + Shown(c.name) + " is already open");
+    if (handles_.size() == kMaxHandles)
+        Fail("open: more than " + std::to_string(kMaxHandles) + " handles open at once");
     handles_[c.name] = c.overlapped;
 }
 
@@ -765,8 +770,14 @@ Command Parser::Line(const std::vector<Token>& tokens) {
         if (state.size() != 2 || state[0] != 'S' || state[1] < '1' || state[1] > '4')
             Fail("sleep: the state is S1, S2, S3 or S4, not " + Shown(state));
         c.number = uint32_t(state[1] - '0');
+        if (asleep_)
+            Fail("sleep: the system is asleep already (wake first)");
+        asleep_ = true;
     } else if (verb == "wake") {
         c.op = Op::kWake;
+        if (!asleep_)
+            Fail("wake: the system is not asleep");
+        asleep_ = false;
     } else if (verb == "ppp") {
         Ppp(c);
     } else if (verb == "ping") {

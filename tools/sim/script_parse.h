@@ -31,6 +31,8 @@ constexpr int64_t kMaxTimeMs = 600000; // any one time: ten minutes
 constexpr uint32_t kMaxReadBytes = 65536;
 constexpr uint32_t kMaxPings = 1000;
 constexpr uint32_t kMaxPingBytes = 1400;
+constexpr size_t kMaxModems = 4;   // the simulated bus's ports
+constexpr size_t kMaxHandles = 16; // open at once
 // The handle "open", "close" and the others use when the script names none.
 constexpr std::string_view kDefaultHandle = "port";
 

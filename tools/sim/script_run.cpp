@@ -347,7 +347,7 @@ bool Runner::Execute(const Command& c, const Command* next) {
                         std::to_string(int(request.state) - 1) + " to " + request.instance + ": " +
                         (NT_SUCCESS(request.status) ? "granted" : "refused"));
         if (!slept)
-            return Fail(c, "the system sleeps, but a driver refused");
+            return Fail(c, "the system sleeps, but a driver refused the query");
         asleep_ = true;
         return true;
     }
