@@ -26,6 +26,9 @@ using script::Op;
 constexpr size_t kShownBytes = 256;
 // Each ping waits this long for its reply.
 constexpr uint32_t kPingReplyMs = 2000;
+// The longest a call that may block the application (ReadFile, WriteFile,
+// the PPP client's exchanges) is let wait beyond its own time.
+constexpr uint32_t kMaxBlockedMs = 600000;
 
 std::string Ms(int64_t ms) {
     return std::to_string(ms) + " ms";
@@ -72,7 +75,8 @@ std::string Signals(comm::DWORD on, comm::DWORD off = ~comm::DWORD(0)) {
 class Runner {
   public:
     Runner(const std::string& file, Machine& machine, Transcript& transcript)
-        : file_(file), machine_(machine), say_(transcript) {}
+        : file_(file), machine_(machine), say_(transcript),
+          printed_mask_(machine.PrintsTrace() ? machine.TraceMask() : 0) {}
     int Run(const std::vector<Command>& commands);
 
   private:
@@ -114,11 +118,19 @@ class Runner {
         }
     }
     void CloseSlot(const std::string& name);
+    // Runs a call that may block the application thread. When it has not
+    // returned after limit_ms of virtual time, a watchdog thread aborts the
+    // port's reads and writes (PurgeComm), as another thread of a program
+    // would; false then.
+    bool Guarded(comm::HANDLE handle, uint32_t limit_ms, const std::function<void()>& call);
 
     bool ExpectRead(const Command& c);
     bool ExpectModem(const Command& c);
     bool ExpectTrace(const Command& c);
     bool Ping(const Command& c);
+    bool ExpectPppOpened(const Command& c);
+    // A PPP client's step, guarded for kMaxBlockedMs beyond its own time.
+    bool PppStep(const Command& c, uint32_t own_ms, const std::function<bool()>& step);
 
     const std::string& file_;
     Machine& machine_;
@@ -127,11 +139,13 @@ class Runner {
     std::map<std::string, HandleSlot> handles_;
     std::string last_com_;
     std::unique_ptr<PppClient> ppp_;
+    comm::HANDLE ppp_port_ = comm::INVALID_HANDLE_VALUE;
     comm::DWORD last_error_ = comm::ERROR_SUCCESS;
     size_t trace_before_ = 0; // debugger lines an expect trace has passed over
     hk::FaultKnob* last_knob_ = nullptr;
     bool asleep_ = false;
     AppTotals totals_;
+    uint32_t printed_mask_; // what --trace asked for, kept under a script's mask
 };
 
 bool Runner::Called(const Command& c, const Command* next, bool ok, comm::DWORD error,
@@ -146,6 +160,22 @@ bool Runner::Called(const Command& c, const Command* next, bool ok, comm::DWORD 
                        " (an \"expect error\" on the next line makes a failure expected)");
 }
 
+bool Runner::Guarded(comm::HANDLE handle, uint32_t limit_ms, const std::function<void()>& call) {
+    comm::HANDLE done = comm::CreateEvent(nullptr, 1, 0, nullptr);
+    bool fired = false;
+    hk::Thread watchdog("script watchdog", [&] {
+        if (comm::WaitForSingleObject(done, limit_ms) == comm::WAIT_TIMEOUT) {
+            fired = true;
+            comm::PurgeComm(handle, comm::PURGE_RXABORT | comm::PURGE_TXABORT);
+        }
+    });
+    call();
+    comm::SetEvent(done);
+    watchdog.Join();
+    comm::CloseHandle(done);
+    return !fired;
+}
+
 void Runner::CloseSlot(const std::string& name) {
     HandleSlot& slot = handles_[name];
     if (slot.port->IsOpen())
@@ -158,12 +188,15 @@ void Runner::CloseSlot(const std::string& name) {
 
 bool Runner::Execute(const Command& c, const Command* next) {
     switch (c.op) {
-    case Op::kTrace:
-        // Assertion lines are always produced, so the verdict sees them.
-        machine_.SetTrace(c.number | 0x1, machine_.PrintsTrace());
-        say_.Detail("TraceMask " + Hex(c.number | 0x1) +
+    case Op::kTrace: {
+        // Assertion lines are always produced, so the verdict sees them,
+        // and so are the lines --trace asked to see.
+        uint32_t mask = c.number | 0x1 | printed_mask_;
+        machine_.SetTrace(mask, machine_.PrintsTrace());
+        say_.Detail("TraceMask " + Hex(mask) +
                     " in the service key: read at the driver's load and at every open");
         return true;
+    }
     case Op::kPlug: {
         hu::Speed speed = c.speed == script::Speed::kFull ? hu::Speed::kFull : hu::Speed::kHigh;
         using DataMode = sm::Modem::DataMode;
@@ -222,7 +255,10 @@ bool Runner::Execute(const Command& c, const Command* next) {
     case Op::kWrite: {
         AppPort& port = PortOf(c.name);
         uint64_t before = port.BytesWritten();
-        bool ok = port.Write(c.bytes);
+        bool ok = false;
+        if (!Guarded(port.Handle(), kMaxBlockedMs, [&] { ok = port.Write(c.bytes); }))
+            return Fail(c, "WriteFile returns within " + Ms(kMaxBlockedMs) +
+                               ", but it was still waiting (aborted)");
         uint64_t written = port.BytesWritten() - before;
         if (port.LastError() == comm::ERROR_SUCCESS)
             say_.Detail("WriteFile: " + std::to_string(written) + " of " +
@@ -245,7 +281,12 @@ bool Runner::Execute(const Command& c, const Command* next) {
         std::optional<uint32_t> total;
         if (c.within_ms >= 0)
             total = uint32_t(c.within_ms);
-        bool ok = slot.port->Read(c.number, total, &bytes);
+        bool ok = false;
+        if (!Guarded(slot.port->Handle(), kMaxBlockedMs,
+                     [&] { ok = slot.port->Read(c.number, total, &bytes); }))
+            return Fail(c, "ReadFile returns within " + Ms(kMaxBlockedMs) +
+                               ", but it was still waiting (aborted; the port's time-outs let it "
+                               "wait without end)");
         slot.inbox.insert(slot.inbox.end(), bytes.begin(), bytes.end());
         slot.last_read = uint32_t(bytes.size());
         say_.Detail("ReadFile(" + std::to_string(c.number) + "): " + std::to_string(bytes.size()) +
@@ -357,18 +398,22 @@ bool Runner::Execute(const Command& c, const Command* next) {
         say_.Detail("the system is in the working state again");
         return true;
     case Op::kPppOpen:
+        ppp_port_ = PortOf(c.name).Handle();
         ppp_ = std::make_unique<PppClient>(PortOf(c.name));
         ppp_->Open();
         say_.Detail("the host's PPP client sends its first LCP configure-request");
         return true;
     case Op::kPing:
-        return Ping(c);
+        return PppStep(c, c.number * kPingReplyMs, [&] { return Ping(c); });
     case Op::kPppClose:
-        ppp_->Close();
-        ppp_->RunUntil([&] { return ppp_->engine().Lcp() != ppp::Engine::State::kClosing; }, 1000);
-        say_.Detail("LCP terminated");
-        ppp_.reset();
-        return true;
+        return PppStep(c, 1000, [&] {
+            ppp_->Close();
+            ppp_->RunUntil([&] { return ppp_->engine().Lcp() != ppp::Engine::State::kClosing; },
+                           1000);
+            say_.Detail("LCP terminated");
+            ppp_.reset();
+            return true;
+        });
     default:
         return Expectation(c);
     }
@@ -632,27 +677,40 @@ bool Runner::Expectation(const Command& c) {
                                              : std::to_string(c.number) + " time(s)") +
                            ", but it fired " + std::to_string(fired));
     }
-    case Op::kExpectPppOpened: {
-        using State = ppp::Engine::State;
-        ppp::Engine& engine = ppp_->engine();
-        bool up = ppp_->RunUntil(
-            [&] { return engine.Lcp() == State::kOpened && engine.Ipcp() == State::kOpened; },
-            uint32_t(c.within_ms));
-        if (!up)
-            return Fail(c, "LCP and IPCP opened within " + Ms(c.within_ms) + ", but LCP is " +
-                               (engine.Lcp() == State::kOpened ? "opened" : "not opened") +
-                               " and IPCP " +
-                               (engine.Ipcp() == State::kOpened ? "opened" : "not opened"));
-        say_.Detail("LCP and IPCP opened: the host is " + Address(engine.LocalAddress()) +
-                    ", the modem " + Address(engine.PeerAddress()) +
-                    (ppp_->Restarts() ? ", after " + std::to_string(ppp_->Restarts()) +
-                                            " restart(s) of a lost request"
-                                      : ""));
-        return true;
-    }
+    case Op::kExpectPppOpened:
+        return PppStep(c, uint32_t(c.within_ms), [&] { return ExpectPppOpened(c); });
     default:
         return Fail(c, "a command this runner knows");
     }
+}
+
+bool Runner::PppStep(const Command& c, uint32_t own_ms, const std::function<bool()>& step) {
+    bool ok = false;
+    bool in_time = Guarded(ppp_port_, own_ms + kMaxBlockedMs, [&] { ok = step(); });
+    // A step that failed said why; one that needed the watchdog failed too.
+    if (ok && !in_time)
+        return Fail(c, "the PPP client's exchange ends within " + Ms(own_ms + kMaxBlockedMs) +
+                           ", but its port was still waiting (aborted)");
+    return ok;
+}
+
+bool Runner::ExpectPppOpened(const Command& c) {
+    using State = ppp::Engine::State;
+    ppp::Engine& engine = ppp_->engine();
+    bool up = ppp_->RunUntil(
+        [&] { return engine.Lcp() == State::kOpened && engine.Ipcp() == State::kOpened; },
+        uint32_t(c.within_ms));
+    if (!up)
+        return Fail(c, "LCP and IPCP opened within " + Ms(c.within_ms) + ", but LCP is " +
+                           (engine.Lcp() == State::kOpened ? "opened" : "not opened") +
+                           " and IPCP " +
+                           (engine.Ipcp() == State::kOpened ? "opened" : "not opened"));
+    say_.Detail("LCP and IPCP opened: the host is " + Address(engine.LocalAddress()) +
+                ", the modem " + Address(engine.PeerAddress()) +
+                (ppp_->Restarts() ? ", after " + std::to_string(ppp_->Restarts()) +
+                                        " restart(s) of a lost request"
+                                  : ""));
+    return true;
 }
 
 int Runner::Run(const std::vector<Command>& commands) {
