@@ -14,6 +14,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 
 namespace sim {
 
@@ -146,11 +147,15 @@ class Runner {
     bool asleep_ = false;
     AppTotals totals_;
     uint32_t printed_mask_; // what --trace asked for, kept under a script's mask
+    // Calls with nothing to show but that they were done.
+    const std::set<Op> quiet_calls_{Op::kTimeouts, Op::kMask, Op::kEscape, Op::kPurge};
 };
 
 bool Runner::Called(const Command& c, const Command* next, bool ok, comm::DWORD error,
                     const std::string& call) {
     last_error_ = ok ? comm::ERROR_SUCCESS : error;
+    if (ok && quiet_calls_.count(c.op) != 0)
+        say_.Detail(call + ": done");
     if (ok)
         return true;
     say_.Detail(call + " failed: " + DescribeError(error));
@@ -315,10 +320,12 @@ bool Runner::Execute(const Command& c, const Command* next) {
         }
         ok = ok && port.Record(comm::SetCommState(port.Handle(), &dcb));
         if (ok)
-            say_.Detail("SetCommState: " + std::to_string(dcb.BaudRate) + " bps, " +
-                        std::to_string(dcb.ByteSize) + " data bits, parity " +
-                        std::to_string(dcb.Parity) + ", stop bits " + std::to_string(dcb.StopBits) +
-                        " (0: 1, 1: 1.5, 2: 2)");
+            say_.Detail("SetCommState: " + std::to_string(dcb.BaudRate) + " " +
+                        std::to_string(dcb.ByteSize) + " " +
+                        (dcb.Parity < 5 ? std::string(1, "NOEMS"[dcb.Parity]) : "?") + " " +
+                        (dcb.StopBits == 0   ? "1"
+                         : dcb.StopBits == 1 ? "1.5"
+                                             : "2"));
         return Called(c, next, ok, port.LastError(), "SetCommState");
     }
     case Op::kTimeouts: {
@@ -726,7 +733,12 @@ int Runner::Run(const std::vector<Command>& commands) {
         }
     }
     // What the scenario left behind is put away before the machine shuts
-    // down, as an application ends: its PPP client, then its handles.
+    // down: the system wakes, the faults go, and the application ends as a
+    // program does, its PPP client first, then its handles.
+    if (asleep_)
+        machine_.kernel().power().Wake();
+    machine_.bus().ClearFaults();
+    machine_.kernel().pool().Faults().Clear();
     ppp_.reset();
     std::vector<std::string> open;
     for (const auto& [name, slot] : handles_)
@@ -736,10 +748,6 @@ int Runner::Run(const std::vector<Command>& commands) {
             say_.Step("the scenario ends with handle " + name + " open: it is closed");
         CloseSlot(name);
     }
-    if (asleep_)
-        machine_.kernel().power().Wake();
-    machine_.bus().ClearFaults();
-    machine_.kernel().pool().Faults().Clear();
     return Conclude(say_, machine_, totals_, wall_start, failed);
 }
 
