@@ -45,6 +45,7 @@ TEST(ScriptParse, OptionalHandlesTimesAndNumbers) {
         {"plug m\nopen h overlapped\nexpect event h EV_RLSD|EV_RXCHAR", "h", 1000, 0x21},
         {"plug m\nopen\nexpect read \"OK\" within 250ms", "port", 250, 0},
         {"plug m\nopen x on m\nmask x none", "x", 0, 0},
+        {"plug m\nopen\nexpect modem-status RLSD|DSR on within 5ms", "port", 5, 0xa0},
         {"plug m # comment \"x\nwait 600s # the longest", "", 600000, 0},
     };
     for (const Row& row : rows) {

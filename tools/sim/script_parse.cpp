@@ -529,7 +529,9 @@ void Parser::Expect(Command& c) {
         c.within_ms = Within(kDefaultWithinMs);
     } else if (what == "modem-status") {
         c.op = Op::kExpectStatus;
-        c.name = Handle([](std::string_view word) { return Lookup(kSignals, word).has_value(); });
+        c.name = Handle([](std::string_view word) {
+            return Lookup(kSignals, word.substr(0, word.find('|'))).has_value();
+        });
         while (More() && !PeekWord("within")) {
             uint32_t signal = Flags(kSignals, Word("a signal"), "signal");
             (OnOff() ? c.number : c.values[0]) |= signal;
