@@ -33,6 +33,31 @@ std::string Printable(const Bytes& bytes) {
     return text;
 }
 
+namespace {
+
+bool Same(const comm::COMMTIMEOUTS& a, const comm::COMMTIMEOUTS& b) {
+    return a.ReadIntervalTimeout == b.ReadIntervalTimeout &&
+           a.ReadTotalTimeoutMultiplier == b.ReadTotalTimeoutMultiplier &&
+           a.ReadTotalTimeoutConstant == b.ReadTotalTimeoutConstant &&
+           a.WriteTotalTimeoutMultiplier == b.WriteTotalTimeoutMultiplier &&
+           a.WriteTotalTimeoutConstant == b.WriteTotalTimeoutConstant;
+}
+
+} // namespace
+
+// The OVERLAPPED, buffer and event of a pending read live until the read
+// has completed into them: collected, or completed by the handle's close.
+struct AppPort::PendingRead {
+    comm::OVERLAPPED overlapped{};
+    Bytes buffer;
+};
+
+void AppPort::PendingReadDelete::operator()(PendingRead* read) const {
+    if (read->overlapped.hEvent)
+        comm::CloseHandle(read->overlapped.hEvent);
+    delete read;
+}
+
 AppPort::~AppPort() {
     if (IsOpen())
         Close();
@@ -44,17 +69,113 @@ bool AppPort::Check(comm::BOOL ok) {
     return ok != 0;
 }
 
-bool AppPort::Open(const std::string& name) {
-    handle_ = comm::CreateFile(name.c_str(), comm::GENERIC_READ | comm::GENERIC_WRITE, 0, nullptr,
-                               comm::OPEN_EXISTING, 0, nullptr);
-    read_timeout_ms_ = UINT32_MAX;
-    return Check(handle_ != comm::INVALID_HANDLE_VALUE);
+bool AppPort::Open(const std::string& name, bool overlapped) {
+    handle_ =
+        comm::CreateFile(name.c_str(), comm::GENERIC_READ | comm::GENERIC_WRITE, 0, nullptr,
+                         comm::OPEN_EXISTING, overlapped ? comm::FILE_FLAG_OVERLAPPED : 0, nullptr);
+    in_force_.reset();
+    if (!Check(handle_ != comm::INVALID_HANDLE_VALUE))
+        return false;
+    // What the driver starts with is the application's until it sets its own.
+    comm::COMMTIMEOUTS timeouts{};
+    if (comm::GetCommTimeouts(handle_, &timeouts)) {
+        app_timeouts_ = timeouts;
+        in_force_ = timeouts;
+    }
+    return true;
 }
 
 bool AppPort::Close() {
     comm::HANDLE handle = handle_;
     handle_ = comm::INVALID_HANDLE_VALUE;
-    return Check(comm::CloseHandle(handle));
+    bool closed = Check(comm::CloseHandle(handle));
+    // The close completed a pending read into its OVERLAPPED.
+    pending_.reset();
+    return closed;
+}
+
+bool AppPort::Use(const comm::COMMTIMEOUTS& timeouts) {
+    if (in_force_ && Same(*in_force_, timeouts))
+        return true;
+    comm::COMMTIMEOUTS copy = timeouts;
+    if (!Check(comm::SetCommTimeouts(handle_, &copy)))
+        return false;
+    in_force_ = timeouts;
+    return true;
+}
+
+bool AppPort::SetTimeouts(const comm::COMMTIMEOUTS& timeouts) {
+    in_force_.reset();
+    if (!Use(timeouts))
+        return false;
+    app_timeouts_ = timeouts;
+    return true;
+}
+
+bool AppPort::Read(uint32_t count, std::optional<uint32_t> total_ms, Bytes* bytes) {
+    comm::COMMTIMEOUTS timeouts = app_timeouts_;
+    if (total_ms) {
+        timeouts.ReadIntervalTimeout = 0;
+        timeouts.ReadTotalTimeoutMultiplier = 0;
+        timeouts.ReadTotalTimeoutConstant = *total_ms;
+    }
+    bytes->clear();
+    if (!Use(timeouts))
+        return false;
+    bytes->resize(count);
+    comm::DWORD read = 0;
+    bool ok = Check(comm::ReadFile(handle_, bytes->data(), count, &read, nullptr));
+    bytes->resize(read);
+    bytes_read_ += read;
+    return ok;
+}
+
+bool AppPort::StartRead(uint32_t count) {
+    std::unique_ptr<PendingRead, PendingReadDelete> read(new PendingRead);
+    read->overlapped.hEvent = comm::CreateEvent(nullptr, 1, 0, nullptr);
+    read->buffer.resize(count);
+    if (!Use(app_timeouts_))
+        return false;
+    comm::BOOL ok = comm::ReadFile(handle_, read->buffer.data(), count, nullptr, &read->overlapped);
+    if (!ok && comm::GetLastError() != comm::ERROR_IO_PENDING)
+        return Check(ok);
+    Check(1);
+    pending_ = std::move(read);
+    return true;
+}
+
+bool AppPort::FinishRead(uint32_t ms, Bytes* bytes) {
+    bytes->clear();
+    if (!pending_)
+        return true;
+    if (comm::WaitForSingleObject(pending_->overlapped.hEvent, ms) == comm::WAIT_TIMEOUT)
+        return false;
+    comm::DWORD read = 0;
+    Check(comm::GetOverlappedResult(handle_, &pending_->overlapped, &read, 0));
+    bytes->assign(pending_->buffer.begin(), pending_->buffer.begin() + read);
+    bytes_read_ += read;
+    pending_.reset();
+    return true;
+}
+
+std::optional<comm::DWORD> AppPort::WaitEvent(uint32_t ms) {
+    comm::OVERLAPPED overlapped{};
+    overlapped.hEvent = comm::CreateEvent(nullptr, 1, 0, nullptr);
+    comm::DWORD events = 0;
+    comm::BOOL ok = comm::WaitCommEvent(handle_, &events, &overlapped);
+    bool came = ok != 0;
+    if (!ok && comm::GetLastError() == comm::ERROR_IO_PENDING) {
+        came = comm::WaitForSingleObject(overlapped.hEvent, ms) == comm::WAIT_OBJECT_0;
+        if (!came)
+            comm::CancelIo(handle_);
+        comm::DWORD returned = 0;
+        ok = comm::GetOverlappedResult(handle_, &overlapped, &returned, 1);
+    }
+    Check(ok);
+    comm::CloseHandle(overlapped.hEvent);
+    if (!came || !ok)
+        return std::nullopt;
+    return events;
 }
 
 bool AppPort::Write(const Bytes& bytes) {
@@ -66,15 +187,14 @@ bool AppPort::Write(const Bytes& bytes) {
 }
 
 Bytes AppPort::ReadSome(uint32_t ms) {
-    if (read_timeout_ms_ != ms) {
-        // Return at once with what is buffered, or wait up to ms for the
-        // first byte and return with it: the documented combination of
-        // MAXDWORD interval and multiplier with a total constant.
-        comm::COMMTIMEOUTS timeouts{comm::MAXDWORD, comm::MAXDWORD, ms, 0, 0};
-        if (!Check(comm::SetCommTimeouts(handle_, &timeouts)))
-            return {};
-        read_timeout_ms_ = ms;
-    }
+    // Return at once with what is buffered, or wait up to ms for the first
+    // byte and return with it: the documented combination of MAXDWORD
+    // interval and multiplier with a total constant.
+    comm::COMMTIMEOUTS timeouts{comm::MAXDWORD, comm::MAXDWORD, ms,
+                                app_timeouts_.WriteTotalTimeoutMultiplier,
+                                app_timeouts_.WriteTotalTimeoutConstant};
+    if (!Use(timeouts))
+        return {};
     Bytes bytes(4096);
     comm::DWORD read = 0;
     if (!Check(comm::ReadFile(handle_, bytes.data(), comm::DWORD(bytes.size()), &read, nullptr)))

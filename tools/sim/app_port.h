@@ -1,7 +1,9 @@
 // The application's side of a cdcacm-sim session: one COM port opened
 // through the Win32 communications calls, as a terminal program or a
-// dial-up stack opens it, with reads that wait a bounded virtual time and
-// byte and request counts for the summary.
+// dial-up stack opens it, with reads that wait a bounded virtual time, the
+// application's own time-outs, an overlapped read left pending and a
+// bounded wait for a comm event, and byte and request counts for the
+// summary.
 //
 // Environment: the machine's application thread at PASSIVE_LEVEL; every
 // call may block it in virtual time.
@@ -10,6 +12,8 @@
 #include "comm/comm.h"
 
 #include <cstdint>
+#include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -30,8 +34,9 @@ class AppPort {
     AppPort& operator=(const AppPort&) = delete;
 
     // Opens the port for reading and writing (exclusive, as Windows opens
-    // COM ports); on failure the Win32 error is kept in LastError.
-    bool Open(const std::string& name);
+    // COM ports), overlapped when asked; on failure the Win32 error is kept
+    // in LastError.
+    bool Open(const std::string& name, bool overlapped = false);
     bool IsOpen() const { return handle_ != comm::INVALID_HANDLE_VALUE; }
     bool Close();
     comm::HANDLE Handle() const { return handle_; }
@@ -45,16 +50,47 @@ class AppPort {
     // Reads until the text has arrived or ms have passed; returns all read.
     Bytes ReadUntil(const std::string& text, uint32_t ms);
 
+    // The application's own time-outs. ReadSome sets time-outs of its own;
+    // Read puts these back first.
+    bool SetTimeouts(const comm::COMMTIMEOUTS& timeouts);
+    // One ReadFile of up to count bytes under the application's time-outs,
+    // or, with total_ms, under a total time-out of that many ms alone.
+    bool Read(uint32_t count, std::optional<uint32_t> total_ms, Bytes* bytes);
+
+    // An overlapped handle's read that the driver may hold: started, then
+    // collected within a bounded time. One at a time; Close completes it.
+    bool StartRead(uint32_t count);
+    bool ReadPending() const { return pending_ != nullptr; }
+    // Waits up to ms for the started read: false when it is still pending;
+    // otherwise true, with its bytes, and its error in LastError.
+    bool FinishRead(uint32_t ms, Bytes* bytes);
+    // WaitCommEvent on an overlapped handle, waited for up to ms: the events
+    // that came, or nullopt when none came in time (the wait is then
+    // cancelled with CancelIo, which cancels the handle's other requests of
+    // this thread too).
+    std::optional<comm::DWORD> WaitEvent(uint32_t ms);
+
+    // Counts one request made directly on Handle() and keeps its error.
+    bool Record(comm::BOOL ok) { return Check(ok); }
+
     // Counts for the summary.
     uint64_t BytesWritten() const { return bytes_written_; }
     uint64_t BytesRead() const { return bytes_read_; }
     uint64_t Requests() const { return requests_; }
 
   private:
+    struct PendingRead;
+    struct PendingReadDelete {
+        void operator()(PendingRead* read) const;
+    };
     bool Check(comm::BOOL ok);
+    // Sets the port's time-outs unless they are in force already.
+    bool Use(const comm::COMMTIMEOUTS& timeouts);
     comm::HANDLE handle_ = comm::INVALID_HANDLE_VALUE;
     comm::DWORD last_error_ = comm::ERROR_SUCCESS;
-    uint32_t read_timeout_ms_ = UINT32_MAX; // the time-out the port is set to
+    comm::COMMTIMEOUTS app_timeouts_{};          // the application's own
+    std::optional<comm::COMMTIMEOUTS> in_force_; // what the port is set to, when known
+    std::unique_ptr<PendingRead, PendingReadDelete> pending_;
     uint64_t bytes_written_ = 0, bytes_read_ = 0, requests_ = 0;
 };
 

@@ -64,6 +64,8 @@ class Machine {
     // Sets the driver's TraceMask in its service key (read at load and at
     // every open) and whether its lines are printed.
     void SetTrace(uint32_t mask, bool print);
+    bool PrintsTrace() const { return options_.print_trace; }
+    uint32_t TraceMask() const { return options_.trace_mask; }
 
     // Verifier reports and assertion lines so far, printed as they come.
     size_t Problems() const { return verifier_reports_.size() + AssertionLines(); }

@@ -1,15 +1,19 @@
 // cdcacm-sim: the driver on a simulated machine for its users. Subcommands:
 // demo (a narrated session of a modem's whole life) and script (a scenario
-// file). Every subcommand takes the common options: --seed, --trace,
+// file, checked whole before it runs). Every subcommand takes the common options: --seed, --trace,
 // --capture and --log.
 #include "demo.h"
 #include "machine.h"
 #include "profiles.h"
+#include "script_parse.h"
+#include "script_run.h"
 #include "transcript.h"
 
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
+#include <fstream>
+#include <iterator>
 #include <string>
 
 namespace {
@@ -91,6 +95,31 @@ std::optional<sim::MachineOptions> MachineFrom(const Common& common, sim::Transc
     return options;
 }
 
+// The scenario file's text, bounded; nullopt (with a message) when it
+// cannot be read or is too long.
+std::optional<std::string> ReadScenario(const std::string& file) {
+    std::ifstream in(file, std::ios::binary);
+    if (!in) {
+        std::fprintf(stderr, "%s: cannot read the scenario file\n", file.c_str());
+        return std::nullopt;
+    }
+    std::string text;
+    char buffer[4096];
+    while (in.read(buffer, sizeof buffer) || in.gcount() > 0) {
+        text.append(buffer, size_t(in.gcount()));
+        if (text.size() > sim::script::kMaxFileBytes) {
+            std::fprintf(stderr, "%s: longer than %zu bytes\n", file.c_str(),
+                         sim::script::kMaxFileBytes);
+            return std::nullopt;
+        }
+    }
+    if (in.bad()) {
+        std::fprintf(stderr, "%s: cannot read the scenario file\n", file.c_str());
+        return std::nullopt;
+    }
+    return text;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -118,6 +147,16 @@ int main(int argc, char** argv) {
         ->check(CLI::Range(1, 1000))
         ->capture_default_str();
 
+    std::string scenario;
+    CLI::App* script = app.add_subcommand(
+        "script", "run a scenario file (tools/sim/SCENARIOS.md): plug modems, open ports, write, "
+                  "read and expect bytes, inject faults, sleep and wake, all in virtual time; "
+                  "exit status 0 when every expectation held and the machine ended clean, 1 "
+                  "when one failed or the machine did not end clean, 2 for a file that cannot "
+                  "be read or is malformed");
+    AddCommon(*script, common);
+    script->add_option("FILE", scenario, "the scenario file")->required();
+
     CLI11_PARSE(app, argc, argv);
 
     sim::Transcript transcript;
@@ -133,6 +172,22 @@ int main(int argc, char** argv) {
         }
         sim::Machine machine(*machine_options, transcript);
         return sim::RunDemo(demo_options, machine, transcript);
+    }
+    if (script->parsed()) {
+        // The whole file is read and checked before anything runs.
+        std::optional<std::string> text = ReadScenario(scenario);
+        if (!text)
+            return 2;
+        sim::script::Parsed parsed = sim::script::Parse(*text, sim::ScriptVocabulary());
+        if (parsed.error) {
+            std::string where = scenario;
+            if (parsed.error->line != 0)
+                where += ":" + std::to_string(parsed.error->line);
+            std::fprintf(stderr, "%s: %s\n", where.c_str(), parsed.error->message.c_str());
+            return 2;
+        }
+        sim::Machine machine(*machine_options, transcript);
+        return sim::RunScript(scenario, parsed.commands, machine, transcript);
     }
     return 2;
 }
