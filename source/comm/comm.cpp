@@ -392,9 +392,14 @@ BOOL GetOverlappedResult(HANDLE hFile, LPOVERLAPPED lpOverlapped,
     }
     if (request) {
         Apply(*request, *request->io);
+        // Another thread may have closed the handle while this one waited;
+        // the request list went with it, and the results are in the
+        // OVERLAPPED (cancelled by the close's cleanup).
         std::lock_guard<std::mutex> guard(table_lock);
-        auto& list = port->in_flight;
-        list.erase(std::remove(list.begin(), list.end(), request), list.end());
+        if (handles.count(port) != 0) {
+            auto& list = port->in_flight;
+            list.erase(std::remove(list.begin(), list.end(), request), list.end());
+        }
     }
     // A request that finished inside its call left its results in the
     // OVERLAPPED alone.

@@ -273,6 +273,21 @@ TEST_F(CommPort, OverlappedReadFillsTheBufferAndSetsTheEvent) {
     ASSERT_TRUE(w::TransmitCommChar(port_, '!'));
     kernel().Sleep(10);
     EXPECT_EQ(modem().Pull(), (Bytes{'A', 'T', 'Z', '\r', '!'}));
+
+    // A thread waiting for its read while another closes the handle gets
+    // the read back cancelled by the close.
+    overlapped = Overlapped();
+    ASSERT_FALSE(w::ReadFile(port_, buffer, 5, &count, &overlapped));
+    w::DWORD error = 0;
+    hk::Thread reader("reader", [&] {
+        if (!w::GetOverlappedResult(port_, &overlapped, &count, 1))
+            error = w::GetLastError();
+    });
+    kernel().Sleep(10);
+    EXPECT_TRUE(w::CloseHandle(port_));
+    port_ = w::INVALID_HANDLE_VALUE;
+    reader.Join();
+    EXPECT_EQ(error, w::ERROR_OPERATION_ABORTED);
 }
 
 TEST_F(CommPort, WaitCommEventOverlappedCompletesOrIsCancelled) {
