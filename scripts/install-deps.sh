@@ -2,8 +2,8 @@
 # Installs the build and test tools this project needs when they are missing
 # (Debian packages): the host toolchain, the mingw-w64 cross compiler with
 # its WDK headers, GoogleTest, Google Benchmark, clang's libFuzzer, libpcap
-# (bus captures), CLI11 (the simulator's command line) and tshark (the
-# capture checks).
+# (bus captures), CLI11 (the simulator's command line), tshark (the
+# capture checks) and pyserial (the pseudo-terminal bridge's test).
 set -euo pipefail
 
 missing=()
@@ -25,6 +25,7 @@ need pkg-config /usr/bin/pkg-config
 need libpcap-dev /usr/include/pcap/pcap.h
 need libcli11-dev /usr/include/CLI/CLI.hpp
 need tshark /usr/bin/tshark
+need python3-serial /usr/lib/python3/dist-packages/serial/__init__.py
 
 if [ ${#missing[@]} -eq 0 ]; then
   exit 0

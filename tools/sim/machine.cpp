@@ -17,6 +17,7 @@ Machine::Machine(MachineOptions options, Transcript& transcript)
     hk::KernelOptions kernel_options;
     kernel_options.seed = options_.seed;
     kernel_options.interleave = options_.interleave;
+    kernel_options.real_time = options_.real_time;
     kernel_ = std::make_unique<hk::Kernel>(kernel_options);
     transcript_.SetClock([this] { return kernel_ ? kernel_->NowMs() : final_ms_; });
     kernel_->verifier().SetHandler([this](const std::string&, const std::string& message) {

@@ -28,6 +28,7 @@ namespace sim {
 struct MachineOptions {
     uint64_t seed = 1;
     hk::InterleaveOptions interleave = {}; // off: one processor, no preemption
+    bool real_time = false;                // the clock follows the wall clock
     // The driver's TraceMask (the service key's value); the trace lines
     // are printed only when asked for.
     uint32_t trace_mask = 0x3; // assertions and errors

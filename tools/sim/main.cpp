@@ -5,6 +5,7 @@
 #include "demo.h"
 #include "machine.h"
 #include "profiles.h"
+#include "run.h"
 #include "script_parse.h"
 #include "script_run.h"
 #include "transcript.h"
@@ -157,12 +158,50 @@ int main(int argc, char** argv) {
     AddCommon(*script, common);
     script->add_option("FILE", scenario, "the scenario file")->required();
 
+    sim::RunOptions run_options;
+    std::string run_speed = "full", run_modem = "command";
+    CLI::App* run = app.add_subcommand(
+        "run", "in real time: plug a modem and offer its COM port as a pseudo-terminal to the "
+               "host's programs (picocom, minicom, pyserial, pppd) until Ctrl-C or SIGTERM");
+    AddCommon(*run, common);
+    run->add_option("--profile", run_options.profile, profile_help)
+        ->type_name("NAME")
+        ->capture_default_str();
+    run->add_option("--speed", run_speed, "the bus speed: full or high")
+        ->check(CLI::IsMember({"full", "high"}))
+        ->capture_default_str();
+    run->add_option("--modem", run_modem,
+                    "what the modem does with the bytes: command (AT commands, dialling, PPP) "
+                    "or loopback (every byte comes back)")
+        ->check(CLI::IsMember({"command", "loopback"}))
+        ->capture_default_str();
+    run->add_option("--link", run_options.link, "also make a symbolic link PATH to the terminal")
+        ->type_name("PATH");
+
     CLI11_PARSE(app, argc, argv);
 
     sim::Transcript transcript;
     std::optional<sim::MachineOptions> machine_options = MachineFrom(common, transcript);
     if (!machine_options)
         return 2;
+    if (run->parsed()) {
+        if (machine_options->interleave.enabled) {
+            std::fprintf(stderr, "--interleave: the interleaving machine runs in virtual time "
+                                 "only, and run is real time\n");
+            return 2;
+        }
+        run_options.speed = *sim::ParseSpeed(run_speed);
+        run_options.mode = run_modem == "loopback" ? sm::Modem::DataMode::kLoopback
+                                                   : sm::Modem::DataMode::kCommand;
+        if (!sim::FindProfile(run_options.profile, run_options.speed)) {
+            std::fprintf(stderr, "--profile: no profile named \"%s\"\n",
+                         run_options.profile.c_str());
+            return 2;
+        }
+        machine_options->real_time = true;
+        sim::Machine machine(*machine_options, transcript);
+        return sim::RunBridge(run_options, machine, transcript);
+    }
     if (demo->parsed()) {
         demo_options.speed = *sim::ParseSpeed(speed);
         if (!sim::FindProfile(demo_options.profile, demo_options.speed)) {

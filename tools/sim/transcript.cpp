@@ -37,6 +37,7 @@ void Transcript::Emit(const std::string& line, bool always) {
     if (always || !quiet_) {
         std::fputs(line.c_str(), stdout);
         std::fputc('\n', stdout);
+        std::fflush(stdout); // a program reading the transcript sees each line at once
     }
     if (log_) {
         std::fputs(line.c_str(), log_);
