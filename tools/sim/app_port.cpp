@@ -1,6 +1,8 @@
 // The application's COM port of a cdcacm-sim session.
 #include "app_port.h"
 
+#include "script_parse.h"
+
 #include "hostkernel/emu.h"
 
 #include <cstdio>
@@ -14,23 +16,10 @@ std::string DescribeError(comm::DWORD error) {
 }
 
 std::string Printable(const Bytes& bytes) {
-    std::string text;
-    for (uint8_t byte : bytes) {
-        if (byte == '\r')
-            text += "\\r";
-        else if (byte == '\n')
-            text += "\\n";
-        else if (byte == '\\')
-            text += "\\\\";
-        else if (byte >= 0x20 && byte < 0x7f)
-            text += char(byte);
-        else {
-            char escaped[8];
-            std::snprintf(escaped, sizeof escaped, "\\x%02x", byte);
-            text += escaped;
-        }
-    }
-    return text;
+    // The escapes of the scenario language, so that a transcript's bytes can
+    // be pasted into a scenario.
+    std::string quoted = script::Quote(bytes);
+    return quoted.substr(1, quoted.size() - 2);
 }
 
 namespace {
