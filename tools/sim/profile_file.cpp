@@ -287,10 +287,9 @@ sm::ConfigurationTable ReadConfiguration(const Node& node, hu::Speed speed) {
     return configuration;
 }
 
-// The faults are read into out when it is given (once, not per speed).
+// The command set's settings; the faults are read into out when it is
+// given (once, not per speed). The fields were checked by Read.
 void ReadBehaviour(const Node& node, sm::CommandSet& commands, ModemProfile* out) {
-    node.Object({"identification", "dial", "dial_ms", "connect_speed", "ppp", "speeds",
-                 "default_speed", "remote_wakeup", "faults"});
     if (node.Has("identification")) {
         commands.identification.clear();
         for (const Node& line : node.Child("identification").Array())
