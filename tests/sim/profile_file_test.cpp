@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
 
 namespace {
@@ -34,6 +35,14 @@ sim::ModemProfile Load(const std::string& file) {
     sim::LoadedProfile loaded = sim::LoadProfileFile(file);
     EXPECT_TRUE(loaded.profile) << loaded.error;
     return loaded.profile ? *loaded.profile : sim::ModemProfile{};
+}
+
+// A built-in file without a twin would go unchecked.
+TEST(BuiltInProfiles, EveryFileHasATwin) {
+    size_t files = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(CDCACM_PROFILES_DIR))
+        files += entry.path().extension() == ".json";
+    EXPECT_EQ(files, std::size(kTwins));
 }
 
 TEST(BuiltInProfiles, EachFileIsItsCppTwinByteForByte) {
