@@ -2,8 +2,9 @@
 # Installs the build and test tools this project needs when they are missing
 # (Debian packages): the host toolchain, the mingw-w64 cross compiler with
 # its WDK headers, GoogleTest, Google Benchmark, clang's libFuzzer, libpcap
-# (bus captures), CLI11 (the simulator's command line), tshark (the
-# capture checks) and pyserial (the pseudo-terminal bridge's test).
+# (bus captures), CLI11 (the simulator's command line), nlohmann-json (its
+# modem profile files), tshark (the capture checks) and pyserial (the
+# pseudo-terminal bridge's test).
 set -euo pipefail
 
 missing=()
@@ -24,6 +25,7 @@ need clang-format /usr/bin/clang-format
 need pkg-config /usr/bin/pkg-config
 need libpcap-dev /usr/include/pcap/pcap.h
 need libcli11-dev /usr/include/CLI/CLI.hpp
+need nlohmann-json3-dev /usr/include/nlohmann/json.hpp
 need tshark /usr/bin/tshark
 need python3-serial /usr/lib/python3/dist-packages/serial/__init__.py
 

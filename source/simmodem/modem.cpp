@@ -68,7 +68,9 @@ void Modem::Configure(uint8_t value) {
         configuration = &profile_.configurations.at(0);
     for (size_t f = 0; f < functions_.size(); ++f) {
         FunctionData& data = functions_[f];
-        data.comm_interface = profile_.functions[f].at(0);
+        // A function without interfaces (a configuration that has none)
+        // has no pipes either.
+        data.comm_interface = profile_.functions[f].empty() ? 0 : profile_.functions[f][0];
         for (const InterfaceTable& interface : configuration->interfaces) {
             const auto& numbers = profile_.functions[f];
             if (std::find(numbers.begin(), numbers.end(), interface.number) == numbers.end())
@@ -102,11 +104,11 @@ std::optional<std::vector<uint8_t>> Modem::Descriptor(uint8_t type, uint8_t inde
                                         std::end(kLanguageEnglishUs));
         if (language != 0x0409)
             return std::nullopt;
-        if (index == 1)
+        if (StringIndices strings = StringIndicesOf(profile_); index == strings.manufacturer)
             return StringBytes(profile_.manufacturer);
-        if (index == 2)
+        else if (index == strings.product)
             return StringBytes(profile_.product);
-        if (index == 3 && profile_.serial)
+        else if (index == strings.serial && profile_.serial)
             return StringBytes(*profile_.serial);
         return std::nullopt;
     default:

@@ -61,11 +61,12 @@ std::vector<InterfaceTable> AcmFunction(hu::Speed speed, uint8_t first_interface
 // Configuration index 0 runs from the bus at 100 mA; index 1 takes 500 mA and
 // may wake the host.
 ConfigurationTable LowPower(std::vector<InterfaceTable> interfaces) {
-    return {1, USB_CONFIG_BUS_POWERED, 50, std::move(interfaces), {}, {}};
+    return {1, USB_CONFIG_BUS_POWERED, 50, std::move(interfaces), {}, {}, {}};
 }
 ConfigurationTable HighPower(std::vector<InterfaceTable> interfaces) {
-    return {2, USB_CONFIG_BUS_POWERED | USB_CONFIG_REMOTE_WAKEUP, 250, std::move(interfaces), {},
-            {}};
+    return {
+        2, USB_CONFIG_BUS_POWERED | USB_CONFIG_REMOTE_WAKEUP, 250, std::move(interfaces), {}, {},
+        {}};
 }
 
 void PutWord(std::vector<uint8_t>& out, uint16_t value) {
@@ -148,7 +149,39 @@ Profile ZeroLengthDescriptor(hu::Speed speed) {
     return profile;
 }
 
+// A modem that announces remote wake-up in every configuration, so that
+// the bus reports it can wake the system.
+Profile WakingModem(hu::Speed speed) {
+    Profile profile = OrdinaryModem(speed);
+    profile.name = "waking";
+    for (ConfigurationTable& configuration : profile.configurations)
+        configuration.attributes |= USB_CONFIG_REMOTE_WAKEUP;
+    return profile;
+}
+
+Profile BusyModem(hu::Speed speed) {
+    Profile profile = OrdinaryModem(speed);
+    profile.name = "busy";
+    profile.commands.dial_outcome = DialOutcome::kBusy;
+    return profile;
+}
+
+Profile NoAnswerModem(hu::Speed speed) {
+    Profile profile = OrdinaryModem(speed);
+    profile.name = "no-answer";
+    profile.commands.dial_outcome = DialOutcome::kNoAnswer;
+    return profile;
+}
+
+StringIndices StringIndicesOf(const Profile& profile) {
+    if (profile.raw_device && profile.raw_device->size() >= 17)
+        return {(*profile.raw_device)[14], (*profile.raw_device)[15], (*profile.raw_device)[16]};
+    return {1, 2, uint8_t(profile.serial ? 3 : 0)};
+}
+
 std::vector<uint8_t> DeviceDescriptorBytes(const Profile& profile) {
+    if (profile.raw_device)
+        return *profile.raw_device;
     bool composite = profile.functions.size() > 1;
     std::vector<uint8_t> out = {18, USB_DEVICE_DESCRIPTOR_TYPE};
     PutWord(out, 0x0200);
@@ -169,6 +202,8 @@ std::vector<uint8_t> DeviceDescriptorBytes(const Profile& profile) {
 }
 
 std::vector<uint8_t> ConfigurationBytes(const ConfigurationTable& configuration) {
+    if (configuration.raw)
+        return *configuration.raw;
     std::vector<uint8_t> out = {9,
                                 USB_CONFIGURATION_DESCRIPTOR_TYPE,
                                 0,

@@ -58,6 +58,11 @@ struct ConfigurationTable {
     std::optional<size_t> zero_length_before;
     // wTotalLength as the device reports it, when it lies.
     std::optional<uint16_t> reported_total_length;
+    // The configuration descriptor with all that follows it exactly as a
+    // real device sent it: answered as it is, whatever the fields above say
+    // (they hold what could be parsed from it, so that the modem knows its
+    // endpoints).
+    std::optional<std::vector<uint8_t>> raw;
 };
 
 // What a dial leads to.
@@ -89,6 +94,9 @@ struct Profile {
     std::string manufacturer;
     std::string product;
     std::optional<std::string> serial; // none: iSerialNumber 0
+    // The device descriptor exactly as a real device sent it; its string
+    // indices say which index answers manufacturer, product and serial.
+    std::optional<std::vector<uint8_t>> raw_device;
     std::vector<ConfigurationTable> configurations;
     // Interface numbers per function; one function holding every interface
     // when empty.
@@ -106,10 +114,18 @@ Profile NoInterruptEndpoint(hu::Speed speed = hu::Speed::kFull);
 Profile SingleInterface(hu::Speed speed = hu::Speed::kFull);
 Profile GrowingTotalLength(hu::Speed speed = hu::Speed::kFull); // reports more than it has
 Profile ZeroLengthDescriptor(hu::Speed speed = hu::Speed::kFull);
+Profile WakingModem(hu::Speed speed = hu::Speed::kFull);   // remote wake-up in every configuration
+Profile BusyModem(hu::Speed speed = hu::Speed::kFull);     // dials get BUSY
+Profile NoAnswerModem(hu::Speed speed = hu::Speed::kFull); // dials get NO ANSWER
 
-// Descriptor bytes of a profile.
+// Descriptor bytes of a profile (the raw bytes when it has them), and the
+// string index of manufacturer, product and serial number (0: none).
 std::vector<uint8_t> DeviceDescriptorBytes(const Profile& profile);
 std::vector<uint8_t> ConfigurationBytes(const ConfigurationTable& configuration);
+struct StringIndices {
+    uint8_t manufacturer, product, serial;
+};
+StringIndices StringIndicesOf(const Profile& profile);
 std::vector<uint8_t> StringBytes(const std::string& text); // UTF-16LE, ASCII in
 
 // A request the modem received on its default pipe, with its virtual time.

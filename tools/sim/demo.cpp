@@ -75,6 +75,7 @@ Demo::Start Demo::PlugAndName() {
     std::optional<sm::Profile> profile = Profile();
     say_.Step("the driver package is installed: service cdcacm from windows/cdcacm.inf "
               "(the driver loads with its first modem)");
+    ArmPlugFaults(options_.profile, machine_.bus());
     bus_port_ = machine_.Plug(*profile, sm::Modem::DataMode::kCommand, options_.speed);
     say_.Step("plugged \"" + profile->product + "\" (profile " + profile->name + ", " +
               SpeedName(options_.speed) + " speed) into bus port " + std::to_string(bus_port_));
@@ -287,6 +288,7 @@ bool Demo::ReplugWithThePortOpen() {
     say_.Detail("surprise removal: the link \\DosDevices\\" + com_ +
                 (linked ? " is still there" : " is gone") + ", the handle stays open");
     std::optional<sm::Profile> profile = Profile();
+    ArmPlugFaults(options_.profile, machine_.bus());
     bus_port_ = machine_.Plug(*profile, sm::Modem::DataMode::kCommand, options_.speed);
     say_.Step("the same modem is plugged in again (bus port " + std::to_string(bus_port_) + ")");
     if (!Check(!linked, "the link outlived the removal") ||

@@ -1,8 +1,12 @@
 // cdcacm-sim: the driver on a simulated machine for its users. Subcommands:
-// demo (a narrated session of a modem's whole life) and script (a scenario
-// file, checked whole before it runs). Every subcommand takes the common options: --seed, --trace,
-// --capture and --log.
+// demo (a narrated session of a modem's whole life), script (a scenario
+// file, checked whole before it runs), run (the COM port as a
+// pseudo-terminal, in real time) and modems (the modem profiles, and one's
+// descriptors as lsusb lays them out). demo, script and run take the common
+// options: --seed, --trace, --capture, --log and --interleave (not run);
+// every subcommand takes --profiles DIR.
 #include "demo.h"
+#include "descriptors.h"
 #include "machine.h"
 #include "profiles.h"
 #include "run.h"
@@ -12,6 +16,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <iterator>
@@ -20,6 +25,7 @@
 namespace {
 
 struct Common {
+    std::string profiles; // a folder of profile files beside the built-in ones
     uint64_t seed = 1;
     std::string trace;
     std::string capture;
@@ -27,7 +33,15 @@ struct Common {
     std::string interleave;
 };
 
+void AddProfilesOption(CLI::App& command, Common& common) {
+    command
+        .add_option("--profiles", common.profiles,
+                    "also offer the profile files (*.json) of DIR, beside the built-in ones")
+        ->type_name("DIR");
+}
+
 void AddCommon(CLI::App& command, Common& common) {
+    AddProfilesOption(command, common);
     command.add_option("--seed", common.seed, "seed of every random choice of the machine")
         ->capture_default_str();
     command
@@ -121,29 +135,82 @@ std::optional<std::string> ReadScenario(const std::string& file) {
     return text;
 }
 
+// The oddities of the descriptors a profile's modem sends, a line each.
+void PrintOddities(const std::string& name, const sm::Profile& tables, sim::Transcript& out) {
+    std::vector<std::string> oddities = sim::Oddities(tables);
+    if (oddities.empty())
+        return;
+    out.Plain("profile " + name + ": the modem sends its descriptors as they are; odd in them:");
+    for (const std::string& oddity : oddities)
+        out.Plain("  " + oddity);
+}
+
+// cdcacm-sim modems [NAME]: the list, or one profile's descriptors,
+// behaviour and oddities.
+int Modems(const std::string& name, const std::string& speed_text) {
+    if (name.empty()) {
+        for (const sim::ProfileInfo& info : sim::ProfileNames()) {
+            std::string line = info.name;
+            line.resize(std::max<size_t>(line.size() + 1, 24), ' ');
+            std::printf("%s%s%s\n", line.c_str(), info.description.c_str(),
+                        info.built_in ? "" : (" (" + info.file + ")").c_str());
+        }
+        return 0;
+    }
+    std::string error;
+    const sim::ModemProfile* profile = sim::FindModemProfile(name, &error);
+    if (!profile) {
+        std::fprintf(stderr, "%s\n", error.c_str());
+        return 2;
+    }
+    hu::Speed speed = speed_text.empty() ? profile->default_speed : *sim::ParseSpeed(speed_text);
+    if (!profile->Supports(speed)) {
+        std::fprintf(stderr, "--speed: the profile %s has no %s-speed descriptors\n",
+                     profile->name.c_str(), sim::SpeedName(speed));
+        return 2;
+    }
+    const sm::Profile& tables = profile->At(speed);
+    std::printf("%s: %s (%s, %s speed)\n\n", profile->name.c_str(), profile->description.c_str(),
+                profile->file.c_str(), sim::SpeedName(speed));
+    std::printf("%s\nBehaviour:\n", sim::LsusbText(tables).c_str());
+    for (const std::string& line : sim::BehaviourLines(*profile, speed))
+        std::printf("  %s\n", line.c_str());
+    std::vector<std::string> oddities = sim::Oddities(tables);
+    std::printf("\nOddities:%s\n", oddities.empty() ? " none" : "");
+    for (const std::string& oddity : oddities)
+        std::printf("  %s\n", oddity.c_str());
+    return 0;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
+    // The built-in profiles are read first: the help lists them.
+    std::string profiles_error;
+    if (!sim::LoadProfiles(sim::BuiltInProfilesDir(), true, &profiles_error)) {
+        std::fprintf(stderr, "%s\n", profiles_error.c_str());
+        return 2;
+    }
+
     CLI::App app{"cdcacm-sim: the cdcacm USB modem driver on a simulated machine"};
     app.require_subcommand(1);
 
     Common common;
     sim::DemoOptions demo_options;
-    std::string speed = "full";
+    std::string speed; // empty: the profile's default
     CLI::App* demo = app.add_subcommand(
         "demo", "a narrated session in virtual time: plug a modem, open its COM port, dial, "
                 "PPP and pings through the driver, hang up, re-plug with the port open, "
                 "sleep and resume, close, unplug and unload");
     AddCommon(*demo, common);
-    std::string profile_help = "the modem profile:";
+    std::string profile_help = "the modem profile, a profile file's path or one of:";
     for (const sim::ProfileInfo& info : sim::ProfileNames())
         profile_help += " " + info.name;
     demo->add_option("--profile", demo_options.profile, profile_help)
-        ->type_name("NAME")
+        ->type_name("NAME|FILE")
         ->capture_default_str();
-    demo->add_option("--speed", speed, "the bus speed: full or high")
-        ->check(CLI::IsMember({"full", "high"}))
-        ->capture_default_str();
+    demo->add_option("--speed", speed, "the bus speed: full or high (default: the profile's)")
+        ->check(CLI::IsMember({"full", "high"}));
     demo->add_option("--pings", demo_options.pings, "how many pings")
         ->check(CLI::Range(1, 1000))
         ->capture_default_str();
@@ -159,7 +226,7 @@ int main(int argc, char** argv) {
     script->add_option("FILE", scenario, "the scenario file")->required();
 
     sim::RunOptions run_options;
-    std::string run_speed = "full", run_modem = "command";
+    std::string run_modem = "command";
     CLI::App* run = app.add_subcommand(
         "run", "in real time: plug a modem and offer its COM port as a pseudo-terminal to the "
                "host's programs (picocom, minicom, pyserial, pppd) until Ctrl-C or SIGTERM");
@@ -167,9 +234,8 @@ int main(int argc, char** argv) {
     run->add_option("--profile", run_options.profile, profile_help)
         ->type_name("NAME")
         ->capture_default_str();
-    run->add_option("--speed", run_speed, "the bus speed: full or high")
-        ->check(CLI::IsMember({"full", "high"}))
-        ->capture_default_str();
+    run->add_option("--speed", speed, "the bus speed: full or high (default: the profile's)")
+        ->check(CLI::IsMember({"full", "high"}));
     run->add_option("--modem", run_modem,
                     "what the modem does with the bytes: command (AT commands, dialling, PPP) "
                     "or loopback (every byte comes back)")
@@ -178,8 +244,25 @@ int main(int argc, char** argv) {
     run->add_option("--link", run_options.link, "also make a symbolic link PATH to the terminal")
         ->type_name("PATH");
 
+    std::string modem_name;
+    CLI::App* modems = app.add_subcommand(
+        "modems", "list the modem profiles, or print one's descriptors as lsusb -v lays them "
+                  "out, its behaviour and what is odd in its descriptors; exit status 2 for an "
+                  "unknown name or a bad profile file");
+    AddProfilesOption(*modems, common);
+    modems->add_option("NAME", modem_name, "a profile's name or a profile file's path")
+        ->type_name("NAME|FILE");
+    modems->add_option("--speed", speed, "the bus speed whose descriptors to print")
+        ->check(CLI::IsMember({"full", "high"}));
+
     CLI11_PARSE(app, argc, argv);
 
+    if (!common.profiles.empty() && !sim::LoadProfiles(common.profiles, false, &profiles_error)) {
+        std::fprintf(stderr, "--profiles: %s\n", profiles_error.c_str());
+        return 2;
+    }
+    if (modems->parsed())
+        return Modems(modem_name, speed);
     sim::Transcript transcript;
     std::optional<sim::MachineOptions> machine_options = MachineFrom(common, transcript);
     if (!machine_options)
@@ -190,25 +273,39 @@ int main(int argc, char** argv) {
                                  "only, and run is real time\n");
             return 2;
         }
-        run_options.speed = *sim::ParseSpeed(run_speed);
-        run_options.mode = run_modem == "loopback" ? sm::Modem::DataMode::kLoopback
-                                                   : sm::Modem::DataMode::kCommand;
-        if (!sim::FindProfile(run_options.profile, run_options.speed)) {
-            std::fprintf(stderr, "--profile: no profile named \"%s\"\n",
-                         run_options.profile.c_str());
+        std::string error;
+        const sim::ModemProfile* profile = sim::FindModemProfile(run_options.profile, &error);
+        if (!profile) {
+            std::fprintf(stderr, "--profile: %s\n", error.c_str());
             return 2;
         }
+        run_options.speed = speed.empty() ? profile->default_speed : *sim::ParseSpeed(speed);
+        if (!profile->Supports(run_options.speed)) {
+            std::fprintf(stderr, "--speed: the profile %s has no %s-speed descriptors\n",
+                         profile->name.c_str(), sim::SpeedName(run_options.speed));
+            return 2;
+        }
+        run_options.mode = run_modem == "loopback" ? sm::Modem::DataMode::kLoopback
+                                                   : sm::Modem::DataMode::kCommand;
+        PrintOddities(profile->name, profile->At(run_options.speed), transcript);
         machine_options->real_time = true;
         sim::Machine machine(*machine_options, transcript);
         return sim::RunBridge(run_options, machine, transcript);
     }
     if (demo->parsed()) {
-        demo_options.speed = *sim::ParseSpeed(speed);
-        if (!sim::FindProfile(demo_options.profile, demo_options.speed)) {
-            std::fprintf(stderr, "--profile: no profile named \"%s\"\n",
-                         demo_options.profile.c_str());
+        std::string error;
+        const sim::ModemProfile* profile = sim::FindModemProfile(demo_options.profile, &error);
+        if (!profile) {
+            std::fprintf(stderr, "--profile: %s\n", error.c_str());
             return 2;
         }
+        demo_options.speed = speed.empty() ? profile->default_speed : *sim::ParseSpeed(speed);
+        if (!profile->Supports(demo_options.speed)) {
+            std::fprintf(stderr, "--speed: the profile %s has no %s-speed descriptors\n",
+                         profile->name.c_str(), sim::SpeedName(demo_options.speed));
+            return 2;
+        }
+        PrintOddities(profile->name, profile->At(demo_options.speed), transcript);
         sim::Machine machine(*machine_options, transcript);
         return sim::RunDemo(demo_options, machine, transcript);
     }

@@ -1,76 +1,99 @@
-// The built-in modem profiles by name.
+// The catalogue of modem profiles.
 #include "profiles.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <map>
 
 namespace sim {
 
 namespace {
 
-struct Entry {
-    ProfileInfo info;
-    sm::Profile (*make)(hu::Speed);
+struct Catalogue {
+    std::map<std::string, ModemProfile, std::less<>> profiles; // by name, and files by path
+    std::vector<ProfileInfo> names;
 };
 
-// A modem that announces remote wake-up in every configuration, so that
-// the bus reports it can wake the system.
-sm::Profile WakingModem(hu::Speed speed) {
-    sm::Profile profile = sm::OrdinaryModem(speed);
-    profile.name = "waking";
-    for (sm::ConfigurationTable& configuration : profile.configurations)
-        configuration.attributes |= 0x20;
-    return profile;
+Catalogue& TheCatalogue() {
+    static Catalogue catalogue;
+    return catalogue;
 }
 
-sm::Profile BusyModem(hu::Speed speed) {
-    sm::Profile profile = sm::OrdinaryModem(speed);
-    profile.name = "busy";
-    profile.commands.dial_outcome = sm::DialOutcome::kBusy;
-    return profile;
-}
-
-sm::Profile SilentModem(hu::Speed speed) {
-    sm::Profile profile = sm::OrdinaryModem(speed);
-    profile.name = "no-answer";
-    profile.commands.dial_outcome = sm::DialOutcome::kNoAnswer;
-    return profile;
-}
-
-const std::vector<Entry>& Entries() {
-    static const std::vector<Entry> entries = {
-        {{"ordinary", "two configurations, a serial number, dials and speaks PPP"},
-         sm::OrdinaryModem},
-        {{"waking", "the ordinary modem with remote wake-up"}, WakingModem},
-        {{"busy", "the ordinary modem whose dials get BUSY"}, BusyModem},
-        {{"no-answer", "the ordinary modem whose dials get NO ANSWER"}, SilentModem},
-        {{"single-configuration", "one configuration only"}, sm::SingleConfiguration},
-        {{"no-serial-number", "no serial number string"}, sm::NoSerialNumber},
-        {{"composite", "two ACM functions sharing one serial number"}, sm::CompositeTwoAcm},
-        {{"no-interrupt-endpoint", "no interrupt endpoint"}, sm::NoInterruptEndpoint},
-        {{"single-interface", "data and notifications on one interface"}, sm::SingleInterface},
-        {{"growing-total-length", "a configuration that reports more bytes than it has"},
-         sm::GrowingTotalLength},
-        {{"zero-length-descriptor", "a descriptor of length 0 inside its configuration"},
-         sm::ZeroLengthDescriptor},
-    };
-    return entries;
+bool IsPath(std::string_view text) {
+    return text.find('/') != std::string_view::npos ||
+           (text.size() > 5 && text.substr(text.size() - 5) == ".json");
 }
 
 } // namespace
 
+const char* BuiltInProfilesDir() {
+    return CDCACM_PROFILES_DIR;
+}
+
+bool LoadProfiles(const std::string& dir, bool built_in, std::string* error) {
+    namespace fs = std::filesystem;
+    std::error_code code;
+    std::vector<std::string> files;
+    for (fs::directory_iterator it(dir, code), end; !code && it != end; it.increment(code))
+        if (it->path().extension() == ".json")
+            files.push_back(it->path().string());
+    if (code) {
+        *error = dir + ": cannot read the profiles folder (" + code.message() + ")";
+        return false;
+    }
+    std::sort(files.begin(), files.end());
+    Catalogue& catalogue = TheCatalogue();
+    for (const std::string& file : files) {
+        LoadedProfile loaded = LoadProfileFile(file);
+        if (!loaded.profile) {
+            *error = loaded.error;
+            return false;
+        }
+        const std::string& name = loaded.profile->name;
+        if (auto it = catalogue.profiles.find(name); it != catalogue.profiles.end()) {
+            *error = file + ": name: the profile \"" + name + "\" is also in " + it->second.file;
+            return false;
+        }
+        catalogue.names.push_back({name, loaded.profile->description, file, built_in});
+        catalogue.profiles.emplace(name, std::move(*loaded.profile));
+    }
+    return true;
+}
+
+const ModemProfile* FindModemProfile(std::string_view name_or_path, std::string* error) {
+    Catalogue& catalogue = TheCatalogue();
+    if (auto it = catalogue.profiles.find(name_or_path); it != catalogue.profiles.end())
+        return &it->second;
+    if (!IsPath(name_or_path)) {
+        *error = "no profile named \"" + std::string(name_or_path) + "\"";
+        return nullptr;
+    }
+    LoadedProfile loaded = LoadProfileFile(std::string(name_or_path));
+    if (!loaded.profile) {
+        *error = loaded.error;
+        return nullptr;
+    }
+    return &catalogue.profiles.emplace(std::string(name_or_path), std::move(*loaded.profile))
+                .first->second;
+}
+
 const std::vector<ProfileInfo>& ProfileNames() {
-    static const std::vector<ProfileInfo> names = [] {
-        std::vector<ProfileInfo> list;
-        for (const Entry& entry : Entries())
-            list.push_back(entry.info);
-        return list;
-    }();
-    return names;
+    return TheCatalogue().names;
 }
 
 std::optional<sm::Profile> FindProfile(std::string_view name, hu::Speed speed) {
-    for (const Entry& entry : Entries())
-        if (entry.info.name == name)
-            return entry.make(speed);
-    return std::nullopt;
+    std::string error;
+    const ModemProfile* profile = FindModemProfile(name, &error);
+    if (!profile || !profile->Supports(speed))
+        return std::nullopt;
+    return profile->At(speed);
+}
+
+void ArmPlugFaults(std::string_view name, hu::Bus& bus) {
+    std::string error;
+    if (const ModemProfile* profile = FindModemProfile(name, &error))
+        for (const PlugFault& fault : profile->faults)
+            bus.AddFault(fault.fault, fault.knob);
 }
 
 std::optional<hu::Speed> ParseSpeed(std::string_view text) {

@@ -431,6 +431,7 @@ int Bridge::Run() {
         return 2;
     }
     std::optional<sm::Profile> profile = FindProfile(options_.profile, options_.speed);
+    ArmPlugFaults(options_.profile, machine_.bus());
     bus_port_ = machine_.Plug(*profile, options_.mode, options_.speed);
     com_ = machine_.ComNameOf(bus_port_);
     if (com_.empty()) {

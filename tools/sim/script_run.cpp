@@ -3,6 +3,7 @@
 
 #include "app_port.h"
 #include "ppp_client.h"
+#include "descriptors.h"
 #include "profiles.h"
 #include "summary.h"
 
@@ -209,6 +210,12 @@ bool Runner::Execute(const Command& c, const Command* next) {
                         : c.mode == script::Mode::kCommand ? DataMode::kCommand
                                                            : DataMode::kLoopback;
         std::optional<sm::Profile> profile = FindProfile(c.profile, speed);
+        if (!profile)
+            return Fail(c, "a profile " + c.profile + " with " + SpeedName(speed) +
+                               "-speed descriptors, but it has none");
+        for (const std::string& oddity : Oddities(*profile))
+            say_.Detail("odd in its descriptors: " + oddity);
+        ArmPlugFaults(c.profile, machine_.bus());
         ModemSlot slot;
         slot.port = machine_.Plug(*profile, mode, speed);
         slot.com = machine_.ComNameOf(slot.port);
