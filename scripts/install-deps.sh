@@ -2,8 +2,8 @@
 # Installs the build and test tools this project needs when they are missing
 # (Debian packages): the host toolchain, the mingw-w64 cross compiler with
 # its WDK headers, GoogleTest, Google Benchmark, clang's libFuzzer, libpcap
-# (bus captures), CLI11 (the simulator's command line) and tshark (the
-# capture checks).
+# (bus captures), CLI11 (the simulator's command line), nlohmann-json
+# (timelines) and tshark (the capture checks).
 set -euo pipefail
 
 missing=()
@@ -24,6 +24,7 @@ need clang-format /usr/bin/clang-format
 need pkg-config /usr/bin/pkg-config
 need libpcap-dev /usr/include/pcap/pcap.h
 need libcli11-dev /usr/include/CLI/CLI.hpp
+need nlohmann-json3-dev /usr/include/nlohmann/json.hpp
 need tshark /usr/bin/tshark
 
 if [ ${#missing[@]} -eq 0 ]; then
