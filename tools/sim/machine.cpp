@@ -18,6 +18,11 @@ Machine::Machine(MachineOptions options, Transcript& transcript)
     kernel_options.seed = options_.seed;
     kernel_options.interleave = options_.interleave;
     kernel_ = std::make_unique<hk::Kernel>(kernel_options);
+    if (!options_.timeline_file.empty()) {
+        timeline_ =
+            std::make_unique<hk::Timeline>("cdcacm-sim, seed " + std::to_string(options_.seed));
+        kernel_->SetTimeline(timeline_.get());
+    }
     transcript_.SetClock([this] { return kernel_ ? kernel_->NowMs() : final_ms_; });
     kernel_->verifier().SetHandler([this](const std::string&, const std::string& message) {
         verifier_reports_.push_back(message);
@@ -135,6 +140,11 @@ std::vector<std::string> Machine::Shutdown() {
     // and handles still left to the verifier.
     kernel_.reset();
     problems.insert(problems.end(), verifier_reports_.begin(), verifier_reports_.end());
+    std::string error;
+    if (timeline_ && !timeline_->Write(options_.timeline_file, &error)) {
+        transcript_.Problem("timeline: " + error);
+        problems.push_back(error);
+    }
     return problems;
 }
 

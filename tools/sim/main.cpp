@@ -1,7 +1,7 @@
 // cdcacm-sim: the driver on a simulated machine for its users. Subcommands:
 // demo (a narrated session of a modem's whole life) and script (a scenario
 // file, checked whole before it runs). Every subcommand takes the common options: --seed, --trace,
-// --capture and --log.
+// --capture, --timeline and --log.
 #include "demo.h"
 #include "machine.h"
 #include "profiles.h"
@@ -22,6 +22,7 @@ struct Common {
     uint64_t seed = 1;
     std::string trace;
     std::string capture;
+    std::string timeline;
     std::string log;
     std::string interleave;
 };
@@ -38,6 +39,10 @@ void AddCommon(CLI::App& command, Common& common) {
         .add_option("--capture", common.capture,
                     "write the USB bus capture (USBPcap format, for Wireshark) to FILE")
         ->type_name("FILE");
+    command
+        .add_option("--timeline", common.timeline,
+                    "write the run as a trace-event file (Perfetto, chrome://tracing) to FILE")
+        ->type_name("FILE");
     command.add_option("--log", common.log, "also write the transcript to FILE")->type_name("FILE");
     command
         .add_option("--interleave", common.interleave,
@@ -52,6 +57,7 @@ std::optional<sim::MachineOptions> MachineFrom(const Common& common, sim::Transc
     sim::MachineOptions options;
     options.seed = common.seed;
     options.capture_file = common.capture;
+    options.timeline_file = common.timeline;
     std::string error;
     std::optional<hk::InterleaveOptions> interleave =
         hk::InterleaveOptions::Parse(common.interleave, &error);
@@ -84,6 +90,16 @@ std::optional<sim::MachineOptions> MachineFrom(const Common& common, sim::Transc
         std::FILE* file = std::fopen(common.capture.c_str(), "wb");
         if (!file) {
             std::fprintf(stderr, "--capture: cannot create %s\n", common.capture.c_str());
+            return std::nullopt;
+        }
+        std::fclose(file);
+    }
+    if (!common.timeline.empty()) {
+        // The timeline is written when the machine shuts down; a path that
+        // cannot be created is refused before anything runs.
+        std::FILE* file = std::fopen(common.timeline.c_str(), "wb");
+        if (!file) {
+            std::fprintf(stderr, "--timeline: cannot create %s\n", common.timeline.c_str());
             return std::nullopt;
         }
         std::fclose(file);
