@@ -36,7 +36,17 @@ struct Timeline::Event {
     Args args;
 };
 
-Timeline::Timeline(std::string process_name) : process_name_(std::move(process_name)) {}
+Timeline::Timeline(std::string process_name, size_t max_events)
+    : process_name_(std::move(process_name)), max_events_(max_events) {}
+
+// Once full, nothing new opens: spans, instants, async spans and flows
+// begun before still close, so the file stays well formed.
+bool Timeline::Full() {
+    if (events_.size() < max_events_)
+        return false;
+    truncated_ = true;
+    return true;
+}
 
 Timeline::~Timeline() = default;
 
@@ -79,19 +89,31 @@ Timeline::Event& Timeline::Add(char phase, std::string name, const char* categor
 }
 
 void Timeline::Begin(std::string name, const char* category, Args args) {
+    if (Full()) {
+        ++unrecorded_[Track()];
+        return;
+    }
     Add('B', std::move(name), category).args = std::move(args);
 }
 
 void Timeline::End() {
+    auto it = unrecorded_.find(Track());
+    if (it != unrecorded_.end() && it->second != 0) {
+        --it->second; // its span was begun once the timeline was full
+        return;
+    }
     Add('E', "", "");
 }
 
 void Timeline::Instant(std::string name, const char* category, Args args) {
-    Add('i', std::move(name), category).args = std::move(args);
+    if (!Full())
+        Add('i', std::move(name), category).args = std::move(args);
 }
 
 uint64_t Timeline::AsyncBegin(std::string name, const char* category, Args args) {
     uint64_t id = next_id_++;
+    if (Full())
+        return id;
     async_[id] = {name, category};
     Event& event = Add('b', std::move(name), category);
     event.id = id;
@@ -111,6 +133,8 @@ void Timeline::AsyncEnd(uint64_t id, Args args) {
 
 uint64_t Timeline::FlowStart(const char* category) {
     uint64_t id = next_id_++;
+    if (Full())
+        return id;
     flows_[id] = Flow{category, false};
     Add('s', category, category).id = id;
     return id;
@@ -149,11 +173,12 @@ std::string Timeline::Json() const {
                       {"pid", kPid},
                       {"tid", 0},
                       {"args", {{"name", process_name_ + " (virtual time)"}}}});
-    events.push_back({{"ph", "M"},
-                      {"name", "thread_name"},
-                      {"pid", kPid},
-                      {"tid", 0},
-                      {"args", {{"name", "outside any emulated thread"}}}});
+    if (std::any_of(events_.begin(), events_.end(), [](const Event& e) { return e.track == 0; }))
+        events.push_back({{"ph", "M"},
+                          {"name", "thread_name"},
+                          {"pid", kPid},
+                          {"tid", 0},
+                          {"args", {{"name", "outside any emulated thread"}}}});
     for (const Event& e : events_) {
         json event = {{"ph", std::string(1, e.phase)}, {"pid", kPid}, {"tid", e.track}};
         if (e.phase != 'M')
@@ -183,6 +208,9 @@ std::string Timeline::Json() const {
     json file = {{"traceEvents", std::move(events)},
                  {"displayTimeUnit", "ms"},
                  {"otherData", {{"clock", kClock}, {"process", process_name_}}}};
+    if (truncated_)
+        file["otherData"]["truncated"] = "the recorder held " + std::to_string(max_events_) +
+                                         " events and recorded nothing that began after";
     // Trace lines may carry bytes that are not UTF-8; they are replaced.
     return file.dump(1, ' ', false, json::error_handler_t::replace);
 }

@@ -35,7 +35,10 @@ class Timeline {
     using Value = std::variant<int64_t, std::string>;
     using Args = std::vector<std::pair<std::string, Value>>;
 
-    explicit Timeline(std::string process_name);
+    // At most about max_events events are kept (what was open when the
+    // bound was reached still closes); the file says when it was reached.
+    static constexpr size_t kMaxEvents = 1'000'000;
+    explicit Timeline(std::string process_name, size_t max_events = kMaxEvents);
     ~Timeline();
     Timeline(const Timeline&) = delete;
     Timeline& operator=(const Timeline&) = delete;
@@ -80,10 +83,14 @@ class Timeline {
         bool ended = false;
     };
     int Track();
+    bool Full();
     int64_t Stamp(); // ns: the virtual clock, strictly increasing
     Event& Add(char phase, std::string name, const char* category);
 
     std::string process_name_;
+    size_t max_events_;
+    bool truncated_ = false;
+    std::map<int, uint64_t> unrecorded_; // track: spans begun while full, still open
     std::vector<Event> events_;
     std::map<uint64_t, Flow> flows_;
     std::map<uint64_t, std::pair<std::string, std::string>> async_; // id: name, category

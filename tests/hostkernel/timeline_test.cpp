@@ -75,6 +75,28 @@ TEST_F(TimelineTest, EventsLandOnTheTrackOfTheContextThatRanThem) {
     EXPECT_LT(events[1]["ts"].get<double>(), events[2]["ts"].get<double>());
 }
 
+// Once the bound is reached nothing new opens, but what was open closes:
+// the file still nests, and says it was cut.
+TEST(TimelineBound, AFullTimelineStillClosesWhatItOpened) {
+    hk::Kernel kernel;
+    hk::Timeline timeline("test", 3);
+    kernel.SetTimeline(&timeline);
+    timeline.Begin("outer", "test"); // with the track's two metadata events
+    timeline.Begin("inner", "test"); // refused, and so is its end
+    uint64_t flow = timeline.FlowStart("IRP");
+    timeline.Instant("lost", "test");
+    timeline.End();
+    timeline.FlowEnd(flow);
+    timeline.End();
+    kernel.SetTimeline(nullptr);
+    auto file = nlohmann::json::parse(timeline.Json());
+    std::string phases;
+    for (const auto& e : file["traceEvents"])
+        phases += std::string(e["ph"]);
+    EXPECT_EQ(phases, "MMMBE");
+    EXPECT_TRUE(file["otherData"].contains("truncated"));
+}
+
 // A verifier report is an instant too, even one a test expects.
 TEST_F(TimelineTest, VerifierReportsAreInstants) {
     hk::ExpectViolation expected(hk::rule::kBadHandle);
