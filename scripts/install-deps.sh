@@ -3,8 +3,8 @@
 # (Debian packages): the host toolchain, the mingw-w64 cross compiler with
 # its WDK headers, GoogleTest, Google Benchmark, clang's libFuzzer, libpcap
 # (bus captures), CLI11 (the simulator's command line), nlohmann-json (its
-# modem profile files), tshark (the capture checks) and pyserial (the
-# pseudo-terminal bridge's test).
+# modem profile files and timelines), tshark (the capture checks) and
+# pyserial (the pseudo-terminal bridge's test).
 set -euo pipefail
 
 missing=()

@@ -1,5 +1,6 @@
 // The kernel debugger: DbgPrint output kept line by line.
 #include "hostkernel/emu.h"
+#include "hostkernel/timeline.h"
 
 #include <cstdarg>
 
@@ -10,6 +11,8 @@ void Debugger::Write(std::string_view text) {
         sink_(text);
     for (char c : text) {
         if (c == '\n') {
+            if (Timeline* timeline = Kernel::Exists() ? Kernel::Current().timeline() : nullptr)
+                timeline->Instant(partial_, "trace");
             lines_.push_back(std::move(partial_));
             partial_.clear();
         } else {

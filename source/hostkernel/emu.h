@@ -35,7 +35,8 @@ struct FaultKnob {
 
 class FaultSet {
   public:
-    explicit FaultSet(std::mt19937_64& rng) : rng_(rng) {}
+    // site names the calls it judges ("pool") on the timeline.
+    FaultSet(std::mt19937_64& rng, const char* site) : rng_(rng), site_(site) {}
     // Adds a named knob; the reference stays valid until Clear.
     FaultKnob& Add(std::string name, FaultKnob knob);
     FaultKnob* Find(std::string_view name);
@@ -45,6 +46,7 @@ class FaultSet {
 
   private:
     std::mt19937_64& rng_;
+    const char* site_;
     std::list<std::pair<std::string, FaultKnob>> knobs_;
 };
 
@@ -82,7 +84,7 @@ class Pool {
     };
     static constexpr uint8_t kNewFill = 0xCD;
     static constexpr uint8_t kFreedFill = 0xDD;
-    explicit Pool(std::mt19937_64& rng) : faults_(rng) {}
+    explicit Pool(std::mt19937_64& rng) : faults_(rng, "pool") {}
     ~Pool();
     void* Allocate(POOL_TYPE type, size_t bytes, ULONG tag);
     // Returns the size of the freed block; 0 when the block was not ours.
@@ -345,6 +347,7 @@ class LockOrder;
 } // namespace detail
 class ErrorLog;
 class PnpManager;
+class Timeline;
 class PowerManager;
 
 // One emulated machine. The constructing OS thread becomes the first
@@ -372,6 +375,10 @@ class Kernel {
     std::mt19937_64& Random() { return rng_; }
     uint64_t Seed() const { return options_.seed; }
     const KernelOptions& Options() const { return options_; }
+    // The recorder of the run's timeline (timeline.h); null, the default,
+    // records nothing. The caller keeps it alive while it is attached.
+    Timeline* timeline() const { return timeline_; }
+    void SetTimeline(Timeline* timeline) { timeline_ = timeline; }
 
     // Virtual time since the kernel started, in 100 ns units and in ms.
     int64_t Now() const;
@@ -410,6 +417,7 @@ class Kernel {
     KEVENT work_idle_; // set while no system work is queued or running
     unsigned work_running_ = 0;
     bool stopping_ = false;
+    Timeline* timeline_ = nullptr;
 };
 
 // An emulated application thread: a real OS thread that runs only when the

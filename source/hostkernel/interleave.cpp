@@ -139,8 +139,7 @@ void Scheduler::DpcContextLoop(EmuThread* self) {
             dpc->DpcData = nullptr;
             self->running_dpc = dpc;
             SetIrql(DISPATCH_LEVEL);
-            dpc->DeferredRoutine(dpc, dpc->DeferredContext, dpc->SystemArgument1,
-                                 dpc->SystemArgument2);
+            RunDpc(dpc);
             if (self->irql != DISPATCH_LEVEL) {
                 kernel_.verifier().Violation(rule::kIrqlNotRestored,
                                              "a DPC routine returned at IRQL " +

@@ -10,6 +10,7 @@
 
 #include "hostkernel/checks.h"
 #include "hostkernel/scheduler.h"
+#include "hostkernel/timeline.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -339,10 +340,19 @@ NTSTATUS hk::detail::CallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp, bool powe
     }
     KIRQL before = Sched().Irql();
     NTSTATUS status;
+    Timeline* timeline = Kernel::Current().timeline();
+    if (timeline) {
+        timeline->Begin(Timeline::IrpName(major, stack->MinorFunction) + " " +
+                            Timeline::DriverName(DeviceObject->DriverObject),
+                        "dispatch", {{"irp", Hex(uintptr_t(Irp))}});
+        timeline->IrpDispatched(Irp);
+    }
     {
         FrameScope frame(Irp, index);
         status = DeviceObject->DriverObject->MajorFunction[major](DeviceObject, Irp);
     }
+    if (timeline)
+        timeline->End();
     CheckCallbackIrql(("the dispatch routine for major function " + Hex(major)).c_str(), before);
     CheckDispatchResult(*info, stack, index, send, lower_sends_before, status, major);
     info->returned[index] = status;
@@ -357,6 +367,8 @@ void hk::CompleteInsideCall(PIRP irp) {
     IofCompleteRequest(irp, IO_NO_INCREMENT);
     --g_lower_completion;
 }
+
+static void CompleteUpward(PIRP Irp, IrpInfo& info_ref, Timeline* timeline);
 
 void FASTCALL IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost) {
     Sched().PreemptionPoint();
@@ -390,6 +402,25 @@ void FASTCALL IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost) {
     }
     CheckInformation(Irp);
     info->completions++;
+    Timeline* timeline = Kernel::Current().timeline();
+    if (!timeline) {
+        CompleteUpward(Irp, *info, nullptr);
+        return;
+    }
+    timeline->Begin(
+        "IoCompleteRequest " + Timeline::IrpName(IoGetCurrentIrpStackLocation(Irp)->MajorFunction,
+                                                 IoGetCurrentIrpStackLocation(Irp)->MinorFunction),
+        "completion", {{"irp", Hex(uintptr_t(Irp))}, {"status", Hex(ULONG(Irp->IoStatus.Status))}});
+    timeline->IrpCompleted(Irp);
+    CompleteUpward(Irp, *info, timeline);
+    timeline->End();
+}
+
+// Completion's walk up the stack from the completing driver's location:
+// each location's completion routine runs (or its pending mark moves up),
+// until the originator finishes the IRP or a routine takes it back.
+static void CompleteUpward(PIRP Irp, IrpInfo& info_ref, Timeline* timeline) {
+    IrpInfo* info = &info_ref;
     PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Irp);
     for (Irp->CurrentLocation++, Irp->Tail.Overlay.CurrentStackLocation++;
          Irp->CurrentLocation <= Irp->StackCount + 1;
@@ -423,10 +454,16 @@ void FASTCALL IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost) {
             uint64_t sends_before = info->total_sends;
             info->routine_mark = sends_before;
             NTSTATUS result;
+            if (timeline)
+                timeline->Begin("completion " +
+                                    Timeline::Symbol(reinterpret_cast<const void*>(routine)),
+                                "completion", {{"irp", Hex(uintptr_t(Irp))}});
             {
                 FrameScope frame(Irp, index + 1);
                 result = routine(device, Irp, context);
             }
+            if (timeline)
+                timeline->End();
             info->routine_mark = outer_mark;
             CheckCallbackIrql("a completion routine", before);
             if (result == STATUS_MORE_PROCESSING_REQUIRED) {

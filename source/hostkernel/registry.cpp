@@ -136,7 +136,7 @@ struct RegKey {
 };
 
 struct Registry::Impl {
-    explicit Impl(std::mt19937_64& rng) : faults(rng) {
+    explicit Impl(std::mt19937_64& rng) : faults(rng, "registry") {
         root = std::make_shared<RegKey>();
         root->name = kRootName;
     }

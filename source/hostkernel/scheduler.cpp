@@ -9,6 +9,7 @@
 #include "hostkernel/scheduler.h"
 
 #include "hostkernel/checks.h"
+#include "hostkernel/timeline.h"
 
 #include <cstdlib>
 #include <sstream>
@@ -226,6 +227,20 @@ void Scheduler::Fire(const Timed& entry) {
         return;
     }
     KTIMER* timer = entry.timer;
+    Timeline* timeline = kernel_.timeline();
+    if (timeline)
+        timeline->Begin(timer->Dpc ? "timer " + Timeline::Symbol(reinterpret_cast<const void*>(
+                                                    timer->Dpc->DeferredRoutine))
+                                   : std::string("timer"),
+                        "timer", {{"period_ms", int64_t(timer->Period)}});
+    Expire(timer);
+    if (timeline)
+        timeline->End();
+}
+
+// A timer's expiry: it is signalled, set again when periodic, and its DPC
+// is queued.
+void Scheduler::Expire(KTIMER* timer) {
     timer_keys_.erase(timer);
     timer->Header.Inserted = FALSE;
     timer->Header.SignalState = 1;
@@ -380,7 +395,7 @@ void Scheduler::RunDpcQueue() {
     while (!IsListEmpty(&dpc_queue_)) {
         auto* dpc = CONTAINING_RECORD(RemoveHeadList(&dpc_queue_), KDPC, DpcListEntry);
         dpc->DpcData = nullptr;
-        dpc->DeferredRoutine(dpc, dpc->DeferredContext, dpc->SystemArgument1, dpc->SystemArgument2);
+        RunDpc(dpc);
         if (current_->irql != DISPATCH_LEVEL) {
             std::ostringstream text;
             text << "DPC routine " << reinterpret_cast<void*>(dpc->DeferredRoutine)
@@ -389,6 +404,17 @@ void Scheduler::RunDpcQueue() {
             SetIrql(DISPATCH_LEVEL);
         }
     }
+}
+
+// One DPC routine, a span of the timeline when one records.
+void Scheduler::RunDpc(KDPC* dpc) {
+    Timeline* timeline = kernel_.timeline();
+    if (timeline)
+        timeline->Begin(
+            "DPC " + Timeline::Symbol(reinterpret_cast<const void*>(dpc->DeferredRoutine)), "dpc");
+    dpc->DeferredRoutine(dpc, dpc->DeferredContext, dpc->SystemArgument1, dpc->SystemArgument2);
+    if (timeline)
+        timeline->End();
 }
 
 void Scheduler::CheckFreed(const void* block, size_t bytes) {

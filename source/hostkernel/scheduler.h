@@ -41,6 +41,7 @@ struct EmuThread {
     std::function<void()> body;
     std::thread os;
     KEVENT done{};
+    int timeline_track = 0; // its track in the timeline; 0 until it records there
     // Interleaving mode.
     int64_t priority = 0;        // the highest ready context runs at a switch
     bool dpc_context = false;    // a processor's DPC context
@@ -120,6 +121,8 @@ class Scheduler {
     bool RunPosted();
     void Fire(const Timed& entry);
     void RunDpcQueue();
+    void RunDpc(KDPC* dpc);
+    void Expire(KTIMER* timer);
     void SwitchTo(EmuThread* self, EmuThread* next);
     EmuThread* TakeNextReady(); // FIFO, or the highest priority when interleaving
     // Interleaving mode.

@@ -1,5 +1,6 @@
 // The verifier's reporting, and the fault knobs shared by pool and bus.
 #include "hostkernel/emu.h"
+#include "hostkernel/timeline.h"
 
 #include <cstdlib>
 
@@ -14,6 +15,8 @@ Verifier::Verifier() {
 
 void Verifier::Violation(const char* rule_name, const std::string& detail) {
     counts_[rule_name]++;
+    if (Timeline* timeline = Kernel::Exists() ? Kernel::Current().timeline() : nullptr)
+        timeline->Instant(std::string("verifier: ") + rule_name, "verifier", {{"detail", detail}});
     for (auto it = expected_.rbegin(); it != expected_.rend(); ++it) {
         if (it->first == rule_name) {
             ++*it->second;
@@ -72,6 +75,9 @@ bool FaultSet::ShouldFail(uint32_t key) {
         if (fire) {
             ++knob.fired;
             fail = true;
+            if (Timeline* timeline = Kernel::Exists() ? Kernel::Current().timeline() : nullptr)
+                timeline->Instant(std::string("fault ") + site_ + ": " + name, "fault",
+                                  {{"key", int64_t(key)}});
         }
     }
     return fail;

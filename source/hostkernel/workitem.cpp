@@ -5,6 +5,7 @@
 #include "hostkernel/checks.h"
 #include "hostkernel/iomgr.h"
 #include "hostkernel/scheduler.h"
+#include "hostkernel/timeline.h"
 
 #include <cstdlib>
 
@@ -62,7 +63,14 @@ void IoQueueWorkItem(PIO_WORKITEM IoWorkItem, PIO_WORKITEM_ROUTINE WorkerRoutine
     ObReferenceObject(device);
     Kernel::Current().QueueSystemWork([IoWorkItem, WorkerRoutine, Context, device] {
         IoWorkItem->queued = false;
+        Timeline* timeline = Kernel::Current().timeline();
+        if (timeline)
+            timeline->Begin("work item " +
+                                Timeline::Symbol(reinterpret_cast<const void*>(WorkerRoutine)),
+                            "work item");
         WorkerRoutine(device, Context); // may free the work item
+        if (timeline)
+            timeline->End();
         CheckNoMutexHeld("a work item", false);
         ObDereferenceObject(device);
     });

@@ -19,6 +19,7 @@
 #include "hostusb/bus_impl.h"
 
 #include "hostkernel/pnp.h"
+#include "hostkernel/timeline.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -210,6 +211,87 @@ int64_t Bus::Impl::MoveBulk(const PortState& port, Endpoint& ep, bool behind, UL
     return (last + 1) * frame;
 }
 
+static const char* FaultName(Fault kind) {
+    switch (kind) {
+    case Fault::kStall:
+        return "stall";
+    case Fault::kError:
+        return "error";
+    case Fault::kNoAnswer:
+        return "no answer";
+    case Fault::kDelay:
+        return "delay";
+    case Fault::kResetPipeFail:
+        return "reset pipe fails";
+    case Fault::kResetPortFail:
+        return "reset port fails";
+    case Fault::kHubQueryFail:
+        return "hub query fails";
+    case Fault::kDeviceGone:
+        return "device gone";
+    case Fault::kInline:
+        return "inline error";
+    }
+    return "fault";
+}
+
+// The transfer's name on the timeline: its kind, direction and endpoint.
+static std::string TransferName(const Transfer* t, PURB urb) {
+    char text[64];
+    if (!t) {
+        std::snprintf(text, sizeof text, "URB 0x%04x refused", urb ? urb->UrbHeader.Function : 0);
+        return text;
+    }
+    static const char* const kTypes[] = {"standard", "class", "vendor", "reserved"};
+    switch (t->kind) {
+    case Transfer::Kind::kControl:
+        std::snprintf(text, sizeof text, "control %s %s 0x%02x", t->in ? "IN" : "OUT",
+                      kTypes[(t->setup.request_type >> 5) & 3], t->setup.request);
+        return text;
+    case Transfer::Kind::kSelect:
+        return "select configuration";
+    case Transfer::Kind::kData:
+        std::snprintf(text, sizeof text, "%s %s 0x%02x",
+                      t->endpoint->type == USB_ENDPOINT_TYPE_INTERRUPT ? "interrupt" : "bulk",
+                      t->in ? "IN" : "OUT", t->endpoint->address);
+        return text;
+    case Transfer::Kind::kAbort:
+        std::snprintf(text, sizeof text, "abort pipe 0x%02x", t->pipe_address);
+        return text;
+    case Transfer::Kind::kResetPipe:
+        std::snprintf(text, sizeof text, "reset pipe 0x%02x", t->pipe_address);
+        return text;
+    case Transfer::Kind::kResetPort:
+        return "reset port";
+    }
+    return "transfer";
+}
+
+// A URB's async span from its submission to its completion, and the flow
+// between the two.
+void Bus::Impl::RecordTimeline(hk::Timeline& timeline, const Transfer* t, PIRP irp, PURB urb,
+                               bool completion, USBD_STATUS status) {
+    if (!completion) {
+        hk::Timeline::Args args{{"irp", HexText(uintptr_t(irp))}};
+        if (t && t->kind == Transfer::Kind::kData)
+            args.push_back({"endpoint", int64_t(t->endpoint->address)});
+        if (t && (t->kind == Transfer::Kind::kData || t->kind == Transfer::Kind::kControl)) {
+            args.push_back({"direction", std::string(t->in ? "in" : "out")});
+            args.push_back({"length", int64_t(t->length)});
+        }
+        uint64_t span = timeline.AsyncBegin(TransferName(t, urb), "usb", std::move(args));
+        timeline_urbs[irp] = {span, timeline.FlowStart("URB")};
+        return;
+    }
+    auto it = timeline_urbs.find(irp);
+    if (it == timeline_urbs.end())
+        return;
+    timeline.FlowEnd(it->second.second);
+    timeline.AsyncEnd(it->second.first,
+                      {{"bytes", int64_t(t ? t->done : 0)}, {"status", HexText(ULONG(status))}});
+    timeline_urbs.erase(it);
+}
+
 bool Bus::Impl::Fires(Fault kind, uint32_t key, UsbFaultKnob** which) {
     for (auto& [knob_kind, knob] : faults) {
         if (knob_kind != kind || (knob.match != 0 && knob.match != key))
@@ -227,6 +309,9 @@ bool Bus::Impl::Fires(Fault kind, uint32_t key, UsbFaultKnob** which) {
         }
         if (fire) {
             knob.fired++;
+            if (hk::Timeline* timeline = hk::Kernel::Current().timeline())
+                timeline->Instant(std::string("fault bus: ") + FaultName(kind), "fault",
+                                  {{"key", int64_t(key)}});
             if (which)
                 *which = &knob;
             return true;
@@ -236,6 +321,8 @@ bool Bus::Impl::Fires(Fault kind, uint32_t key, UsbFaultKnob** which) {
 }
 
 void Bus::Impl::Record(const Transfer* t, PIRP irp, PURB urb, bool completion, USBD_STATUS status) {
+    if (hk::Timeline* timeline = hk::Kernel::Current().timeline())
+        RecordTimeline(*timeline, t, irp, urb, completion, status);
     if (!capture)
         return;
     CaptureRecord record;

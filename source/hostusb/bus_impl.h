@@ -222,6 +222,10 @@ struct Bus::Impl {
 
     void Diagnose(const std::string& text);
     void Record(const Transfer* t, PIRP irp, PURB urb, bool completion, USBD_STATUS status);
+    void RecordTimeline(hk::Timeline& timeline, const Transfer* t, PIRP irp, PURB urb,
+                        bool completion, USBD_STATUS status);
+    // The timeline's async span and flow of each URB in flight, by its IRP.
+    std::map<PIRP, std::pair<uint64_t, uint64_t>> timeline_urbs;
     void DataReady(PortState* port, uint8_t endpoint);
     PortState* Port(int number) const;
     void MarkGone(PortState* port);

@@ -19,6 +19,11 @@ Machine::Machine(MachineOptions options, Transcript& transcript)
     kernel_options.interleave = options_.interleave;
     kernel_options.real_time = options_.real_time;
     kernel_ = std::make_unique<hk::Kernel>(kernel_options);
+    if (!options_.timeline_file.empty()) {
+        timeline_ =
+            std::make_unique<hk::Timeline>("cdcacm-sim, seed " + std::to_string(options_.seed));
+        kernel_->SetTimeline(timeline_.get());
+    }
     transcript_.SetClock([this] { return kernel_ ? kernel_->NowMs() : final_ms_; });
     kernel_->verifier().SetHandler([this](const std::string&, const std::string& message) {
         verifier_reports_.push_back(message);
@@ -136,6 +141,11 @@ std::vector<std::string> Machine::Shutdown() {
     // and handles still left to the verifier.
     kernel_.reset();
     problems.insert(problems.end(), verifier_reports_.begin(), verifier_reports_.end());
+    std::string error;
+    if (timeline_ && !timeline_->Write(options_.timeline_file, &error)) {
+        transcript_.Problem("timeline: " + error);
+        problems.push_back(error);
+    }
     return problems;
 }
 

@@ -13,6 +13,7 @@
 
 #include "hostkernel/emu.h"
 #include "hostkernel/pnp.h"
+#include "hostkernel/timeline.h"
 #include "hostusb/bus.h"
 #include "simmodem/simmodem.h"
 
@@ -33,7 +34,8 @@ struct MachineOptions {
     // are printed only when asked for.
     uint32_t trace_mask = 0x3; // assertions and errors
     bool print_trace = false;
-    std::string capture_file; // empty: no capture
+    std::string capture_file;  // empty: no capture
+    std::string timeline_file; // empty: no timeline
 };
 
 class Machine {
@@ -73,9 +75,10 @@ class Machine {
     const std::vector<std::string>& VerifierReports() const { return verifier_reports_; }
     size_t AssertionLines() const;
 
-    // Unplugs every modem, lets the driver unload, tears the kernel down and
-    // returns the problems found on the way (each also printed); empty when
-    // the machine ended clean. Called once; the destructor calls it if no
+    // Unplugs every modem, lets the driver unload, tears the kernel down,
+    // writes the timeline when one was asked for and returns the problems
+    // found on the way (each also printed); empty when the machine ended
+    // clean. Called once; the destructor calls it if no
     // one did.
     std::vector<std::string> Shutdown();
     bool IsShutDown() const { return kernel_ == nullptr; }
@@ -91,6 +94,7 @@ class Machine {
 
     MachineOptions options_;
     Transcript& transcript_;
+    std::unique_ptr<hk::Timeline> timeline_; // outlives the kernel it records
     std::unique_ptr<hk::Kernel> kernel_;
     std::unique_ptr<hu::Bus> bus_;
     std::map<int, std::shared_ptr<sm::Modem>> modems_;

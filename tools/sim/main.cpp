@@ -3,8 +3,8 @@
 // file, checked whole before it runs), run (the COM port as a
 // pseudo-terminal, in real time) and modems (the modem profiles, and one's
 // descriptors as lsusb lays them out). demo, script and run take the common
-// options: --seed, --trace, --capture, --log and --interleave (not run);
-// every subcommand takes --profiles DIR.
+// options: --seed, --trace, --capture, --timeline, --log and --interleave
+// (not run); every subcommand takes --profiles DIR.
 #include "demo.h"
 #include "descriptors.h"
 #include "machine.h"
@@ -29,6 +29,7 @@ struct Common {
     uint64_t seed = 1;
     std::string trace;
     std::string capture;
+    std::string timeline;
     std::string log;
     std::string interleave;
 };
@@ -53,6 +54,10 @@ void AddCommon(CLI::App& command, Common& common) {
         .add_option("--capture", common.capture,
                     "write the USB bus capture (USBPcap format, for Wireshark) to FILE")
         ->type_name("FILE");
+    command
+        .add_option("--timeline", common.timeline,
+                    "write the run as a trace-event file (Perfetto, chrome://tracing) to FILE")
+        ->type_name("FILE");
     command.add_option("--log", common.log, "also write the transcript to FILE")->type_name("FILE");
     command
         .add_option("--interleave", common.interleave,
@@ -67,6 +72,7 @@ std::optional<sim::MachineOptions> MachineFrom(const Common& common, sim::Transc
     sim::MachineOptions options;
     options.seed = common.seed;
     options.capture_file = common.capture;
+    options.timeline_file = common.timeline;
     std::string error;
     std::optional<hk::InterleaveOptions> interleave =
         hk::InterleaveOptions::Parse(common.interleave, &error);
@@ -99,6 +105,16 @@ std::optional<sim::MachineOptions> MachineFrom(const Common& common, sim::Transc
         std::FILE* file = std::fopen(common.capture.c_str(), "wb");
         if (!file) {
             std::fprintf(stderr, "--capture: cannot create %s\n", common.capture.c_str());
+            return std::nullopt;
+        }
+        std::fclose(file);
+    }
+    if (!common.timeline.empty()) {
+        // The timeline is written when the machine shuts down; a path that
+        // cannot be created is refused before anything runs.
+        std::FILE* file = std::fopen(common.timeline.c_str(), "wb");
+        if (!file) {
+            std::fprintf(stderr, "--timeline: cannot create %s\n", common.timeline.c_str());
             return std::nullopt;
         }
         std::fclose(file);
