@@ -60,6 +60,7 @@ void Machine::SetTrace(uint32_t mask, bool print) {
 int Machine::Plug(const sm::Profile& profile, sm::Modem::DataMode mode, hu::Speed speed) {
     auto modem = std::make_shared<sm::Modem>(profile, mode);
     int port = bus_->Plug(modem, speed);
+    urbs_at_plug_[port] = bus_->UrbsSubmitted(port);
     modems_[port] = modem;
     ++counters_.plugs;
     pnp().Settle();
@@ -67,8 +68,10 @@ int Machine::Plug(const sm::Profile& profile, sm::Modem::DataMode mode, hu::Spee
     return port;
 }
 
+// The bus counts a port's URBs over every device it held, so a modem's
+// share is what the count grew by while it was plugged.
 void Machine::CountUrbs(int port) {
-    counters_.urbs += bus_->UrbsSubmitted(port);
+    counters_.urbs += bus_->UrbsSubmitted(port) - urbs_at_plug_[port];
 }
 
 void Machine::Unplug(int port) {

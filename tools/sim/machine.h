@@ -100,6 +100,7 @@ class Machine {
     std::map<int, std::shared_ptr<sm::Modem>> modems_;
     std::vector<std::string> verifier_reports_;
     Counters counters_;
+    std::map<int, uint64_t> urbs_at_plug_; // the bus's count for the port at the plug
     size_t assertion_lines_at_shutdown_ = 0;
     int64_t final_ms_ = 0;
 };
