@@ -4,7 +4,8 @@
 // send pass and the real send engine to the modem, which checks the modem
 // packets.
 //
-// Input: a send-packet size; then records of an operation and its argument:
+// Input: an options byte (bit 0: trace errors and PPP too, not only
+// assertions); a send-packet size; then records of an operation and its argument:
 // write host bytes (the argument counts them, they follow), let virtual time
 // pass, or delay the bulk-out completions by up to 7 ms (0: no delay). At
 // the end every write completes and the modem must have received exactly
@@ -40,15 +41,10 @@ void CheckDeFramer(DeviceRig& rig) {
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz::Init(TL_ASSERT | TL_ERROR | TL_PPP);
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    fuzz::BeginInput();
+    fuzz::Input scope;
     fuzz::Reader input(data, size);
-    ResetDriverState(TraceMask);
+    ResetDriverState(fuzz::TraceMaskFor(input.Byte(), TL_ERROR | TL_PPP));
     {
         DeviceRig rig;
         DeviceRigOptions options;
