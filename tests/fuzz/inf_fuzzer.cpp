@@ -38,7 +38,7 @@ void FollowInstall(const hk::Inf& inf, const std::string& install, size_t& follo
     std::vector<std::string> errors;
     for (const std::string& section : {install, install + ".NTx86"}) {
         CheckLines(inf.Section(section));
-        inf.AddReg(section, &errors);
+        FUZZ_CHECK(inf.AddReg(section, &errors).size() <= hk::InfRegEntry::kMaxEntries);
         const std::vector<hk::InfLine>* services = inf.Section(section + ".Services");
         CheckLines(services);
         for (const hk::InfLine& line : services ? *services : std::vector<hk::InfLine>()) {
@@ -46,7 +46,7 @@ void FollowInstall(const hk::Inf& inf, const std::string& install, size_t& follo
                 continue;
             for (const char* key : {"DisplayName", "ServiceType", "StartType", "ServiceBinary"})
                 inf.Value(line.values[2], key);
-            inf.AddReg(line.values[2], &errors);
+            FUZZ_CHECK(inf.AddReg(line.values[2], &errors).size() <= hk::InfRegEntry::kMaxEntries);
         }
     }
     for (const std::string& error : errors)
