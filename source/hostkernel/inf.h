@@ -33,7 +33,7 @@ struct InfRegEntry {
     // An install section's AddReg lines at most: each name in an AddReg
     // value brings its section's lines again, so a small file could
     // otherwise ask for millions.
-    static constexpr size_t kMaxEntries = 4096;
+    static constexpr size_t kMaxEntries = 1024;
 
     static constexpr uint32_t kNoClobber = 0x00000002;
     static constexpr uint32_t kTypeMask = 0xFFFF0001;

@@ -20,7 +20,7 @@
 namespace {
 
 // Bounds the walk: a file may name the same sections many times over.
-constexpr size_t kMaxSectionsFollowed = 64;
+constexpr size_t kMaxSectionsFollowed = 8;
 
 void CheckLines(const std::vector<hk::InfLine>* lines) {
     if (!lines)
