@@ -1,21 +1,25 @@
 #!/bin/sh
 # Builds the fuzzers (host-fuzz preset, clang, libFuzzer) and runs each one
-# for SECONDS (default 20) on a copy of its seed corpus, so that the run
-# adds nothing to the repository. Exits non-zero when a fuzzer finds a
-# crash; the reproducer is kept and its path printed.
+# for SECONDS (default 12: five targets in a minute) on a copy of its seed
+# corpus and its regression inputs, so that the run adds nothing to the
+# repository. Exits non-zero when a fuzzer finds a crash; the reproducer is
+# kept and its path printed.
 #
 # Usage: scripts/fuzz.sh [SECONDS]
 set -eu
 
-seconds=${1:-20}
+seconds=${1:-12}
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${CDCACM_FUZZ_BUILD:-$root/build/host-fuzz}
-targets="ppp_framer ppp_deframer"
+targets="ppp_framer ppp_deframer script_parse profile_file inf"
 
 cmake --preset host-fuzz -S "$root" -B "$build" >/dev/null
+fuzzers=""
 for target in $targets; do
-    cmake --build "$build" -j2 --target "${target}_fuzzer"
+    fuzzers="$fuzzers ${target}_fuzzer"
 done
+# shellcheck disable=SC2086 # one word per fuzzer
+cmake --build "$build" -j2 --target $fuzzers
 
 # One seed makes a run repeatable (as far as a time limit allows).
 seed=${CDCACM_FUZZ_SEED:-1}
@@ -26,6 +30,9 @@ for target in $targets; do
     artifacts="$work/$target/artifacts"
     mkdir -p "$corpus" "$artifacts"
     cp "$root/tests/fuzz/corpus/$target/"* "$corpus/"
+    if [ -d "$root/tests/fuzz/regressions/$target" ]; then
+        cp "$root/tests/fuzz/regressions/$target/"* "$corpus/"
+    fi
     echo "== $target: ${seconds}s"
     if ! "$build/tests/fuzz/${target}_fuzzer" -max_total_time="$seconds" -seed="$seed" -max_len=12000 \
         -print_final_stats=1 -artifact_prefix="$artifacts/" "$corpus" \

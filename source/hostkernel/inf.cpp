@@ -170,7 +170,8 @@ Inf Inf::Parse(std::string_view text, const std::string& name) {
                 out += '%';
                 continue;
             }
-            if (std::all_of(key.begin(), key.end(), [](char c) { return std::isdigit(c); })) {
+            if (std::all_of(key.begin(), key.end(),
+                            [](char c) { return std::isdigit(static_cast<unsigned char>(c)); })) {
                 out += "%" + key + "%";
                 continue;
             }
@@ -231,6 +232,12 @@ std::vector<InfRegEntry> Inf::AddReg(std::string_view install_section,
                 continue;
             }
             for (const InfLine& line : *lines) {
+                if (entries.size() == InfRegEntry::kMaxEntries) {
+                    errors->push_back(name_ + "(" + std::to_string(directive.number) +
+                                      "): more than " + std::to_string(InfRegEntry::kMaxEntries) +
+                                      " AddReg entries");
+                    return entries;
+                }
                 // The whole line is the entry: a key would be the root.
                 std::vector<std::string> fields = line.values;
                 if (!line.key.empty())

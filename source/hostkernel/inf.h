@@ -7,6 +7,7 @@
 // state, no locks.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -28,6 +29,11 @@ struct InfRegEntry {
     std::string value_name;
     uint32_t flags = 0; // FLG_ADDREG_*
     std::vector<std::string> values;
+
+    // An install section's AddReg lines at most: each name in an AddReg
+    // value brings its section's lines again, so a small file could
+    // otherwise ask for millions.
+    static constexpr size_t kMaxEntries = 1024;
 
     static constexpr uint32_t kNoClobber = 0x00000002;
     static constexpr uint32_t kTypeMask = 0xFFFF0001;

@@ -63,11 +63,8 @@ USBD_ParseConfigurationDescriptorEx(PUSB_CONFIGURATION_DESCRIPTOR ConfigurationD
 PURB USBD_CreateConfigurationRequestEx(PUSB_CONFIGURATION_DESCRIPTOR ConfigurationDescriptor,
                                        PUSBD_INTERFACE_LIST_ENTRY InterfaceList) {
     ULONG Interfaces = 0;
-    ULONG Pipes = 0;
-    for (PUSBD_INTERFACE_LIST_ENTRY Entry = InterfaceList; Entry->InterfaceDescriptor; ++Entry) {
+    for (PUSBD_INTERFACE_LIST_ENTRY Entry = InterfaceList; Entry->InterfaceDescriptor; ++Entry)
         Interfaces++;
-        Pipes += Entry->InterfaceDescriptor->bNumEndpoints;
-    }
     if (Interfaces == 0)
         return nullptr;
     // Every interface information has room for at least one pipe, as the

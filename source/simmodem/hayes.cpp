@@ -21,7 +21,6 @@ namespace sm {
 namespace {
 
 constexpr uint16_t kCarrier = 0x0003; // SERIAL_STATE: DCD (bRxCarrier) and DSR (bTxCarrier)
-constexpr uint16_t kDtr = 0x0001;     // SET_CONTROL_LINE_STATE
 constexpr size_t kMaxLine = 255;      // characters after "AT"
 constexpr int kEscapeLength = 3;
 constexpr int64_t kMsPerFiftieth = 20;

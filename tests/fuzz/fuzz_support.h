@@ -22,23 +22,39 @@
 
 namespace fuzz {
 
-// The kernel lives as long as the process: creating one per input would
-// cost more than the input itself.
+// Each input runs in a kernel of its own, made and taken apart with it.
+// A kernel that outlived its inputs would keep what the stand-in remembers
+// of every IRP it has seen, and memory an input leaves allocated makes
+// libFuzzer run that input again under the leak checker, which costs far
+// more than the kernel.
 inline hk::Kernel* kernel = nullptr;
 
-inline void Init(ULONG trace_mask) {
-    kernel = new hk::Kernel();
-    TraceInit();
-    TraceMask = trace_mask;
+// The driver traces only its assertions (which CheckTrace looks for) unless
+// the input's option bit turns the target's own levels on too: formatting
+// trace lines costs more than most inputs, and only some need them.
+constexpr uint8_t kOptionTrace = 0x01;
+inline ULONG TraceMaskFor(uint8_t options, ULONG levels) {
+    return TL_ASSERT | ((options & kOptionTrace) ? levels : 0);
 }
 
 // Trace lines of the current input already checked.
 inline size_t checked_lines = 0;
 
-inline void BeginInput() {
-    kernel->Dbg().Clear();
-    checked_lines = 0;
-}
+// Brackets one input: its kernel, and the trace lines checked so far.
+class Input {
+  public:
+    Input() {
+        kernel = new hk::Kernel();
+        TraceInit();
+        checked_lines = 0;
+    }
+    ~Input() {
+        delete kernel;
+        kernel = nullptr;
+    }
+    Input(const Input&) = delete;
+    Input& operator=(const Input&) = delete;
+};
 
 // The driver reports broken invariants as assertion lines and carries on;
 // for a fuzzer each one is a crash. Only a line that starts like one counts:

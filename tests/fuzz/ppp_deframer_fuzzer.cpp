@@ -4,7 +4,8 @@
 // send pass and the real send engine to the modem, which checks the modem
 // packets.
 //
-// Input: a send-packet size; then records of an operation and its argument:
+// Input: an options byte (bit 0: trace errors and PPP too, not only
+// assertions); a send-packet size; then records of an operation and its argument:
 // write host bytes (the argument counts them, they follow), let virtual time
 // pass, or delay the bulk-out completions by up to 7 ms (0: no delay). At
 // the end every write completes and the modem must have received exactly
@@ -40,15 +41,10 @@ void CheckDeFramer(DeviceRig& rig) {
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz::Init(TL_ASSERT | TL_ERROR | TL_PPP);
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    fuzz::BeginInput();
+    fuzz::Input scope;
     fuzz::Reader input(data, size);
-    ResetDriverState(TraceMask);
+    ResetDriverState(fuzz::TraceMaskFor(input.Byte(), TL_ERROR | TL_PPP));
     {
         DeviceRig rig;
         DeviceRigOptions options;
@@ -69,8 +65,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 Bytes bytes = input.Take(argument);
                 if (bytes.empty())
                     break;
+                AppRequest* write = rig.Write(bytes);
+                // With every request of the port's pool queued, the driver
+                // refuses a write at once and its bytes never go out.
+                if (write->returned == STATUS_INSUFFICIENT_RESOURCES) {
+                    FUZZ_CHECK(write->completed && write->status == STATUS_INSUFFICIENT_RESOURCES);
+                    break;
+                }
                 host.insert(host.end(), bytes.begin(), bytes.end());
-                writes.push_back(rig.Write(bytes));
+                writes.push_back(write);
                 break;
             }
             case 1:

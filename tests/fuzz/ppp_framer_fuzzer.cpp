@@ -2,7 +2,8 @@
 // characters and arbitrary room in the serial port's receive buffer, on the
 // device rig with framing switched on as a modem does.
 //
-// Input: a count n and n special characters (the modem's answer); then
+// Input: an options byte (bit 0: trace errors and PPP too, not only
+// assertions); a count n and n special characters (the modem's answer); then
 // records of a chunk length, a drain byte and that many modem bytes. Each
 // chunk is added to the bytes the framer has not taken yet, and everything
 // is offered under the device lock the way the receive engine offers a
@@ -96,15 +97,10 @@ void ReadPort(DeviceRig& rig, ULONG length, Bytes& received) {
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz::Init(TL_ASSERT | TL_ERROR | TL_PPP);
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    fuzz::BeginInput();
+    fuzz::Input scope;
     fuzz::Reader input(data, size);
-    ResetDriverState(TraceMask);
+    ResetDriverState(fuzz::TraceMaskFor(input.Byte(), TL_ERROR | TL_PPP));
     Bytes special = input.Take(std::min<size_t>(input.Byte(), PPP_SPECIAL_CHARS_BYTES));
     {
         DeviceRig rig;

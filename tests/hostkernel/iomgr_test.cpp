@@ -243,7 +243,10 @@ TEST_F(IoManagerTest, CompletionRoutineFlagsSelectSuccessErrorAndCancel) {
                                                      {STATUS_CANCELLED, TRUE},
                                                      {STATUS_CANCELLED, FALSE}};
     for (int flags = 0; flags < 8; ++flags)
-        for (const auto& [status, cancel] : outcomes) {
+        for (const auto& outcome : outcomes) {
+            // Lambdas capture variables, not structured bindings (C++17).
+            const NTSTATUS status = outcome.first;
+            const BOOLEAN cancel = outcome.second;
             const BOOLEAN on_success = flags & 1, on_error = (flags >> 1) & 1,
                           on_cancel = (flags >> 2) & 1;
             Trail trail(STATUS_SUCCESS), top;

@@ -145,8 +145,10 @@ TEST_F(BusPnpTest, CapabilitiesAreAUsbDevicesWithAUniqueIdOnlyWithASerialNumber)
 
 TEST_F(BusPnpTest, TextsNameTheProductAndThePort) {
     Plug(sm::OrdinaryModem());
-    for (auto [type, text] : {std::pair{DeviceTextDescription, "Korva USB Modem"},
-                              std::pair{DeviceTextLocationInformation, "Port_#0001.Hub_#0001"}}) {
+    for (auto [type_, text] : {std::pair{DeviceTextDescription, "Korva USB Modem"},
+                               std::pair{DeviceTextLocationInformation, "Port_#0001.Hub_#0001"}}) {
+        // Lambdas capture variables, not structured bindings (C++17).
+        DEVICE_TEXT_TYPE type = type_;
         hk::PnpAnswer answer = Query(IRP_MN_QUERY_DEVICE_TEXT, nullptr, [&](IO_STACK_LOCATION& s) {
             s.Parameters.QueryDeviceText.DeviceTextType = type;
         });

@@ -9,7 +9,7 @@ namespace {
 
 using ppp::Bytes;
 
-constexpr uint8_t kBulkOut = 0x01, kBulkIn = 0x81, kInterruptIn = 0x82;
+constexpr uint8_t kBulkOut = 0x01, kBulkIn = 0x81;
 
 class PeerTest : public KernelTest {
   protected:

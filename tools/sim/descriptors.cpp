@@ -13,7 +13,7 @@ namespace sim {
 
 namespace {
 
-constexpr uint8_t kDevice = 1, kConfiguration = 2, kString = 3, kInterface = 4, kEndpoint = 5;
+constexpr uint8_t kDevice = 1, kConfiguration = 2, kInterface = 4, kEndpoint = 5;
 constexpr uint8_t kAssociation = 0x0b, kCsInterface = 0x24;
 constexpr uint8_t kClassCommunications = 0x02, kClassData = 0x0a;
 constexpr uint8_t kUnion = 0x06;

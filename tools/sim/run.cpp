@@ -106,7 +106,6 @@ class Bridge {
     std::mutex lock_;
     std::deque<Event> events_;
     std::deque<uint8_t> to_port_, to_terminal_;
-    bool program_present_ = false; // as the machine's side last learnt
 
     comm::HANDLE port_ = comm::INVALID_HANDLE_VALUE;
     std::atomic<bool> reading_{false};
