@@ -6,7 +6,8 @@
 # modem profile files and timelines), tshark (the capture checks) and
 # pyserial (the pseudo-terminal bridge's test); and for the 32-bit host build
 # (host32-asan) g++-multilib, GoogleTest's sources (built inside that build:
-# the packaged libraries are amd64 only) and libpcap for i386.
+# the packaged libraries are amd64 only) and libpcap for i386 (built here
+# from its source package with flex and bison).
 set -euo pipefail
 
 missing=()
