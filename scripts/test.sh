@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds everything and runs every test: the host build under AddressSanitizer
-# and UndefinedBehaviorSanitizer with CTest, the Windows x86 driver build
+# and UndefinedBehaviorSanitizer with CTest, then the same as 32-bit x86 code
+# (the driver's pointer size and layouts), the Windows x86 driver build
 # (warnings are errors) with the check of its image and stack frames, and
 # short bounded fuzzing runs.
 set -euo pipefail
@@ -16,6 +17,10 @@ bash scripts/check-driver-image.sh build/windows-x86
 cmake --preset host-asan >/dev/null
 cmake --build --preset host-asan -j"$jobs"
 ctest --preset host-asan -j"$jobs"
+
+cmake --preset host32-asan >/dev/null
+cmake --build --preset host32-asan -j"$jobs"
+ctest --preset host32-asan -j"$jobs"
 
 # A bounded campaign of the interleaving mode over the driver's tests: eight
 # seeds on two processors and four on one (about a minute); the full campaign

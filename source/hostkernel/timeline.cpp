@@ -7,6 +7,7 @@
 #include <cxxabi.h>
 #include <dlfcn.h>
 #include <elf.h>
+#include <link.h>
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
@@ -230,7 +231,11 @@ bool Timeline::Write(const std::string& file, std::string* error) const {
 namespace {
 
 // The function symbols of one ELF file (its .symtab, static functions
-// included), sorted by address relative to the file's load base.
+// included), sorted by address relative to the file's load base. The files
+// are those loaded into this process, so of its own class: ELF32 in a 32-bit
+// build, ELF64 in a 64-bit one.
+constexpr unsigned char kNativeClass = __ELF_NATIVE_CLASS == 64 ? ELFCLASS64 : ELFCLASS32;
+
 struct SymbolTable {
     struct Entry {
         uintptr_t start;
@@ -245,26 +250,27 @@ struct SymbolTable {
         in.seekg(0);
         if (!in.read(bytes.data(), std::streamsize(bytes.size())))
             return;
-        if (bytes.size() < sizeof(Elf64_Ehdr) || std::memcmp(bytes.data(), ELFMAG, SELFMAG) != 0 ||
-            bytes[EI_CLASS] != ELFCLASS64)
+        if (bytes.size() < sizeof(ElfW(Ehdr)) || std::memcmp(bytes.data(), ELFMAG, SELFMAG) != 0 ||
+            bytes[EI_CLASS] != kNativeClass)
             return;
-        Elf64_Ehdr header;
+        ElfW(Ehdr) header;
         std::memcpy(&header, bytes.data(), sizeof header);
-        auto section = [&](size_t index, Elf64_Shdr& out) {
-            size_t at = header.e_shoff + index * sizeof(Elf64_Shdr);
+        auto section = [&](size_t index, ElfW(Shdr) & out) {
+            size_t at = header.e_shoff + index * sizeof(ElfW(Shdr));
             if (index >= header.e_shnum || at + sizeof out > bytes.size())
                 return false;
             std::memcpy(&out, bytes.data() + at, sizeof out);
             return out.sh_offset + out.sh_size <= bytes.size();
         };
         for (size_t i = 0; i < header.e_shnum; ++i) {
-            Elf64_Shdr symtab, strtab;
+            ElfW(Shdr) symtab, strtab;
             if (!section(i, symtab) || symtab.sh_type != SHT_SYMTAB ||
                 !section(symtab.sh_link, strtab))
                 continue;
-            for (size_t at = 0; at + sizeof(Elf64_Sym) <= symtab.sh_size; at += sizeof(Elf64_Sym)) {
-                Elf64_Sym sym;
+            for (size_t at = 0; at + sizeof(ElfW(Sym)) <= symtab.sh_size; at += sizeof(ElfW(Sym))) {
+                ElfW(Sym) sym;
                 std::memcpy(&sym, bytes.data() + symtab.sh_offset + at, sizeof sym);
+                // Both classes keep a symbol's type in the same bits.
                 if (ELF64_ST_TYPE(sym.st_info) != STT_FUNC || sym.st_value == 0 ||
                     sym.st_name >= strtab.sh_size)
                     continue;
