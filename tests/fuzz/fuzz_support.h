@@ -1,7 +1,9 @@
-// What every fuzzer of the driver shares: one emulated kernel for the whole
-// run, a reader of the input's fields, and the checks that turn a broken
+// What every fuzzer of the driver shares: an emulated kernel per input, a
+// reader of the input's fields, and the checks that turn a broken
 // invariant or an assertion line in the trace output into a crash.
 #pragma once
+
+#include "fuzz_check.h"
 
 #include "hostkernel/emu.h"
 #include "trace.h"
@@ -11,14 +13,6 @@
 #include <cstdlib>
 #include <string>
 #include <vector>
-
-#define FUZZ_CHECK(Cond)                                                                           \
-    do {                                                                                           \
-        if (!(Cond)) {                                                                             \
-            std::fprintf(stderr, "fuzz check failed: %s (%s:%d)\n", #Cond, __FILE__, __LINE__);    \
-            std::abort();                                                                          \
-        }                                                                                          \
-    } while (0)
 
 namespace fuzz {
 

@@ -2,20 +2,13 @@
 // file as the Plug and Play manager follows it when it installs a device:
 // [Manufacturer] to the models, a model to its install section, that
 // section's AddReg lines and services, each service's values and AddReg.
+#include "fuzz_check.h"
 #include "hostkernel/inf.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <string_view>
-
-#define FUZZ_CHECK(Cond)                                                                           \
-    do {                                                                                           \
-        if (!(Cond)) {                                                                             \
-            std::fprintf(stderr, "fuzz check failed: %s (%s:%d)\n", #Cond, __FILE__, __LINE__);    \
-            std::abort();                                                                          \
-        }                                                                                          \
-    } while (0)
 
 namespace {
 

@@ -6,20 +6,13 @@
 // bytes of a configuration descriptor with all that follows it: parsed as a
 // raw dump is, then checked and printed. Neither may crash, whatever the
 // bytes say about their own lengths.
+#include "fuzz_check.h"
 #include "descriptors.h"
 #include "profile_file.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <string_view>
-
-#define FUZZ_CHECK(Cond)                                                                           \
-    do {                                                                                           \
-        if (!(Cond)) {                                                                             \
-            std::fprintf(stderr, "fuzz check failed: %s (%s:%d)\n", #Cond, __FILE__, __LINE__);    \
-            std::abort();                                                                          \
-        }                                                                                          \
-    } while (0)
 
 namespace {
 

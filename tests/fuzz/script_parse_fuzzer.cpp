@@ -2,19 +2,12 @@
 // with commands or one error, within its stated bounds, whatever the file
 // says. What it accepts must also hold together: every command carries a
 // line of the file, in order, and nothing it keeps outgrows its bound.
+#include "fuzz_check.h"
 #include "script_parse.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <string_view>
-
-#define FUZZ_CHECK(Cond)                                                                           \
-    do {                                                                                           \
-        if (!(Cond)) {                                                                             \
-            std::fprintf(stderr, "fuzz check failed: %s (%s:%d)\n", #Cond, __FILE__, __LINE__);    \
-            std::abort();                                                                          \
-        }                                                                                          \
-    } while (0)
 
 namespace script = sim::script;
 
