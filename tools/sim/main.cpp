@@ -163,6 +163,27 @@ void PrintOddities(const std::string& name, const sm::Profile& tables, sim::Tran
 
 // cdcacm-sim modems [NAME]: the list, or one profile's descriptors,
 // behaviour and oddities.
+// The modem a session plugs: its profile by name or file and the speed
+// asked for (the profile's own when none was), with the oddities of its
+// descriptors printed; nullopt (with a message) when either is refused.
+std::optional<hu::Speed> ChooseModem(const std::string& name, const std::string& speed_text,
+                                     sim::Transcript& transcript) {
+    std::string error;
+    const sim::ModemProfile* profile = sim::FindModemProfile(name, &error);
+    if (!profile) {
+        std::fprintf(stderr, "--profile: %s\n", error.c_str());
+        return std::nullopt;
+    }
+    hu::Speed speed = speed_text.empty() ? profile->default_speed : *sim::ParseSpeed(speed_text);
+    if (!profile->Supports(speed)) {
+        std::fprintf(stderr, "--speed: the profile %s has no %s-speed descriptors\n",
+                     profile->name.c_str(), sim::SpeedName(speed));
+        return std::nullopt;
+    }
+    PrintOddities(profile->name, profile->At(speed), transcript);
+    return speed;
+}
+
 int Modems(const std::string& name, const std::string& speed_text) {
     if (name.empty()) {
         for (const sim::ProfileInfo& info : sim::ProfileNames()) {
@@ -289,39 +310,21 @@ int main(int argc, char** argv) {
                                  "only, and run is real time\n");
             return 2;
         }
-        std::string error;
-        const sim::ModemProfile* profile = sim::FindModemProfile(run_options.profile, &error);
-        if (!profile) {
-            std::fprintf(stderr, "--profile: %s\n", error.c_str());
+        std::optional<hu::Speed> chosen = ChooseModem(run_options.profile, speed, transcript);
+        if (!chosen)
             return 2;
-        }
-        run_options.speed = speed.empty() ? profile->default_speed : *sim::ParseSpeed(speed);
-        if (!profile->Supports(run_options.speed)) {
-            std::fprintf(stderr, "--speed: the profile %s has no %s-speed descriptors\n",
-                         profile->name.c_str(), sim::SpeedName(run_options.speed));
-            return 2;
-        }
+        run_options.speed = *chosen;
         run_options.mode = run_modem == "loopback" ? sm::Modem::DataMode::kLoopback
                                                    : sm::Modem::DataMode::kCommand;
-        PrintOddities(profile->name, profile->At(run_options.speed), transcript);
         machine_options->real_time = true;
         sim::Machine machine(*machine_options, transcript);
         return sim::RunBridge(run_options, machine, transcript);
     }
     if (demo->parsed()) {
-        std::string error;
-        const sim::ModemProfile* profile = sim::FindModemProfile(demo_options.profile, &error);
-        if (!profile) {
-            std::fprintf(stderr, "--profile: %s\n", error.c_str());
+        std::optional<hu::Speed> chosen = ChooseModem(demo_options.profile, speed, transcript);
+        if (!chosen)
             return 2;
-        }
-        demo_options.speed = speed.empty() ? profile->default_speed : *sim::ParseSpeed(speed);
-        if (!profile->Supports(demo_options.speed)) {
-            std::fprintf(stderr, "--speed: the profile %s has no %s-speed descriptors\n",
-                         profile->name.c_str(), sim::SpeedName(demo_options.speed));
-            return 2;
-        }
-        PrintOddities(profile->name, profile->At(demo_options.speed), transcript);
+        demo_options.speed = *chosen;
         sim::Machine machine(*machine_options, transcript);
         return sim::RunDemo(demo_options, machine, transcript);
     }
