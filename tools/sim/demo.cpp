@@ -8,6 +8,7 @@
 #include "profiles.h"
 #include "summary.h"
 
+#include "hostkernel/iomgr.h"
 #include "hostkernel/power.h"
 
 #include <chrono>
@@ -23,9 +24,7 @@ std::string Address(uint32_t address) {
            std::to_string(address >> 8 & 0xff) + "." + std::to_string(address & 0xff);
 }
 
-std::string Narrow(const std::u16string& text) {
-    return std::string(text.begin(), text.end());
-}
+using hk::detail::Narrow;
 
 class Demo {
   public:
