@@ -95,6 +95,18 @@ class Pool {
     std::string LeakReport() const; // one line per tag still holding memory
     FaultSet& Faults() { return faults_; }
     uint64_t Allocations() const { return allocations_; }
+    // While one lives, allocations are not judged by the fault knobs: the
+    // system's own that cannot fail (the PnP manager's requests).
+    class Exempt {
+      public:
+        explicit Exempt(Pool& pool) : pool_(pool) { ++pool_.exempt_; }
+        ~Exempt() { --pool_.exempt_; }
+        Exempt(const Exempt&) = delete;
+        Exempt& operator=(const Exempt&) = delete;
+
+      private:
+        Pool& pool_;
+    };
     // Called with every block just before it goes back to the host, so a
     // test can look at what a driver left in memory it freed.
     using FreeObserver = std::function<void(const void* block, size_t bytes, ULONG tag)>;
@@ -110,6 +122,7 @@ class Pool {
     std::map<ULONG, Usage> tags_;
     FaultSet faults_;
     uint64_t allocations_ = 0;
+    int exempt_ = 0;
     FreeObserver free_observer_;
 };
 
@@ -153,6 +166,9 @@ inline constexpr const char* kPowerIrpIoCallDriver =
     "power IRP passed on with IoCallDriver instead of PoCallDriver";
 inline constexpr const char* kPowerIrpNotRequested =
     "power IRP sent that the power manager did not allocate";
+inline constexpr const char* kPowerIrpBlocked =
+    "a device object has been blocking a system power IRP for too long a time (the machine "
+    "stops: DRIVER_POWER_STATE_FAILURE)";
 inline constexpr const char* kIrpUnknown = "IRP used that is not allocated or was freed";
 inline constexpr const char* kIrpCompletedTwice = "IRP completed twice";
 inline constexpr const char* kIrpCompletedPending = "IRP completed with STATUS_PENDING";
@@ -338,6 +354,10 @@ struct KernelOptions {
     // The environment assignments that reproduce this machine.
     std::string Replay() const;
 };
+
+// A bug check: the machine stops at once (the process aborts), saying why
+// with the replay line.
+[[noreturn]] void StopMachine(const std::string& why);
 
 namespace detail {
 class Scheduler;

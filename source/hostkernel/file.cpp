@@ -7,6 +7,7 @@
 #include "hostkernel/scheduler.h"
 
 #include <algorithm>
+#include <optional>
 #include <cstdlib>
 
 using namespace hk::detail;
@@ -107,7 +108,15 @@ std::shared_ptr<PendingIo> File::Send(UCHAR major, ULONG code, const void* input
                                static_cast<const uint8_t*>(input) + input_length);
     request->output_.assign(output_length, 0);
 
-    PIRP irp = IoAllocateIrp(target->StackSize, FALSE);
+    PIRP irp;
+    {
+        // Cleanup and close do not fail for want of memory: a handle
+        // always closes.
+        std::optional<Pool::Exempt> exempt;
+        if (major == IRP_MJ_CLEANUP || major == IRP_MJ_CLOSE)
+            exempt.emplace(Kernel::Current().pool());
+        irp = IoAllocateIrp(target->StackSize, FALSE);
+    }
     if (!irp) {
         request->result_ = {STATUS_INSUFFICIENT_RESOURCES, 0};
         request->done_ = true;

@@ -101,7 +101,12 @@ std::vector<UCHAR> PnpDevice::Sequence() const {
 PnpAnswer PnpManager::Send(PDEVICE_OBJECT device, UCHAR minor,
                            const std::function<void(IO_STACK_LOCATION&)>& fill) {
     detail::CheckIoIrql("a PnP request", PASSIVE_LEVEL);
-    PIRP irp = IoAllocateIrp(device->StackSize, FALSE);
+    PIRP irp;
+    {
+        // The PnP manager's requests do not fail for want of memory.
+        Pool::Exempt exempt(Kernel::Current().pool());
+        irp = IoAllocateIrp(device->StackSize, FALSE);
+    }
     irp->IoStatus.Status = STATUS_NOT_SUPPORTED;
     PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(irp);
     next->MajorFunction = IRP_MJ_PNP;
@@ -443,6 +448,9 @@ void PnpManager::Start(PnpDevice& device) {
         if (NT_SUCCESS(device.add_device))
             device.problems.push_back("AddDevice attached no device object");
         device.state = PnpState::kAddFailed;
+        // A driver left without device objects is unloaded, as after a removal.
+        if (object->DeviceObject == nullptr)
+            DriverIdle(object);
         return;
     }
     device.capabilities = {};

@@ -36,7 +36,7 @@ void* Pool::Allocate(POOL_TYPE type, size_t bytes, ULONG tag) {
                                                    " allocation at IRQL " + std::to_string(irql));
     }
     ++allocations_;
-    if (faults_.ShouldFail(tag))
+    if (exempt_ == 0 && faults_.ShouldFail(tag))
         return nullptr;
     void* block = paged ? detail::MapPagedBlock(bytes, tag) : std::malloc(bytes ? bytes : 1);
     if (!block)

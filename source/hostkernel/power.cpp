@@ -30,6 +30,20 @@ using namespace hk::detail;
 
 namespace {
 
+constexpr int64_t kPowerWatchdog100ns = 10LL * 60 * 1000 * 1000 * 10; // ten minutes
+
+struct PowerWatchdog {
+    KTIMER timer;
+    KDPC dpc;
+    std::string what;
+};
+
+VOID NTAPI PowerWatchdogDpc(PKDPC, PVOID context, PVOID, PVOID) {
+    auto* watchdog = static_cast<PowerWatchdog*>(context);
+    hk::Kernel::Current().verifier().Violation(hk::rule::kPowerIrpBlocked, watchdog->what);
+    hk::StopMachine("the power watchdog stopped the machine");
+}
+
 void Violation(const char* rule_name, const std::string& detail) {
     hk::Kernel::Current().verifier().Violation(rule_name, detail);
 }
@@ -229,8 +243,20 @@ NTSTATUS PowerManager::Send(const std::string& instance, PDEVICE_OBJECT pdo, UCH
             KeSetEvent(&done.event, IO_NO_INCREMENT, FALSE);
         };
         active_action_ = action;
+        // Windows' power watchdog stops the machine when a stack holds a
+        // system power IRP for ten minutes; the driver may hold it inside
+        // its dispatch routine, so the watchdog is a timer of its own.
+        PowerWatchdog watchdog;
+        watchdog.what = instance + " held its " + (minor == IRP_MN_QUERY_POWER ? "query" : "set") +
+                        "-power IRP for S" + std::to_string(int(state) - 1) + " for ten minutes";
+        KeInitializeTimer(&watchdog.timer);
+        KeInitializeDpc(&watchdog.dpc, PowerWatchdogDpc, &watchdog);
+        LARGE_INTEGER limit;
+        limit.QuadPart = -kPowerWatchdog100ns;
+        KeSetTimer(&watchdog.timer, limit, &watchdog.dpc);
         CallDriver(top, irp, true);
         KeWaitForSingleObject(&done.event, Executive, KernelMode, FALSE, nullptr);
+        KeCancelTimer(&watchdog.timer);
         active_action_ = PowerActionNone;
         request.status = done.status;
     }

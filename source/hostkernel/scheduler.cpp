@@ -452,3 +452,15 @@ void Scheduler::CheckTeardown(const EmuThread* main, const EmuThread* worker) {
 }
 
 } // namespace hk::detail
+
+namespace hk {
+
+void StopMachine(const std::string& why) {
+    std::fflush(stdout);
+    std::fprintf(stderr, "machine stopped: %s (replay: %s, virtual time %lld ms)\n", why.c_str(),
+                 Kernel::Current().Options().Replay().c_str(),
+                 static_cast<long long>(Kernel::Current().NowMs()));
+    std::abort();
+}
+
+} // namespace hk

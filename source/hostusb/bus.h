@@ -90,12 +90,13 @@ class Device {
 enum class Fault {
     kStall,         // the transfer stalls and the endpoint stays halted until reset
     kError,         // the transfer fails with the knob's USBD status
-    kNoAnswer,      // a control request that never completes; only a cancel ends it
+    kNoAnswer,      // a request or transfer that never completes; only a cancel ends it
     kDelay,         // the completion, or the cancellation, comes delay_ms later than modelled
     kResetPipeFail, // reset pipe fails with the knob's USBD status
     kResetPortFail, // IOCTL_INTERNAL_USB_RESET_PORT fails
     kHubQueryFail,  // GET_PARENT_HUB_INFO and the hub's node information fail
     kDeviceGone,    // from this URB on the device is gone
+    kUnplug,        // the device is pulled out as this URB arrives (a surprise removal)
     kInline,        // a bulk or interrupt transfer fails with the knob's status inside IoCallDriver
 };
 constexpr uint32_t EndpointKey(uint8_t address) {

@@ -229,6 +229,7 @@ struct Bus::Impl {
     void DataReady(PortState* port, uint8_t endpoint);
     PortState* Port(int number) const;
     void MarkGone(PortState* port);
+    bool Unplugged(PortState* port); // after MarkGone, outside the lock
     void DeleteFunctions(PortState* port);
 };
 

@@ -86,6 +86,8 @@ NTSTATUS AnswerStrings(PIRP irp, const std::vector<std::string>& strings, bool m
     size_t units = multi ? 1 : 0;
     for (const std::string& text : strings)
         units += text.size() + 1;
+    // The hub's answers are not the driver's allocations to survive.
+    hk::Pool::Exempt exempt(hk::Kernel::Current().pool());
     auto* buffer =
         static_cast<PWCHAR>(ExAllocatePoolWithTag(PagedPool, units * sizeof(WCHAR), kIdTag));
     if (buffer == nullptr) {
@@ -166,6 +168,7 @@ NTSTATUS Bus::Impl::HubPnp(PIRP irp) {
         }
     }
     size_t bytes = sizeof(DEVICE_RELATIONS) + present.size() * sizeof(PDEVICE_OBJECT);
+    hk::Pool::Exempt exempt(hk::Kernel::Current().pool());
     auto* relations =
         static_cast<PDEVICE_RELATIONS>(ExAllocatePoolWithTag(PagedPool, bytes, kIdTag));
     if (relations == nullptr) {
