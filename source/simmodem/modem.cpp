@@ -326,14 +326,22 @@ void Modem::PushFrames(const std::vector<std::vector<uint8_t>>& contents, size_t
         packets.insert(packets.end(), {kMagicLow, kMagicHigh, uint8_t(word >> 8), uint8_t(word)});
         packets.insert(packets.end(), content.begin(), content.end());
     }
-    Push(packets, function);
+    if (record_to_host_)
+        f.to_host.frames.insert(f.to_host.frames.end(), contents.begin(), contents.end());
+    Queue(packets, f);
+}
+
+void Modem::Push(const std::vector<uint8_t>& data, size_t function) {
+    FunctionData& f = functions_.at(function);
+    if (record_to_host_)
+        f.to_host.text.insert(f.to_host.text.end(), data.begin(), data.end());
+    Queue(data, f);
 }
 
 // Each push ends with a short packet, or with a zero-length one when its
 // last packet is full (an empty push is a zero-length packet alone), so a
 // host transfer never runs from one push into the next.
-void Modem::Push(const std::vector<uint8_t>& data, size_t function) {
-    FunctionData& f = functions_.at(function);
+void Modem::Queue(const std::vector<uint8_t>& data, FunctionData& f) {
     size_t packet = f.bulk_in_packet;
     for (size_t at = 0; at < data.size(); at += packet)
         f.in_packets.emplace_back(data.begin() + long(at),

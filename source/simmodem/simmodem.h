@@ -172,6 +172,17 @@ class Modem : public hu::Device {
     void Push(const std::vector<uint8_t>& data, size_t function = 0);
     std::vector<uint8_t> Pull(size_t function = 0);
 
+    // Everything the modem gave its bulk-in endpoint for the host, when
+    // recording was switched on: plain bytes, and the contents of the frames
+    // it sent in framing mode, each in order. A tool checks what reached the
+    // application against it.
+    struct ToHost {
+        std::vector<uint8_t> text;
+        std::vector<std::vector<uint8_t>> frames;
+    };
+    void RecordToHost(bool on) { record_to_host_ = on; }
+    const ToHost& SentToHost(size_t function = 0) const { return functions_.at(function).to_host; }
+
     // Framing mode, switched by the start and stop framing requests. The
     // host's bulk-out stream is parsed into modem packets: each packet with
     // good magic and the next sequence number is kept as received (content
@@ -238,11 +249,13 @@ class Modem : public hu::Device {
         // A result code of a hang-up while framing is on waits until the
         // host has stopped framing, so that it arrives as plain text.
         std::vector<uint8_t> after_framing;
+        ToHost to_host;
     };
     const ConfigurationTable* Selected() const;
     void Configure(uint8_t value);
     FunctionData* ByEndpoint(uint8_t endpoint);
     FunctionData* ByCommInterface(uint8_t interface);
+    void Queue(const std::vector<uint8_t>& data, FunctionData& f);
     void StartFraming(FunctionData& f);
     void ParseStream(FunctionData& f);
     void Notify(size_t function, std::vector<uint8_t> packet);
@@ -259,6 +272,7 @@ class Modem : public hu::Device {
     Profile profile_;
     DataMode mode_;
     uint8_t configuration_ = 0;
+    bool record_to_host_ = false;
     std::vector<FunctionData> functions_;
     std::vector<RecordedRequest> requests_;
     std::vector<uint8_t> line_coding_{0x80, 0x25, 0, 0, 0, 0, 8}; // 9600 8N1
