@@ -58,6 +58,36 @@ bool AppPort::Check(comm::BOOL ok) {
     return ok != 0;
 }
 
+bool RunGuarded(comm::HANDLE handle, uint32_t limit_ms, const std::function<void()>& call) {
+    comm::HANDLE done = comm::CreateEvent(nullptr, 1, 0, nullptr);
+    bool fired = false;
+    hk::Thread watchdog("application watchdog", [&] {
+        if (comm::WaitForSingleObject(done, limit_ms) == comm::WAIT_TIMEOUT) {
+            fired = true;
+            comm::PurgeComm(handle, comm::PURGE_RXABORT | comm::PURGE_TXABORT);
+        }
+    });
+    call();
+    comm::SetEvent(done);
+    watchdog.Join();
+    comm::CloseHandle(done);
+    return !fired;
+}
+
+void AppPort::Guard(const std::function<void()>& call) {
+    watchdog_fired_ = false;
+    if (watchdog_ms_ == 0)
+        call();
+    else
+        watchdog_fired_ = !RunGuarded(handle_, watchdog_ms_, call);
+}
+
+void AppPort::Received(const Bytes& bytes) {
+    bytes_read_ += bytes.size();
+    if (reception_)
+        reception_->Read(bytes, client_reading_);
+}
+
 bool AppPort::Open(const std::string& name, bool overlapped) {
     handle_ =
         comm::CreateFile(name.c_str(), comm::GENERIC_READ | comm::GENERIC_WRITE, 0, nullptr,
@@ -115,7 +145,7 @@ bool AppPort::Read(uint32_t count, std::optional<uint32_t> total_ms, Bytes* byte
     comm::DWORD read = 0;
     bool ok = Check(comm::ReadFile(handle_, bytes->data(), count, &read, nullptr));
     bytes->resize(read);
-    bytes_read_ += read;
+    Received(*bytes);
     return ok;
 }
 
@@ -142,7 +172,7 @@ bool AppPort::FinishRead(uint32_t ms, Bytes* bytes) {
     comm::DWORD read = 0;
     Check(comm::GetOverlappedResult(handle_, &pending_->overlapped, &read, 0));
     bytes->assign(pending_->buffer.begin(), pending_->buffer.begin() + read);
-    bytes_read_ += read;
+    Received(*bytes);
     pending_.reset();
     return true;
 }
@@ -169,8 +199,12 @@ std::optional<comm::DWORD> AppPort::WaitEvent(uint32_t ms) {
 
 bool AppPort::Write(const Bytes& bytes) {
     comm::DWORD written = 0;
-    bool ok =
-        Check(comm::WriteFile(handle_, bytes.data(), comm::DWORD(bytes.size()), &written, nullptr));
+    comm::BOOL wrote = 0;
+    Guard([&] {
+        wrote =
+            comm::WriteFile(handle_, bytes.data(), comm::DWORD(bytes.size()), &written, nullptr);
+    });
+    bool ok = Check(wrote);
     bytes_written_ += written;
     return ok && written == bytes.size();
 }
@@ -186,10 +220,14 @@ Bytes AppPort::ReadSome(uint32_t ms) {
         return {};
     Bytes bytes(4096);
     comm::DWORD read = 0;
-    if (!Check(comm::ReadFile(handle_, bytes.data(), comm::DWORD(bytes.size()), &read, nullptr)))
+    comm::BOOL ok = 0;
+    Guard([&] {
+        ok = comm::ReadFile(handle_, bytes.data(), comm::DWORD(bytes.size()), &read, nullptr);
+    });
+    if (!Check(ok))
         return {};
     bytes.resize(read);
-    bytes_read_ += read;
+    Received(bytes);
     return bytes;
 }
 

@@ -9,9 +9,12 @@
 // call may block it in virtual time.
 #pragma once
 
+#include "delivery.h"
+
 #include "comm/comm.h"
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -25,6 +28,12 @@ using Bytes = std::vector<uint8_t>;
 std::string DescribeError(comm::DWORD error);
 // Bytes as text: printable ASCII as it stands, CR, LF and others escaped.
 std::string Printable(const Bytes& bytes);
+
+// Runs a call that may block the application thread; when it has not
+// returned after limit_ms of virtual time, a watchdog thread aborts the
+// handle's reads and writes (PurgeComm), as another thread of a careful
+// program does. False when the watchdog fired.
+bool RunGuarded(comm::HANDLE handle, uint32_t limit_ms, const std::function<void()>& call);
 
 class AppPort {
   public:
@@ -70,6 +79,18 @@ class AppPort {
     // this thread too).
     std::optional<comm::DWORD> WaitEvent(uint32_t ms);
 
+    // Every byte read from now on is also kept there (null: nowhere), marked
+    // as the PPP client's while it reads.
+    void SetReception(Reception* reception) { reception_ = reception; }
+    Reception* reception() const { return reception_; }
+    void SetClientReading(bool reading) { client_reading_ = reading; }
+
+    // Write and ReadSome are guarded by RunGuarded with this limit from now
+    // on (0: not guarded); WatchdogFired tells whether the last one was
+    // aborted.
+    void SetWatchdog(uint32_t limit_ms) { watchdog_ms_ = limit_ms; }
+    bool WatchdogFired() const { return watchdog_fired_; }
+
     // Counts one request made directly on Handle() and keeps its error.
     bool Record(comm::BOOL ok) { return Check(ok); }
 
@@ -84,6 +105,8 @@ class AppPort {
         void operator()(PendingRead* read) const;
     };
     bool Check(comm::BOOL ok);
+    void Received(const Bytes& bytes);
+    void Guard(const std::function<void()>& call);
     // Sets the port's time-outs unless they are in force already.
     bool Use(const comm::COMMTIMEOUTS& timeouts);
     comm::HANDLE handle_ = comm::INVALID_HANDLE_VALUE;
@@ -92,6 +115,10 @@ class AppPort {
     std::optional<comm::COMMTIMEOUTS> in_force_; // what the port is set to, when known
     std::unique_ptr<PendingRead, PendingReadDelete> pending_;
     uint64_t bytes_written_ = 0, bytes_read_ = 0, requests_ = 0;
+    Reception* reception_ = nullptr;
+    bool client_reading_ = false;
+    uint32_t watchdog_ms_ = 0;
+    bool watchdog_fired_ = false;
 };
 
 } // namespace sim

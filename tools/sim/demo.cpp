@@ -26,6 +26,12 @@ std::string Address(uint32_t address) {
 
 using hk::detail::Narrow;
 
+constexpr comm::DWORD kWriteTimeoutMs = 5000;
+// A read or write that has not returned after this long is aborted by the
+// application (a driver that keeps a request forever would otherwise stop
+// the demo).
+constexpr uint32_t kWatchdogMs = 30000;
+
 class Demo {
   public:
     Demo(const DemoOptions& options, Machine& machine, Transcript& transcript)
@@ -34,11 +40,12 @@ class Demo {
     int Run();
 
   private:
-    // A step's outcome: a failed check is printed and counted.
-    bool Check(bool ok, const std::string& what) {
+    // A step's outcome: a failed check is printed and kept, with the Win32
+    // error of the call that failed (0: an answer that did not come).
+    bool Check(bool ok, const std::string& what, comm::DWORD error = 0) {
         if (!ok) {
             say_.Problem(what);
-            ++failed_;
+            failures_.push_back({what, error});
         }
         return ok;
     }
@@ -67,7 +74,7 @@ class Demo {
     AppPort port_;
     int bus_port_ = 0;
     std::string com_;
-    size_t failed_ = 0;
+    std::vector<StepFailure> failures_;
 };
 
 Demo::Start Demo::PlugAndName() {
@@ -109,8 +116,10 @@ Demo::Start Demo::PlugAndName() {
 }
 
 bool Demo::OpenAndConfigure() {
+    port_.SetReception(&machine_.ReceptionOf(com_));
     bool opened = port_.Open(com_);
-    if (!Check(opened, "CreateFile(" + com_ + ") failed: " + DescribeError(port_.LastError())))
+    if (!Check(opened, "CreateFile(" + com_ + ") failed: " + DescribeError(port_.LastError()),
+               port_.LastError()))
         return false;
     say_.Step("CreateFile(\"" + com_ + "\") opened the port");
     // BuildCommDCB changes only the fields its text names, so it starts from
@@ -124,8 +133,15 @@ bool Demo::OpenAndConfigure() {
     dcb.XonChar = 0x11;
     dcb.XoffChar = 0x13;
     ok = ok && comm::SetCommState(port_.Handle(), &dcb);
-    if (!Check(ok, "the line settings failed: " + DescribeError(comm::GetLastError())))
+    // Writes give up after a while, as a dial-up stack's do, so that a modem
+    // that stops taking data fails the step instead of blocking it forever.
+    comm::COMMTIMEOUTS timeouts{};
+    timeouts.WriteTotalTimeoutConstant = kWriteTimeoutMs;
+    ok = ok && port_.SetTimeouts(timeouts);
+    comm::DWORD error = comm::GetLastError();
+    if (!Check(ok, "the line settings failed: " + DescribeError(error), error))
         return false;
+    port_.SetWatchdog(kWatchdogMs);
     const Bytes& coding = machine_.ModemOn(bus_port_)->LineCoding();
     uint32_t rate = coding.size() == 7
                         ? coding[0] | coding[1] << 8 | coding[2] << 16 | uint32_t(coding[3]) << 24
@@ -142,7 +158,7 @@ bool Demo::Command(const std::string& command, const std::string& answer, uint32
                    const std::vector<std::string>& other_answers) {
     say_.Step("> " + command);
     bool written = port_.Write(command + "\r");
-    if (!Check(written, "WriteFile failed: " + DescribeError(port_.LastError())))
+    if (!Check(written, "WriteFile failed: " + DescribeError(port_.LastError()), port_.LastError()))
         return false;
     Bytes got;
     std::string text;
@@ -157,6 +173,9 @@ bool Demo::Command(const std::string& command, const std::string& answer, uint32
     int64_t deadline = machine_.NowMs() + within_ms;
     while (!answered() && machine_.NowMs() < deadline) {
         Bytes some = port_.ReadSome(uint32_t(deadline - machine_.NowMs()));
+        if (port_.WatchdogFired())
+            say_.Detail("ReadFile had not returned after " + std::to_string(kWatchdogMs / 1000) +
+                        " s: the application aborted it (PurgeComm)");
         got.insert(got.end(), some.begin(), some.end());
         text.assign(got.begin(), got.end());
     }
@@ -191,7 +210,7 @@ Demo::DialResult Demo::Dial() {
                     " ms of dialling");
         return Carrier(true) ? DialResult::kConnected : DialResult::kFailed;
     }
-    if (failed_ != 0)
+    if (!failures_.empty())
         return DialResult::kFailed;
     say_.Detail("the modem did not connect: nothing to negotiate this time");
     return DialResult::kNoConnection;
@@ -267,7 +286,8 @@ bool Demo::HangUp(PppClient& client) {
     client.Close();
     client.RunUntil([&] { return client.engine().Lcp() != ppp::Engine::State::kClosing; }, 1000);
     say_.Step("the PPP client terminated LCP; EscapeCommFunction(CLRDTR) hangs up");
-    Check(comm::EscapeCommFunction(port_.Handle(), comm::CLRDTR), "CLRDTR failed");
+    bool cleared = comm::EscapeCommFunction(port_.Handle(), comm::CLRDTR);
+    Check(cleared, "CLRDTR failed", comm::GetLastError());
     Bytes got = port_.ReadUntil("NO CARRIER", 2000);
     say_.Step("< " + Printable(got));
     sm::Modem& modem = *machine_.ModemOn(bus_port_);
@@ -275,8 +295,8 @@ bool Demo::HangUp(PppClient& client) {
                     "no NO CARRIER after the hang-up") &&
               Carrier(false) && Check(!modem.Framing(), "the modem is still framing");
     say_.Detail("the modem stopped framing at the driver's request; plain text flows again");
-    return ok && Check(comm::EscapeCommFunction(port_.Handle(), comm::SETDTR), "SETDTR failed") &&
-           Command("AT", "OK", 500);
+    bool set = ok && comm::EscapeCommFunction(port_.Handle(), comm::SETDTR);
+    return ok && Check(set, "SETDTR failed", comm::GetLastError()) && Command("AT", "OK", 500);
 }
 
 bool Demo::ReplugWithThePortOpen() {
@@ -307,7 +327,8 @@ bool Demo::ReplugWithThePortOpen() {
                 " is a new data port, so the application opens " + com_ + " again");
     bool closed = port_.Close();
     bool opened = closed && port_.Open(com_);
-    return Check(opened, "reopening " + com_ + " failed: " + DescribeError(port_.LastError())) &&
+    return Check(opened, "reopening " + com_ + " failed: " + DescribeError(port_.LastError()),
+                 port_.LastError()) &&
            Command("AT", "OK", 500);
 }
 
@@ -332,7 +353,7 @@ bool Demo::SleepAndResume() {
 void Demo::CloseUnplugAndUnload() {
     if (port_.IsOpen()) {
         bool closed = port_.Close();
-        Check(closed, "CloseHandle failed: " + DescribeError(port_.LastError()));
+        Check(closed, "CloseHandle failed: " + DescribeError(port_.LastError()), port_.LastError());
         say_.Step("CloseHandle: the driver drains its send buffer and stops the transfers");
     }
     machine_.Unplug(bus_port_);
@@ -359,7 +380,7 @@ int Demo::Run() {
     else if (port_.IsOpen())
         port_.Close();
     AppTotals totals{port_.BytesWritten(), port_.BytesRead(), port_.Requests()};
-    return Conclude(say_, machine_, totals, wall_start, failed_);
+    return Conclude(say_, machine_, totals, wall_start, failures_);
 }
 
 } // namespace

@@ -9,6 +9,8 @@
 // kernel's first application thread and must call every member.
 #pragma once
 
+#include "delivery.h"
+#include "fault_point.h"
 #include "transcript.h"
 
 #include "hostkernel/emu.h"
@@ -34,8 +36,12 @@ struct MachineOptions {
     // are printed only when asked for.
     uint32_t trace_mask = 0x3; // assertions and errors
     bool print_trace = false;
-    std::string capture_file;  // empty: no capture
-    std::string timeline_file; // empty: no timeline
+    std::string capture_file;        // empty: no capture
+    std::string timeline_file;       // empty: no timeline
+    std::optional<FaultPoint> fault; // one fault injected at a point of the session
+    // Keeps what the modems send and the application reads, and checks one
+    // against the other at shutdown (a long real-time session does not).
+    bool check_delivery = true;
 };
 
 class Machine {
@@ -57,8 +63,8 @@ class Machine {
     std::vector<int> Ports() const;
     // The instance the PnP manager gave the port's first function, and the
     // COM name kept for it ("" when the modem has none yet).
-    std::string InstanceOf(int port) const;
-    std::string ComNameOf(int port) const;
+    std::string InstanceOf(int port, size_t function = 0) const;
+    std::string ComNameOf(int port, size_t function = 0) const;
     bool DriverLoaded() const;
 
     // Lets the virtual clock run for ms.
@@ -69,6 +75,18 @@ class Machine {
     void SetTrace(uint32_t mask, bool print);
     bool PrintsTrace() const { return options_.print_trace; }
     uint32_t TraceMask() const { return options_.trace_mask; }
+
+    // What the application reads from a COM port, over every handle opened
+    // on it; checked at shutdown against what the modems sent toward it.
+    Reception& ReceptionOf(const std::string& com) { return receptions_[com]; }
+
+    // Takes every fault a session armed away; the session's own fault
+    // point, when it has not fired yet, and the counts of fault sites stay.
+    void ClearFaults();
+    const std::optional<FaultPoint>& Fault() const { return options_.fault; }
+    bool FaultFired() const;
+    // The calls of each fault site so far (to the end, after shutdown).
+    FaultSites Sites() const;
 
     // Verifier reports and assertion lines so far, printed as they come.
     size_t Problems() const { return verifier_reports_.size() + AssertionLines(); }
@@ -90,7 +108,13 @@ class Machine {
     const Counters& counters() const { return counters_; }
 
   private:
+    static VOID NTAPI HangDpc(PKDPC dpc, PVOID context, PVOID, PVOID);
+    // The driver's last error lines, as details: what a stopped machine
+    // was doing.
+    void ShowLastDriverErrors();
     void CountUrbs(int port);
+    void ArmFaults(FaultSites seen);
+    std::optional<std::string> CheckReceptions() const;
 
     MachineOptions options_;
     Transcript& transcript_;
@@ -98,6 +122,28 @@ class Machine {
     std::unique_ptr<hk::Kernel> kernel_;
     std::unique_ptr<hu::Bus> bus_;
     std::map<int, std::shared_ptr<sm::Modem>> modems_;
+    // Every modem plugged, in order, with the COM name of each function.
+    struct Plugged {
+        std::shared_ptr<sm::Modem> modem;
+        std::vector<std::string> com_names;
+    };
+    std::vector<Plugged> plugged_;
+    std::map<std::string, Reception> receptions_;
+    // The fault knobs' calls are kept across ClearFaults.
+    struct Knobs {
+        hk::FaultKnob* pool = nullptr;
+        hu::UsbFaultKnob* requests = nullptr;
+        hu::UsbFaultKnob* urbs = nullptr;
+        hk::FaultKnob* fault = nullptr;
+    } knobs_;
+    FaultSites sites_before_; // counted by knobs since cleared
+    uint64_t fault_calls_before_ = 0;
+    bool fault_fired_ = false;
+    // A session in virtual time that has not ended after this long hangs:
+    // the machine stops and says so.
+    static constexpr int64_t kHangMs = 30 * 60 * 1000;
+    KTIMER hang_timer_;
+    KDPC hang_dpc_;
     std::vector<std::string> verifier_reports_;
     Counters counters_;
     std::map<int, uint64_t> urbs_at_plug_; // the bus's count for the port at the plug

@@ -5,6 +5,7 @@
 // descriptors as lsusb lays them out). demo, script and run take the common
 // options: --seed, --trace, --capture, --timeline, --log and --interleave
 // (not run); every subcommand takes --profiles DIR.
+#include "campaign.h"
 #include "demo.h"
 #include "descriptors.h"
 #include "machine.h"
@@ -21,8 +22,20 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <thread>
+#include <unistd.h>
 
 namespace {
+
+// The path children of a campaign run: this program's own, absolute, so
+// that the replay commands work from any folder.
+std::string ProgramPath(const char* argv0) {
+    char path[4096];
+    ssize_t length = readlink("/proc/self/exe", path, sizeof path - 1);
+    if (length <= 0)
+        return argv0;
+    return std::string(path, size_t(length));
+}
 
 struct Common {
     std::string profiles; // a folder of profile files beside the built-in ones
@@ -32,6 +45,8 @@ struct Common {
     std::string timeline;
     std::string log;
     std::string interleave;
+    std::string fault;
+    std::string sites_file;
 };
 
 void AddProfilesOption(CLI::App& command, Common& common) {
@@ -66,6 +81,32 @@ void AddCommon(CLI::App& command, Common& common) {
         ->type_name("MODE");
 }
 
+// The options a session run by a campaign takes: its fault point, and the
+// file its count of fault sites goes to.
+void AddFaultOptions(CLI::App& command, Common& common) {
+    command
+        .add_option("--fault", common.fault,
+                    "inject one fault: KIND:N fails the N-th call of its kind (pool: pool "
+                    "allocations; stall, error, no-answer: USB transfers and control requests; "
+                    "gone, removal: the device stops answering, or is pulled out, as the N-th "
+                    "URB arrives); campaign prints these in its replay commands")
+        ->type_name("KIND:N");
+    command
+        .add_option("--fault-sites", common.sites_file,
+                    "write how many calls each kind of fault could fail to FILE (campaign uses it)")
+        ->type_name("FILE");
+}
+
+// Writes the session's count of fault sites where --fault-sites asked.
+bool WriteSites(const std::string& file, const sim::FaultSites& sites) {
+    if (file.empty())
+        return true;
+    std::ofstream out(file);
+    out << "pool " << sites.pool << "\nrequests " << sites.requests << "\nurbs " << sites.urbs
+        << "\n";
+    return bool(out);
+}
+
 // The machine the common options ask for; nullopt (with a message) when
 // one is malformed.
 std::optional<sim::MachineOptions> MachineFrom(const Common& common, sim::Transcript& transcript) {
@@ -81,6 +122,13 @@ std::optional<sim::MachineOptions> MachineFrom(const Common& common, sim::Transc
         return std::nullopt;
     }
     options.interleave = *interleave;
+    if (!common.fault.empty()) {
+        options.fault = sim::ParseFaultPoint(common.fault, &error);
+        if (!options.fault) {
+            std::fprintf(stderr, "--fault: %s\n", error.c_str());
+            return std::nullopt;
+        }
+    }
     if (!common.trace.empty()) {
         options.print_trace = true;
         if (common.trace == "all") {
@@ -240,6 +288,7 @@ int main(int argc, char** argv) {
                 "PPP and pings through the driver, hang up, re-plug with the port open, "
                 "sleep and resume, close, unplug and unload");
     AddCommon(*demo, common);
+    AddFaultOptions(*demo, common);
     std::string profile_help = "the modem profile, a profile file's path or one of:";
     for (const sim::ProfileInfo& info : sim::ProfileNames())
         profile_help += " " + info.name;
@@ -260,6 +309,7 @@ int main(int argc, char** argv) {
                   "when one failed or the machine did not end clean, 2 for a file that cannot "
                   "be read or is malformed");
     AddCommon(*script, common);
+    AddFaultOptions(*script, common);
     script->add_option("FILE", scenario, "the scenario file")->required();
 
     sim::RunOptions run_options;
@@ -281,6 +331,52 @@ int main(int argc, char** argv) {
     run->add_option("--link", run_options.link, "also make a symbolic link PATH to the terminal")
         ->type_name("PATH");
 
+    sim::CampaignOptions campaign_options;
+    campaign_options.jobs = std::max(1u, std::thread::hardware_concurrency());
+    std::vector<std::string> campaign_kinds;
+    CLI::App* campaign = app.add_subcommand(
+        "campaign",
+        "run a scenario once per fault point: every pool allocation failed in turn, every USB "
+        "transfer and control request stalled, failed, left unanswered in turn, the device gone "
+        "or pulled out at every URB, and the interleaving machine under many seeds; a failing "
+        "run prints the command that replays it; exit status 0 when every run passed");
+    campaign
+        ->add_option("SCENARIO", campaign_options.scenarios,
+                     "demo, or scenario files (default: demo)")
+        ->type_name("demo|FILE");
+    AddProfilesOption(*campaign, common);
+    campaign->add_option("--profile", demo_options.profile, "the demo's modem profile")
+        ->type_name("NAME|FILE");
+    campaign
+        ->add_option("--kinds", campaign_kinds,
+                     "the kinds of faults (default: all): pool, stall, gone, error, "
+                     "no-answer, removal")
+        ->delimiter(',')
+        ->check(CLI::IsMember({"pool", "stall", "gone", "error", "no-answer", "removal"}));
+    campaign
+        ->add_option("--interleave-seeds", campaign_options.interleave_seeds,
+                     "runs on the interleaving machine, one per seed from 1 (0: none)")
+        ->capture_default_str();
+    campaign
+        ->add_option("--sample", campaign_options.sample,
+                     "run at most N points of each kind, spread evenly (0: every point)")
+        ->type_name("N")
+        ->capture_default_str();
+    campaign->add_option("--jobs", campaign_options.jobs, "runs at once")
+        ->check(CLI::Range(1, 256));
+    campaign->add_option("--seed", campaign_options.seed, "the seed of the fault runs")
+        ->capture_default_str();
+    campaign
+        ->add_option("--known", campaign_options.known_file,
+                     "findings already known: lines of KIND TEXT # why; a failed run of that "
+                     "kind whose report contains TEXT is listed as known and does not fail")
+        ->type_name("FILE");
+    campaign
+        ->add_option("--timeout", campaign_options.timeout_s,
+                     "seconds of wall time after which a run counts as hung")
+        ->check(CLI::Range(1, 86400))
+        ->capture_default_str();
+
     std::string modem_name;
     CLI::App* modems = app.add_subcommand(
         "modems", "list the modem profiles, or print one's descriptors as lsusb -v lays them "
@@ -300,6 +396,21 @@ int main(int argc, char** argv) {
     }
     if (modems->parsed())
         return Modems(modem_name, speed);
+    if (campaign->parsed()) {
+        campaign_options.program = ProgramPath(argv[0]);
+        if (campaign_options.scenarios.empty())
+            campaign_options.scenarios = {"demo"};
+        if (!campaign_kinds.empty()) {
+            campaign_options.kinds.clear();
+            for (const std::string& kind : campaign_kinds)
+                campaign_options.kinds.push_back(*sim::ParseFaultKind(kind));
+        }
+        if (campaign->count("--profile"))
+            campaign_options.demo_options = {"--profile", demo_options.profile};
+        if (!common.profiles.empty())
+            campaign_options.common_options = {"--profiles", common.profiles};
+        return sim::RunCampaign(campaign_options);
+    }
     sim::Transcript transcript;
     std::optional<sim::MachineOptions> machine_options = MachineFrom(common, transcript);
     if (!machine_options)
@@ -317,6 +428,7 @@ int main(int argc, char** argv) {
         run_options.mode = run_modem == "loopback" ? sm::Modem::DataMode::kLoopback
                                                    : sm::Modem::DataMode::kCommand;
         machine_options->real_time = true;
+        machine_options->check_delivery = false;
         sim::Machine machine(*machine_options, transcript);
         return sim::RunBridge(run_options, machine, transcript);
     }
@@ -326,7 +438,8 @@ int main(int argc, char** argv) {
             return 2;
         demo_options.speed = *chosen;
         sim::Machine machine(*machine_options, transcript);
-        return sim::RunDemo(demo_options, machine, transcript);
+        int status = sim::RunDemo(demo_options, machine, transcript);
+        return WriteSites(common.sites_file, machine.Sites()) ? status : 2;
     }
     if (script->parsed()) {
         // The whole file is read and checked before anything runs.
@@ -342,7 +455,8 @@ int main(int argc, char** argv) {
             return 2;
         }
         sim::Machine machine(*machine_options, transcript);
-        return sim::RunScript(scenario, parsed.commands, machine, transcript);
+        int status = sim::RunScript(scenario, parsed.commands, machine, transcript);
+        return WriteSites(common.sites_file, machine.Sites()) ? status : 2;
     }
     return 2;
 }

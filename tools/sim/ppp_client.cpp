@@ -32,12 +32,17 @@ bool PppClient::RunUntil(const std::function<bool()>& done, uint32_t ms) {
             }
             restart_at = now + kRestartMs;
         }
+        port_.SetClientReading(true);
         Bytes bytes = port_.ReadSome(uint32_t(std::min(deadline, restart_at) - now));
+        port_.SetClientReading(false);
         std::vector<ppp::Bytes> frames = framing_.Decode(bytes);
         if (!frames.empty())
             restart_at = kernel.NowMs() + kRestartMs;
-        for (const ppp::Bytes& frame : frames)
+        for (const ppp::Bytes& frame : frames) {
+            if (port_.reception())
+                port_.reception()->Frame(frame);
             engine_.Receive(frame);
+        }
         if (!accm_agreed_ && engine_.Lcp() == ppp::Engine::State::kOpened) {
             // From now on only what the peer asked for is escaped.
             framing_.SetSendAccm(engine_.PeerAccm());

@@ -435,7 +435,8 @@ int Bridge::Run() {
     com_ = machine_.ComNameOf(bus_port_);
     if (com_.empty()) {
         say_.Problem("the driver did not start the modem (profile " + profile->name + ")");
-        return Conclude(say_, machine_, totals_, wall_start, 1);
+        return Conclude(say_, machine_, totals_, wall_start,
+                        {{"the driver did not start the modem"}});
     }
     say_.Step(com_ + " of \"" + profile->product + "\" (profile " + profile->name + ", " +
               SpeedName(options_.speed) + " speed) is at " + terminal_->Path() +
@@ -457,7 +458,7 @@ int Bridge::Run() {
     for (int fd : {g_signal_pipe[0], g_signal_pipe[1], notify_pipe_[0], notify_pipe_[1]})
         close(fd);
     terminal_.reset();
-    return Conclude(say_, machine_, totals_, wall_start, 0);
+    return Conclude(say_, machine_, totals_, wall_start, {});
 }
 
 } // namespace

@@ -96,8 +96,11 @@ class Runner {
 
     bool Execute(const Command& c, const Command* next);
     bool Expectation(const Command& c);
-    bool Fail(const Command& c, const std::string& what) {
-        say_.Plain(file_ + ":" + std::to_string(c.line) + ": expectation failed: " + what);
+    // error: the Win32 error of a call that failed; 0 for an expectation.
+    bool Fail(const Command& c, const std::string& what, comm::DWORD error = 0) {
+        std::string where = file_ + ":" + std::to_string(c.line);
+        say_.Plain(where + ": expectation failed: " + what);
+        failures_.push_back({where + ": " + what, error});
         return false;
     }
     // A Win32 call's outcome: kept for expect error; a failure the next
@@ -120,11 +123,6 @@ class Runner {
         }
     }
     void CloseSlot(const std::string& name);
-    // Runs a call that may block the application thread. When it has not
-    // returned after limit_ms of virtual time, a watchdog thread aborts the
-    // port's reads and writes (PurgeComm), as another thread of a program
-    // would; false then.
-    bool Guarded(comm::HANDLE handle, uint32_t limit_ms, const std::function<void()>& call);
 
     bool ExpectRead(const Command& c);
     bool ExpectModem(const Command& c);
@@ -147,6 +145,7 @@ class Runner {
     hk::FaultKnob* last_knob_ = nullptr;
     bool asleep_ = false;
     AppTotals totals_;
+    std::vector<StepFailure> failures_;
     uint32_t printed_mask_; // what --trace asked for, kept under a script's mask
     // Calls with nothing to show but that they were done.
     const std::set<Op> quiet_calls_{Op::kTimeouts, Op::kMask, Op::kEscape, Op::kPurge};
@@ -162,24 +161,10 @@ bool Runner::Called(const Command& c, const Command* next, bool ok, comm::DWORD 
     say_.Detail(call + " failed: " + DescribeError(error));
     if (next && next->op == Op::kExpectError)
         return true;
-    return Fail(c, call + " failed with " + DescribeError(error) +
-                       " (an \"expect error\" on the next line makes a failure expected)");
-}
-
-bool Runner::Guarded(comm::HANDLE handle, uint32_t limit_ms, const std::function<void()>& call) {
-    comm::HANDLE done = comm::CreateEvent(nullptr, 1, 0, nullptr);
-    bool fired = false;
-    hk::Thread watchdog("script watchdog", [&] {
-        if (comm::WaitForSingleObject(done, limit_ms) == comm::WAIT_TIMEOUT) {
-            fired = true;
-            comm::PurgeComm(handle, comm::PURGE_RXABORT | comm::PURGE_TXABORT);
-        }
-    });
-    call();
-    comm::SetEvent(done);
-    watchdog.Join();
-    comm::CloseHandle(done);
-    return !fired;
+    return Fail(c,
+                call + " failed with " + DescribeError(error) +
+                    " (an \"expect error\" on the next line makes a failure expected)",
+                error);
 }
 
 void Runner::CloseSlot(const std::string& name) {
@@ -248,6 +233,7 @@ bool Runner::Execute(const Command& c, const Command* next) {
                                (c.modem.empty() ? std::string("no modem got one")
                                                 : "the modem " + c.modem + " has none"));
         HandleSlot& slot = handles_[c.name];
+        slot.port->SetReception(&machine_.ReceptionOf(com));
         bool ok = slot.port->Open(com, c.overlapped);
         if (ok)
             say_.Detail("CreateFile(\"" + com + "\"" + (c.overlapped ? ", overlapped" : "") +
@@ -268,7 +254,7 @@ bool Runner::Execute(const Command& c, const Command* next) {
         AppPort& port = PortOf(c.name);
         uint64_t before = port.BytesWritten();
         bool ok = false;
-        if (!Guarded(port.Handle(), kMaxBlockedMs, [&] { ok = port.Write(c.bytes); }))
+        if (!RunGuarded(port.Handle(), kMaxBlockedMs, [&] { ok = port.Write(c.bytes); }))
             return Fail(c, "WriteFile returns within " + Ms(kMaxBlockedMs) +
                                ", but it was still waiting (aborted)");
         uint64_t written = port.BytesWritten() - before;
@@ -294,8 +280,8 @@ bool Runner::Execute(const Command& c, const Command* next) {
         if (c.within_ms >= 0)
             total = uint32_t(c.within_ms);
         bool ok = false;
-        if (!Guarded(slot.port->Handle(), kMaxBlockedMs,
-                     [&] { ok = slot.port->Read(c.number, total, &bytes); }))
+        if (!RunGuarded(slot.port->Handle(), kMaxBlockedMs,
+                        [&] { ok = slot.port->Read(c.number, total, &bytes); }))
             return Fail(c, "ReadFile returns within " + Ms(kMaxBlockedMs) +
                                ", but it was still waiting (aborted; the port's time-outs let it "
                                "wait without end)");
@@ -387,8 +373,7 @@ bool Runner::Execute(const Command& c, const Command* next) {
         return true;
     }
     case Op::kFaultClear:
-        machine_.bus().ClearFaults();
-        machine_.kernel().pool().Faults().Clear();
+        machine_.ClearFaults();
         last_knob_ = nullptr;
         return true;
     case Op::kSleep: {
@@ -700,7 +685,7 @@ bool Runner::Expectation(const Command& c) {
 
 bool Runner::PppStep(const Command& c, uint32_t own_ms, const std::function<bool()>& step) {
     bool ok = false;
-    bool in_time = Guarded(ppp_port_, own_ms + kMaxBlockedMs, [&] { ok = step(); });
+    bool in_time = RunGuarded(ppp_port_, own_ms + kMaxBlockedMs, [&] { ok = step(); });
     // A step that failed said why; one that needed the watchdog failed too.
     if (ok && !in_time)
         return Fail(c, "the PPP client's exchange ends within " + Ms(own_ms + kMaxBlockedMs) +
@@ -729,13 +714,13 @@ bool Runner::ExpectPppOpened(const Command& c) {
 
 int Runner::Run(const std::vector<Command>& commands) {
     auto wall_start = std::chrono::steady_clock::now();
-    size_t failed = 0;
     for (size_t i = 0; i < commands.size(); ++i) {
         const Command& c = commands[i];
         say_.Step(std::to_string(c.line) + ": " + c.source);
         const Command* next = i + 1 < commands.size() ? &commands[i + 1] : nullptr;
         if (!Execute(c, next)) {
-            failed = 1;
+            if (failures_.empty()) // a step that failed without saying why
+                failures_.push_back({file_ + ":" + std::to_string(c.line) + ": " + c.source});
             break;
         }
     }
@@ -744,8 +729,7 @@ int Runner::Run(const std::vector<Command>& commands) {
     // program does, its PPP client first, then its handles.
     if (asleep_)
         machine_.kernel().power().Wake();
-    machine_.bus().ClearFaults();
-    machine_.kernel().pool().Faults().Clear();
+    machine_.ClearFaults();
     ppp_.reset();
     std::vector<std::string> open;
     for (const auto& [name, slot] : handles_)
@@ -755,7 +739,7 @@ int Runner::Run(const std::vector<Command>& commands) {
             say_.Step("the scenario ends with handle " + name + " open: it is closed");
         CloseSlot(name);
     }
-    return Conclude(say_, machine_, totals_, wall_start, failed);
+    return Conclude(say_, machine_, totals_, wall_start, failures_);
 }
 
 } // namespace

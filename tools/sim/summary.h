@@ -8,8 +8,12 @@
 #include "machine.h"
 #include "transcript.h"
 
+#include "comm/comm.h"
+
 #include <chrono>
 #include <cstdint>
+#include <string>
+#include <vector>
 
 namespace sim {
 
@@ -19,9 +23,24 @@ struct AppTotals {
     uint64_t requests = 0;
 };
 
-// Shuts the machine down and prints the verdict; returns 0 when nothing
-// failed (failed_steps counts the session's own failed checks).
+// A step of the session that did not do what it should: a Win32 call that
+// failed with error, or (error 0) an answer that did not come or differed.
+struct StepFailure {
+    std::string what;
+    comm::DWORD error = 0;
+};
+
+// Whether a step may fail so when a fault was injected: with a status the
+// driver completes requests with when memory fails, the device is gone or
+// a transfer fails (and the Win32 error each maps to), or with an answer
+// that did not come.
+bool DefinedUnderFault(const StepFailure& failure);
+
+// Shuts the machine down and prints the verdict; returns 0 when the
+// machine ended clean and no step failed, or, under the session's fault
+// point, every failed step failed as the driver defines.
 int Conclude(Transcript& transcript, Machine& machine, const AppTotals& totals,
-             std::chrono::steady_clock::time_point wall_start, size_t failed_steps);
+             std::chrono::steady_clock::time_point wall_start,
+             const std::vector<StepFailure>& failures);
 
 } // namespace sim
