@@ -308,6 +308,20 @@ INSTANTIATE_TEST_SUITE_P(
 
 // --- notifications, composite devices ---------------------------------
 
+TEST_F(BusTest, LowerDriverNotificationsSucceedAndAreRecorded) {
+    Plug(sm::OrdinaryModem());
+    kernel().Sleep(7);
+    BusRequest* open = Send(NewRequest(sizeof(URB)), 0x89312007);
+    BusRequest* close = Send(NewRequest(sizeof(URB)), 0x8931200B);
+    EXPECT_EQ(open->status, STATUS_SUCCESS);
+    EXPECT_EQ(close->status, STATUS_SUCCESS);
+    auto notes = bus_->Notifications(port_);
+    ASSERT_EQ(notes.size(), 2u);
+    EXPECT_EQ(notes[0].code, 0x89312007u);
+    EXPECT_EQ(notes[1].code, 0x8931200Bu);
+    EXPECT_EQ(notes[0].time_ms, 7);
+}
+
 // (That the second function's configuration descriptor holds only its own
 // interfaces the driver's configuration test on it shows.)
 TEST_F(BusTest, CompositeFunctionsEachSeeTheirOwnInterfaces) {

@@ -356,4 +356,24 @@ INSTANTIATE_TEST_SUITE_P(
         WaitWakeCase{"SignalInD2", 1, kS3, kD2, Then::kSignal, STATUS_SUCCESS}),
     [](const auto& info) { return std::string(info.param.name); });
 
+// A suspended modem neither sends nor receives; its transfers wait and go
+// on in D0.
+TEST_F(BusPowerTest, SuspendedDataWaitsForD0) {
+    ASSERT_EQ(Select(0), STATUS_SUCCESS);
+    ASSERT_EQ(SetDevice(PowerDeviceD2), STATUS_SUCCESS);
+    modem_->Push({1, 2, 3});
+    BusRequest* in = Transfer(0x81, true, {}, 64);
+    BusRequest* out = Transfer(0x01, false, {7, 8});
+    kernel().Sleep(50);
+    EXPECT_FALSE(in->completed);
+    EXPECT_FALSE(out->completed);
+    EXPECT_TRUE(modem_->Pull().empty());
+    ASSERT_EQ(SetDevice(PowerDeviceD0), STATUS_SUCCESS);
+    ASSERT_TRUE(Wait(in));
+    ASSERT_TRUE(Wait(out));
+    EXPECT_EQ(std::vector<uint8_t>(in->buffer.begin(), in->buffer.begin() + 3),
+              (std::vector<uint8_t>{1, 2, 3}));
+    EXPECT_EQ(modem_->Pull(), (std::vector<uint8_t>{7, 8}));
+}
+
 } // namespace
