@@ -55,10 +55,8 @@ TEST_F(ErrorLogTest, SizesOutsideThePacketAndTheLimitAndAFailingPoolGiveNoEntry)
     ASSERT_NE(largest, nullptr);
     IoFreeErrorLogEntry(largest);
 
-    hk::FaultKnob knob;
-    knob.every = 1;
-    knob.match = hk::ErrorLog::kTag;
-    kernel().pool().Faults().Add("error log", knob);
+    kernel().pool().Faults().Add("error log",
+                                 hk::FaultKnob{.every = 1, .match = hk::ErrorLog::kTag});
     EXPECT_EQ(IoAllocateErrorLogEntry(driver.Object(), 60), nullptr);
     EXPECT_TRUE(kernel().errorlog().Entries().empty());
 }

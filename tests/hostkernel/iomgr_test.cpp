@@ -1,12 +1,12 @@
-// The emulated I/O manager against tiny driver-shaped fakes: device objects
-// and stacks, the namespace, IRP completion order, pending, cancellation,
-// work items, buffered application requests, and every verifier rule on a
-// wrong routine next to the right one.
+// The emulated I/O manager against tiny driver-shaped fakes: device stacks,
+// IRP completion order, pending, cancellation, buffered application
+// requests, and every verifier rule on a wrong routine next to the right
+// one. (Names, links, exclusive opens and work items are the driver's
+// lifecycle, comm and worker tests.)
 #include "kernel_test.h"
 
 #include <functional>
 #include <map>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -101,15 +101,13 @@ class IoManagerTest : public KernelTest {
         upper_.reset();
         KernelTest::TearDown();
     }
-    PDEVICE_OBJECT Create(hk::Driver& driver, const char16_t* name = nullptr, ULONG flags = 0,
-                          BOOLEAN exclusive = FALSE) {
+    PDEVICE_OBJECT Create(hk::Driver& driver, const char16_t* name = nullptr, ULONG flags = 0) {
         UNICODE_STRING unicode;
         if (name)
             RtlInitUnicodeString(&unicode, name);
         PDEVICE_OBJECT device = nullptr;
         EXPECT_EQ(IoCreateDevice(driver.Object(), 32, name ? &unicode : nullptr,
-                                 FILE_DEVICE_SERIAL_PORT, FILE_DEVICE_SECURE_OPEN, exclusive,
-                                 &device),
+                                 FILE_DEVICE_SERIAL_PORT, FILE_DEVICE_SECURE_OPEN, FALSE, &device),
                   STATUS_SUCCESS);
         device->Flags = (device->Flags | flags) & ~DO_DEVICE_INITIALIZING;
         devices_.push_back(device);
@@ -139,38 +137,6 @@ class IoManagerTest : public KernelTest {
     PDEVICE_OBJECT pdo_ = nullptr, fdo_ = nullptr;
 };
 
-TEST_F(IoManagerTest, CreateDeviceNamesExtensionsAndCollisions) {
-    UNICODE_STRING name;
-    RtlInitUnicodeString(&name, u"\\Device\\Port0");
-    PDEVICE_OBJECT named = nullptr, unnamed = nullptr;
-    ASSERT_EQ(IoCreateDevice(upper_->Object(), 40, &name, FILE_DEVICE_SERIAL_PORT, 0, TRUE, &named),
-              STATUS_SUCCESS);
-    EXPECT_EQ(named->Flags & (DO_DEVICE_INITIALIZING | DO_EXCLUSIVE | DO_DEVICE_HAS_NAME),
-              ULONG(DO_DEVICE_INITIALIZING | DO_EXCLUSIVE | DO_DEVICE_HAS_NAME));
-    EXPECT_EQ(named->StackSize, 1);
-    auto* extension = static_cast<const UCHAR*>(named->DeviceExtension);
-    EXPECT_EQ(std::count(extension, extension + 40, 0), 40);
-    EXPECT_EQ(hk::FindDevice(u"\\device\\PORT0"), named);
-
-    RtlInitUnicodeString(&name, u"\\DEVICE\\port0");
-    PDEVICE_OBJECT clash = reinterpret_cast<PDEVICE_OBJECT>(1);
-    EXPECT_EQ(IoCreateDevice(upper_->Object(), 0, &name, FILE_DEVICE_SERIAL_PORT, 0, FALSE, &clash),
-              STATUS_OBJECT_NAME_COLLISION);
-    EXPECT_EQ(clash, nullptr);
-
-    ASSERT_EQ(IoCreateDevice(upper_->Object(), 0, nullptr, FILE_DEVICE_UNKNOWN, 0, FALSE, &unnamed),
-              STATUS_SUCCESS);
-    EXPECT_EQ(unnamed->DeviceExtension, nullptr);
-    EXPECT_EQ(unnamed->Flags & DO_DEVICE_HAS_NAME, 0u);
-    EXPECT_EQ(upper_->Object()->DeviceObject, unnamed);
-    EXPECT_EQ(unnamed->NextDevice, named);
-
-    IoDeleteDevice(named);
-    EXPECT_EQ(hk::FindDevice(u"\\Device\\Port0"), nullptr);
-    EXPECT_EQ(unnamed->NextDevice, fdo_);
-    IoDeleteDevice(unnamed);
-}
-
 TEST_F(IoManagerTest, AttachSetsStackSizesAndReturnsTheTopOfTheStack) {
     PDEVICE_OBJECT filter = Create(*upper_);
     EXPECT_EQ(fdo_->StackSize, 2);
@@ -186,20 +152,6 @@ TEST_F(IoManagerTest, AttachSetsStackSizesAndReturnsTheTopOfTheStack) {
     EXPECT_EQ(expect.Count(), 1u);
     EXPECT_EQ(pdo_->AttachedDevice, fdo_); // the dangling link the bug leaves behind
     pdo_->AttachedDevice = nullptr;
-}
-
-TEST_F(IoManagerTest, SymbolicLinksResolveAndCollide) {
-    UNICODE_STRING link, target;
-    RtlInitUnicodeString(&link, u"\\DosDevices\\COM5");
-    RtlInitUnicodeString(&target, u"\\Device\\upper0");
-    EXPECT_EQ(IoCreateSymbolicLink(&link, &target), STATUS_SUCCESS);
-    EXPECT_EQ(IoCreateSymbolicLink(&link, &target), STATUS_OBJECT_NAME_COLLISION);
-    EXPECT_EQ(hk::FindDevice(u"\\??\\com5"), fdo_);
-    EXPECT_EQ(hk::SymbolicLinkTarget(u"\\DosDevices\\COM5"), u"\\Device\\upper0");
-    EXPECT_EQ(hk::File().Open(u"\\??\\COM5"), STATUS_SUCCESS);
-    EXPECT_EQ(IoDeleteSymbolicLink(&link), STATUS_SUCCESS);
-    EXPECT_EQ(IoDeleteSymbolicLink(&link), STATUS_OBJECT_NAME_NOT_FOUND);
-    EXPECT_EQ(hk::File().Open(u"\\DosDevices\\COM5"), STATUS_OBJECT_NAME_NOT_FOUND);
 }
 
 // Completion routines run bottom-up, each with its own device; one that
@@ -317,21 +269,6 @@ TEST_F(IoManagerTest, FileRequestsReachTheTopOfTheStackBuffered) {
                                         IRP_MJ_READ, IRP_MJ_CLEANUP, IRP_MJ_CLOSE}));
 }
 
-TEST_F(IoManagerTest, ExclusiveDeviceOpensOnceAndFailedCreateLeavesItClosed) {
-    PDEVICE_OBJECT port = Create(*upper_, u"\\Device\\excl", 0, TRUE);
-    NTSTATUS answer = STATUS_DEVICE_NOT_CONNECTED;
-    g_upper = [&](PDEVICE_OBJECT, PIRP Irp) { return Complete(Irp, answer); };
-    hk::File first, second;
-    EXPECT_EQ(first.Open(port), STATUS_DEVICE_NOT_CONNECTED);
-    EXPECT_FALSE(first.IsOpen());
-    answer = STATUS_SUCCESS;
-    EXPECT_EQ(first.Open(port), STATUS_SUCCESS);
-    EXPECT_EQ(second.Open(port), STATUS_ACCESS_DENIED);
-    EXPECT_EQ(hk::DeviceReferences(port), 1);
-    first.Close();
-    EXPECT_EQ(second.Open(port), STATUS_SUCCESS);
-}
-
 // A built control request sets its event, fills the status block and copies
 // the answer back (as the driver's hub query shows); the I/O manager
 // finishes it, so a driver may not reuse it, and the attempt changes none
@@ -396,38 +333,6 @@ TEST_F(IoManagerTest, CancelCallsTheRoutineUnderTheCancelLockAtTheCancellersIrql
     }
     EXPECT_EQ(read->Wait().status, STATUS_CANCELLED);
     EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
-}
-
-// (That work items run at PASSIVE_LEVEL on a worker thread the driver's
-// worker tests show.)
-struct WorkLog {
-    std::vector<int> order;
-    PIO_WORKITEM items[3];
-} g_work;
-VOID NTAPI LogWork(PDEVICE_OBJECT Device, PVOID Context) {
-    int index = int(reinterpret_cast<intptr_t>(Context));
-    g_work.order.push_back(index);
-    EXPECT_GE(hk::DeviceReferences(Device), 1);
-    IoFreeWorkItem(g_work.items[index]); // freeing itself from its routine is allowed
-}
-
-TEST_F(IoManagerTest, WorkItemsRunInOrderOnceTheIrqlDropsAndHoldTheDevice) {
-    g_work = WorkLog{};
-    PDEVICE_OBJECT port = Create(*upper_);
-    for (auto& item : g_work.items)
-        item = IoAllocateWorkItem(port);
-    KIRQL old;
-    KeRaiseIrql(DISPATCH_LEVEL, &old);
-    for (intptr_t i = 0; i < 3; ++i)
-        IoQueueWorkItem(g_work.items[i], LogWork, DelayedWorkQueue, reinterpret_cast<PVOID>(i));
-    KeLowerIrql(old);
-    EXPECT_EQ(hk::DeviceReferences(port), 3);
-    IoDeleteDevice(port); // the queued items keep it alive
-    EXPECT_TRUE(hk::DeviceExists(port));
-    EXPECT_TRUE(g_work.order.empty());
-    kernel().Sleep(1);
-    EXPECT_EQ(g_work.order, (std::vector<int>{0, 1, 2}));
-    EXPECT_FALSE(hk::DeviceExists(port));
 }
 
 VOID NTAPI Nothing(PDEVICE_OBJECT, PVOID) {}
@@ -725,39 +630,6 @@ TEST_F(IoManagerTest, AnIrpALowerDriverHoldsIsNotTheSendersToTouch) {
         if (!c.own_memory)
             IoFreeIrp(irp); // back now: allowed
     }
-}
-
-NTSTATUS NTAPI PassOnPending(PDEVICE_OBJECT, PIRP Irp, PVOID Context) {
-    *static_cast<KIRQL*>(Context) = KeGetCurrentIrql();
-    if (Irp->PendingReturned)
-        IoMarkIrpPending(Irp);
-    return STATUS_SUCCESS;
-}
-
-// The seeded lower driver completes inline or later from a DPC; a correct
-// pass-through driver above it is silent either way, and its completion
-// routine runs at DISPATCH_LEVEL when the completion comes from the DPC.
-TEST_F(IoManagerTest, SeededLowerDriverCompletesInlineOrFromADpc) {
-    KIRQL irql = HIGH_LEVEL;
-    NTSTATUS returned = 0;
-    g_lower = [](PDEVICE_OBJECT, PIRP Irp) {
-        return hk::CompleteAsLowerDriver(Irp, STATUS_SUCCESS, 1);
-    };
-    g_upper = [&](PDEVICE_OBJECT, PIRP Irp) {
-        if (IoGetCurrentIrpStackLocation(Irp)->MajorFunction != IRP_MJ_READ)
-            return Complete(Irp, STATUS_SUCCESS);
-        return returned = Forward(Irp, PassOnPending, &irql);
-    };
-    hk::File file;
-    ASSERT_EQ(file.Open(fdo_), STATUS_SUCCESS);
-    std::set<std::pair<NTSTATUS, KIRQL>> seen;
-    for (int i = 0; i < 32; ++i) { // both ways, whatever the seed
-        UCHAR byte;
-        EXPECT_EQ(file.Read(&byte, 1).information, 1u);
-        seen.insert({returned, irql});
-    }
-    EXPECT_EQ(seen, (std::set<std::pair<NTSTATUS, KIRQL>>{{STATUS_SUCCESS, PASSIVE_LEVEL},
-                                                          {STATUS_PENDING, DISPATCH_LEVEL}}));
 }
 
 } // namespace

@@ -86,16 +86,4 @@ TEST_F(Sync, MutexIsRecursiveForItsOwnerAndOtherWaitsTimeOut) {
     EXPECT_EQ(KeReadStateMutex(&mutex), 1);
 }
 
-TEST_F(Sync, InterlockedOperationsReturnTheKernelsValues) {
-    LONG volatile value = 5;
-    EXPECT_EQ(InterlockedIncrement(&value), 6);
-    EXPECT_EQ(InterlockedDecrement(&value), 5);
-    EXPECT_EQ(InterlockedExchange(&value, 9), 5);
-    EXPECT_EQ(InterlockedCompareExchange(&value, 1, 8), 9); // no match: unchanged
-    EXPECT_EQ(InterlockedCompareExchange(&value, 1, 9), 9);
-    EXPECT_EQ(value, 1);
-    EXPECT_EQ(InterlockedExchangeAdd(&value, 4), 1);
-    EXPECT_EQ(value, 5);
-}
-
 } // namespace

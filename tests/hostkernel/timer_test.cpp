@@ -50,12 +50,6 @@ TEST_F(Timers, SetAndCancelReportWhetherTheTimerWasPending) {
     EXPECT_EQ(log.irqls, std::vector<KIRQL>(2, DISPATCH_LEVEL));
 }
 
-TEST_F(Timers, AThreadCanWaitOnATimer) {
-    KeSetTimer(&timer, RelativeMs(70), nullptr);
-    EXPECT_EQ(KeWaitForSingleObject(&timer, Executive, KernelMode, FALSE, nullptr), STATUS_SUCCESS);
-    EXPECT_EQ(kernel().NowMs(), 70);
-}
-
 // Queued at DISPATCH_LEVEL (under a spin lock), a DPC waits for the IRQL to
 // drop, runs once however often it was queued, and not at all once removed;
 // queued below DISPATCH_LEVEL it runs at once, at DISPATCH_LEVEL.

@@ -1,6 +1,7 @@
 // The bus driver's PnP side as the PnP manager meets it: the IDs, texts and
-// capabilities of a function's PDO, the hub's bus relations, the state
-// requests, and transfers failing at a surprise removal.
+// capabilities of a function's PDO, the hub's bus relations, and transfers
+// failing at a surprise removal. (The state requests reach the bus through
+// the whole stack in the driver's lifecycle tests.)
 #include "bus_client.h"
 
 #include "hostkernel/pnp.h"
@@ -178,31 +179,6 @@ TEST_F(BusPnpTest, HubReportsEveryFunctionReferencedAndKeepsOtherQueriesStatus) 
     EXPECT_EQ(answer.status, STATUS_NOT_SUPPORTED);
     EXPECT_EQ(answer.information, 0u);
 }
-
-struct StateCase {
-    const char* name;
-    UCHAR minor;
-    NTSTATUS status;
-};
-
-class BusStateTest : public BusPnpTest, public ::testing::WithParamInterface<StateCase> {};
-
-TEST_P(BusStateTest, SucceedsStateRequestsAndLeavesOthersUntouched) {
-    Plug(sm::OrdinaryModem());
-    EXPECT_EQ(Query(GetParam().minor).status, GetParam().status);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Requests, BusStateTest,
-    ::testing::Values(StateCase{"Start", IRP_MN_START_DEVICE, STATUS_SUCCESS},
-                      StateCase{"QueryStop", IRP_MN_QUERY_STOP_DEVICE, STATUS_SUCCESS},
-                      StateCase{"Stop", IRP_MN_STOP_DEVICE, STATUS_SUCCESS},
-                      StateCase{"CancelStop", IRP_MN_CANCEL_STOP_DEVICE, STATUS_SUCCESS},
-                      StateCase{"QueryRemove", IRP_MN_QUERY_REMOVE_DEVICE, STATUS_SUCCESS},
-                      StateCase{"CancelRemove", IRP_MN_CANCEL_REMOVE_DEVICE, STATUS_SUCCESS},
-                      StateCase{"QueryInterface", IRP_MN_QUERY_INTERFACE, STATUS_NOT_SUPPORTED},
-                      StateCase{"QueryResources", IRP_MN_QUERY_RESOURCES, STATUS_NOT_SUPPORTED}),
-    [](const auto& info) { return std::string(info.param.name); });
 
 // A surprise removal fails the function's pending and later transfers; a
 // removal of a device still in its port keeps its PDO for the next start,

@@ -1,7 +1,8 @@
 // The emulated PnP manager over the simulated bus, with a small function
 // driver that attaches to each PDO and passes every PnP request down: the
-// order of the requests, the installed registry, COM port names and their
-// reuse, removal with and without open handles, eject and rebalance vetoes.
+// order of the requests, the installed registry, removal with and without
+// open handles, eject and rebalance vetoes. (COM port names, their reuse and
+// a failed start are the driver's lifecycle tests and the simulator's demo.)
 #include "pnp_bus_test.h"
 
 #include "hostkernel/pnp.h"
@@ -74,12 +75,6 @@ class PnpManagerTest : public PnpBusTest {
         PnpBusTest::TearDown();
         g_fake = nullptr;
     }
-    std::string PortName(const std::string& instance) {
-        return kernel()
-            .registry()
-            .GetString(kEnum + instance + "\\Device Parameters", "PortName")
-            .value_or("none");
-    }
 
     FakeDriverState fake_;
 };
@@ -110,27 +105,6 @@ TEST_F(PnpManagerTest, PlugInstallsFromTheInfAndStartsTheStack) {
     EXPECT_EQ(registry.GetDword(service, "TraceMask"), 7u) << "an existing value is kept";
     EXPECT_EQ(registry.GetDword(service, "Start"), 3u);
     EXPECT_EQ(registry.GetString(service, "ImagePath"), "System32\\drivers\\cdcacm.sys");
-}
-
-// COM numbers go lowest first, stay reserved for their instance while it is
-// away, and come back with it.
-TEST_F(PnpManagerTest, PortNamesAreTheLowestFreeAndKeptPerInstance) {
-    int ordinary = PlugSettled(sm::OrdinaryModem());
-    int composite = PlugSettled(sm::CompositeTwoAcm());
-    const std::string first = "USB\\VID_FFF0&PID_0001&MI_00\\KM0000001";
-    const std::string second = "USB\\VID_FFF0&PID_0001&MI_02\\KM0000001";
-    EXPECT_EQ(PortName(kOrdinary), "COM1");
-    EXPECT_EQ(PortName(first), "COM2");
-    EXPECT_EQ(PortName(second), "COM3");
-    UnplugSettled(ordinary);
-    UnplugSettled(composite);
-    PlugSettled(sm::NoSerialNumber());
-    EXPECT_EQ(PortName("USB\\VID_FFF0&PID_0001\\1&0&1"), "COM4");
-    PlugSettled(sm::CompositeTwoAcm());
-    PlugSettled(sm::OrdinaryModem());
-    EXPECT_EQ(PortName(second), "COM3");
-    EXPECT_EQ(PortName(kOrdinary), "COM1");
-    EXPECT_EQ(pnp().Device(second)->state, hk::PnpState::kStarted);
 }
 
 TEST_F(PnpManagerTest, UnplugSurpriseRemovesAndRemovesOnceTheLastHandleCloses) {
@@ -209,15 +183,6 @@ INSTANTIATE_TEST_SUITE_P(
                                 IRP_MN_REMOVE_DEVICE},
                                hk::PnpState::kStartFailed}),
     [](const auto& info) { return std::string(info.param.name); });
-
-TEST_F(PnpManagerTest, AFailedStartRemovesTheStack) {
-    fake_.veto = IRP_MN_START_DEVICE;
-    int port = PlugSettled(sm::OrdinaryModem());
-    EXPECT_EQ(fake_.minors, (std::vector<UCHAR>{IRP_MN_QUERY_CAPABILITIES, IRP_MN_START_DEVICE,
-                                                IRP_MN_REMOVE_DEVICE}));
-    EXPECT_EQ(pnp().Device(kOrdinary)->state, hk::PnpState::kStartFailed);
-    EXPECT_EQ(bus_->Pdo(port)->AttachedDevice, nullptr);
-}
 
 } // namespace
 

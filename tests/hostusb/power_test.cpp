@@ -279,10 +279,8 @@ TEST_F(BusPowerTest, PoRequestPowerIrpRefusesWithoutCallingBackAndCallsBackOnce)
     PIRP irp = nullptr;
     EXPECT_EQ(Request(pdo_, IRP_MN_POWER_SEQUENCE, PowerDeviceD0, &r, &irp),
               STATUS_INVALID_PARAMETER_2);
-    hk::FaultKnob first_irp;
-    first_irp.nth = 1;
-    first_irp.match = kIrpTag;
-    hk::FaultKnob& knob = kernel().pool().Faults().Add("irp", first_irp);
+    hk::FaultKnob& knob =
+        kernel().pool().Faults().Add("irp", hk::FaultKnob{.nth = 1, .match = kIrpTag});
     EXPECT_EQ(Request(pdo_, IRP_MN_SET_POWER, PowerDeviceD2, &r, &irp),
               STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_EQ(knob.fired, 1u);

@@ -1,6 +1,7 @@
 // The simulated modem as a host meets it on the bus: the modem packets of
-// the PPP framing mode in both directions, how pushes are paced into bulk-in
-// transfers, and the notifications.
+// the PPP framing mode in both directions and how pushes are paced into
+// bulk-in transfers. (Its notifications and the stalled special-character
+// request are the driver's transport tests.)
 #include "bus_client.h"
 
 namespace {
@@ -127,13 +128,6 @@ TEST_F(ModemOnBus, EachStartOfFramingRestartsBothNumberings) {
     EXPECT_EQ(modem_->BadSequence(), 0u);
 }
 
-TEST_F(ModemOnBus, GetSpecialCharsStallsOnceWhenAsked) {
-    PlugModem(sm::Modem::DataMode::kTest);
-    modem_->StallNextGetSpecialChars();
-    EXPECT_EQ(Vendor(sm::kGetSpecialChars, true)->UsbStatus(), USBD_STATUS_STALL_PID);
-    EXPECT_EQ(Vendor(sm::kGetSpecialChars, true)->UsbStatus(), USBD_STATUS_SUCCESS);
-}
-
 struct PacingCase {
     const char* name;
     hu::Speed speed;
@@ -168,22 +162,5 @@ INSTANTIATE_TEST_SUITE_P(
                       PacingCase{"LongPush", hu::Speed::kFull, {200}, 128, {128, 200}},
                       PacingCase{"HighSpeed", hu::Speed::kHigh, {1000, 24}, 2048, {1000, 1024}}),
     [](const auto& info) { return std::string(info.param.name); });
-
-TEST_F(ModemOnBus, NotificationsCarryEveryBitAndAnyBytes) {
-    PlugModem(sm::Modem::DataMode::kTest);
-    for (uint16_t bit : {0x001, 0x002, 0x004, 0x008, 0x010, 0x020, 0x040, 0x100}) {
-        modem_->SendSerialState(bit);
-        EXPECT_EQ(Read(0x82, 16), (Bytes{0xa1, sm::kSerialState, 0, 0, 0, 0, 2, 0, uint8_t(bit),
-                                         uint8_t(bit >> 8)}));
-    }
-    modem_->SendNetworkConnection(true);
-    modem_->RequestFraming(true);
-    modem_->RequestFraming(false);
-    modem_->SendRawNotification({0xa1, sm::kSerialState, 0, 0, 0, 0, 2, 0, 3});
-    EXPECT_EQ(Read(0x82, 16), (Bytes{0xa1, sm::kNetworkConnection, 1, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(Read(0x82, 16), (Bytes{0xc1, sm::kRequestToStartFraming, 0, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(Read(0x82, 16), (Bytes{0xc1, sm::kRequestToStopFraming, 0, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(Read(0x82, 16), (Bytes{0xa1, sm::kSerialState, 0, 0, 0, 0, 2, 0, 3}));
-}
 
 } // namespace

@@ -27,10 +27,8 @@ TEST_F(ModemLife, TheDriverLoadsWithItsFirstModemAndUnloadsAfterTheLast) {
     MemFree(kept);
 
     dbg().Clear();
-    hk::FaultKnob refuse;
-    refuse.nth = 1;
-    refuse.match = hk::Registry::kOpen;
-    kernel().registry().Faults().Add("service key", refuse);
+    kernel().registry().Faults().Add("service key",
+                                     hk::FaultKnob{.nth = 1, .match = hk::Registry::kOpen});
     port = Plug();
     kernel().registry().Faults().Clear();
     EXPECT_EQ(pnp().Loads("cdcacm"), 2) << "a new load for the next modem";

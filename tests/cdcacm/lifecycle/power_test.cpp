@@ -1,6 +1,7 @@
 // The driver following the system into sleep and back with its port open,
-// the device states it chooses, the wait-wake request and remote wake-up,
-// and a whole life from load to unload through all of it.
+// the device states it chooses, the wait-wake request and remote wake-up.
+// (A whole life from load to unload is the simulator's demo, which fails on
+// anything left behind.)
 #include "modem_life.h"
 #include "hostkernel/power.h"
 
@@ -134,40 +135,6 @@ TEST_F(ModemPower, TheModemWakesTheSystemAndThePortWorks) {
     EXPECT_EQ(file.Write("ring", 4).status, STATUS_SUCCESS);
     kernel().Sleep(20);
     EXPECT_EQ(ModemOn(0).Pull(), (Bytes{'r', 'i', 'n', 'g'}));
-}
-
-// Load, two modems, data, sleep and wake, a surprise removal with the
-// handle open and the re-plug, close, unplug and unload: the kernel's
-// teardown then finds no pool block, IRP, work item, timer or handle left
-// and no verifier report.
-TEST_F(ModemPower, AWholeLife) {
-    int first = Plug();
-    Plug(sm::NoSerialNumber());
-    hk::File& one = Open(u"\\DosDevices\\COM1");
-    hk::File& two = Open(u"\\DosDevices\\COM2");
-    for (hk::File* file : {&one, &two})
-        EXPECT_EQ(file->Write("at", 2).status, STATUS_SUCCESS);
-    kernel().Sleep(20);
-    EXPECT_EQ(ModemOn(0).Pull(), (Bytes{'a', 't'}));
-    EXPECT_EQ(ModemOn(1).Pull(), (Bytes{'a', 't'}));
-
-    ASSERT_TRUE(power().Sleep(PowerSystemSleeping3));
-    power().Wake();
-    kernel().Sleep(100);
-    auto read = one.ReadAsync(2);
-    Unplug(first);
-    Plug();
-    ModemOn(2).Push({'o', 'k'});
-    kernel().Sleep(50);
-    ASSERT_TRUE(read->Done());
-    EXPECT_EQ(Got(*read), (Bytes{'o', 'k'}));
-    EXPECT_EQ(two.Write("ok", 2).status, STATUS_SUCCESS);
-
-    files_.clear();
-    while (!ports_.empty())
-        Unplug(ports_.back());
-    EXPECT_EQ(pnp().Unloads("cdcacm"), 1);
-    EXPECT_EQ(MemoryCounter, 0u);
 }
 
 } // namespace

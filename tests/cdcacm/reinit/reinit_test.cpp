@@ -145,10 +145,8 @@ TEST_F(Reinitialisation, ErrorLogEntriesCarryTheMessageCutTo51Characters) {
     EXPECT_TRUE(dbg().Contains(std::string("ACM:LogError:FATAL: conversion of '") + link_message +
                                "' to UNICODE failed"));
 
-    hk::FaultKnob refuse;
-    refuse.every = 1;
-    refuse.match = hk::ErrorLog::kTag;
-    kernel().pool().Faults().Add("error log", refuse);
+    kernel().pool().Faults().Add("error log",
+                                 hk::FaultKnob{.every = 1, .match = hk::ErrorLog::kTag});
     LogNoMemory(dev_->DriverObject, LOG_ERROR_CODE);
     EXPECT_TRUE(dbg().Contains("ACM:LogError:FATAL: IoAllocateErrorLogEntry failed, size:102"));
     EXPECT_EQ(Logged().size(), 1u);
@@ -185,10 +183,7 @@ TEST_F(PortObject, CreatePortUndoesWhatItBuiltWhenAnAllocationFails) {
         dev->Cfg.ReadCircBufferSize = dev->Cfg.WriteCircBufferSize = 100;
         dev->Cfg.TimerInterval = 10;
         dev->Port.DeviceObject = data_port;
-        hk::FaultKnob knob;
-        knob.nth = 1;
-        knob.match = row.tag;
-        kernel().pool().Faults().Add("create port", knob);
+        kernel().pool().Faults().Add("create port", hk::FaultKnob{.nth = 1, .match = row.tag});
         EXPECT_EQ(CreatePort(dev, &dev->Port), row.status);
         EXPECT_TRUE(dbg().Contains(row.trace));
         char exit_line[48];

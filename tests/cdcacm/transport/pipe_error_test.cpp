@@ -85,31 +85,6 @@ TEST_F(PipeErrors, BulkOutErrorsResendOnceThenAskForReinitialisation) {
     }
 }
 
-TEST_F(PipeErrors, AHaltedBulkInEndpointIsResetAndTheReadsStartAgain) {
-    started_ = false;
-    TearDown();
-    SetUp();
-    hu::UsbFaultKnob& resets = CountResets(InEndpoint());
-    hu::UsbFaultKnob first;
-    first.nth = 1;
-    hu::UsbFaultKnob& stall = AddFault(hu::Fault::kStall, hu::EndpointKey(InEndpoint()), first);
-    TraceMask |= TL_ERROR | TL_INFO;
-    StartPipes();
-    modem_->Push(Text("up"));
-    RunFor(50);
-
-    EXPECT_EQ(stall.fired, 1u);
-    EXPECT_TRUE(dbg().Contains("ACM:COM3:RcvCompletionRoutine: UrbStatus C0000004"));
-    EXPECT_EQ(resets.calls, 1u);
-    EXPECT_EQ(dev_->ReceivePipe.ErrorCount, 0);
-    EXPECT_EQ(dev_->ReceivePipe.Enabled, 1);
-    EXPECT_EQ(dev_->ReceivePipe.Pool->Count, 0u) << "all five reads are out again";
-    EXPECT_FALSE(dbg().Contains("ScheduleReinit"));
-    AppRequest* read = Read(2);
-    ASSERT_TRUE(Wait(read));
-    EXPECT_EQ(read->Data(), Text("up")) << "the stalled transfer took no bytes";
-}
-
 TEST_F(PipeErrors, AStopWaitsForTransfersInStepsOfOneSecond) {
     hu::UsbFaultKnob slow;
     slow.nth = 1;

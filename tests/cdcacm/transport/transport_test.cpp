@@ -80,10 +80,9 @@ class Loopback : public Transport {
 // With every pool allocation failing but the application's own requests:
 // the data path allocates nothing.
 TEST_F(Loopback, RandomWritesAndReadsArriveCompleteAndInOrderWithoutPool) {
-    hk::FaultKnob every;
-    every.every = 1;
-    every.except = 0x20707249; // 'Irp ': the application's own requests
-    hk::FaultKnob& knob = kernel().pool().Faults().Add("pool", every);
+    // 'Irp ': the application's own requests
+    hk::FaultKnob& knob =
+        kernel().pool().Faults().Add("pool", hk::FaultKnob{.every = 1, .except = 0x20707249});
     std::mt19937 rng(7);
     Bytes sent;
     std::vector<size_t> sizes;

@@ -69,10 +69,8 @@ INSTANTIATE_TEST_SUITE_P(BufferSizes, PacketLayoutTest,
                          ::testing::Values(16u, 4095u, 4097u, 64000u));
 
 TEST_F(PacketPoolTest, ThirdIrpFailingFreesWhatTheFirstTwoHeld) {
-    hk::FaultKnob knob;
-    knob.nth = 3;
-    knob.match = USB_PACKET_IRP_TAG;
-    hk::FaultKnob& irp = kernel().pool().Faults().Add("packet irp", knob);
+    hk::FaultKnob& irp = kernel().pool().Faults().Add(
+        "packet irp", hk::FaultKnob{.nth = 3, .match = USB_PACKET_IRP_TAG});
     EXPECT_EQ(UsbPacketPoolCreate(5, 64, 2), nullptr);
     EXPECT_EQ(irp.fired, 1u);
     EXPECT_EQ(kernel().pool().ForTag(USB_PACKET_IRP_TAG).blocks, 0u);

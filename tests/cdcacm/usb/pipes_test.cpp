@@ -112,10 +112,8 @@ TEST_P(RecordFailureTest, LeavesNoRecords) {
         info->Pipes[i].EndpointAddress = UCHAR(0x81 + i);
         info->Pipes[i].PipeHandle = reinterpret_cast<USBD_PIPE_HANDLE>(uintptr_t(0x100 + i));
     }
-    hk::FaultKnob knob;
-    knob.nth = GetParam().nth;
-    knob.match = GetParam().tag;
-    kernel().pool().Faults().Add("record", knob);
+    kernel().pool().Faults().Add("record",
+                                 hk::FaultKnob{.nth = GetParam().nth, .match = GetParam().tag});
     EXPECT_EQ(CreateInterfacePipes(usb_, info, nullptr), STATUS_NO_MEMORY);
     EXPECT_TRUE(IsListEmpty(&usb_->PipeList));
     EXPECT_TRUE(IsListEmpty(&usb_->InterfaceList));
