@@ -35,7 +35,7 @@ class Machine {
         if (machine == nullptr) {
             machine = new Machine();
             // Registered after the kernel's own, so it runs first.
-            std::atexit([] {
+            OnTearDown([] {
                 delete machine;
                 machine = nullptr;
             });

@@ -18,28 +18,40 @@
 namespace fuzz {
 
 // One kernel serves every input of the process: made at the first input,
-// taken apart at exit. Making a kernel (its threads, its pool) cost more
+// taken apart at the end. Making a kernel (its threads, its pool) cost more
 // than most inputs. The stand-in forgets an IRP when its memory is freed,
 // so the kernel's records stay as small as what is live. Each input is
 // checked on its own: no assertion line, no verifier report (the default
 // handler aborts), no pool block and no IRP more at its end than at its
-// start. What the kernel finds left at exit (timers, DPCs, threads,
+// start. What the kernel finds left at the end (timers, DPCs, threads,
 // handles, pool) it reports through the verifier, which aborts.
 inline hk::Kernel* kernel = nullptr;
 
-inline void TearDownKernel() {
-    delete kernel;
-    kernel = nullptr;
+// What is taken apart at the end, last made first: the kernel, then what
+// the targets built in it (OnTearDown).
+inline std::vector<void (*)()>& TearDowns() {
+    static std::vector<void (*)()> steps;
+    return steps;
+}
+inline void OnTearDown(void (*step)()) {
+    TearDowns().push_back(step);
+}
+inline void TearDownAll() {
+    std::vector<void (*)()>& steps = TearDowns();
+    while (!steps.empty()) {
+        void (*step)() = steps.back();
+        steps.pop_back();
+        step();
+    }
 }
 
 inline hk::Kernel& SharedKernel() {
     if (kernel == nullptr) {
         kernel = new hk::Kernel();
-        // The stand-in's own function-local statics (the paged pool's
-        // table) must outlive the teardown, so they are made before it is
-        // registered: exit destroys in the reverse order.
-        ExFreePoolWithTag(ExAllocatePoolWithTag(PagedPool, 1, 'zzuF'), 'zzuF');
-        std::atexit(TearDownKernel);
+        OnTearDown([] {
+            delete kernel;
+            kernel = nullptr;
+        });
     }
     return *kernel;
 }
@@ -79,6 +91,14 @@ class Input {
         irps_ = hk::LiveIrps();
     }
     ~Input() {
+        // At exit the teardown must run before the stand-in's own
+        // function-local statics go, which the first input has made: exit
+        // destroys in the reverse order of registration.
+        static bool registered = false;
+        if (!registered) {
+            std::atexit(TearDownAll);
+            registered = true;
+        }
         CheckTrace();
         if (InputBlocks() != blocks_ || hk::LiveIrps() != irps_) {
             std::fprintf(stderr, "the input left %lld pool block(s) and %lld IRP(s) more:\n%s",
@@ -131,3 +151,10 @@ class Reader {
 };
 
 } // namespace fuzz
+
+// The small driver of the ordinary builds (run_inputs.cpp) calls this after
+// the last input, before any static goes. Each target has one source file
+// that includes this header.
+extern "C" void FuzzTearDown() {
+    fuzz::TearDownAll();
+}

@@ -67,7 +67,7 @@ DeviceRig& Rig() {
         rig->DropCompleted();
         // What the first start leaves allocated for the next is not an input's.
         StartDeFramer(*rig, options.write_packet);
-        std::atexit([] {
+        fuzz::OnTearDown([] {
             rig->TearDown();
             FUZZ_CHECK(rig->Failures().empty());
             delete rig;
