@@ -1,9 +1,9 @@
 #!/bin/sh
 # Builds the fuzzers (host-fuzz preset, clang, libFuzzer) and runs each one
-# for SECONDS (default 12: five targets in a minute) on a copy of its seed
-# corpus and its regression inputs, so that the run adds nothing to the
-# repository. Exits non-zero when a fuzzer finds a crash; the reproducer is
-# kept and its path printed.
+# for SECONDS (default 12: eight targets in about a minute and a half) on a
+# copy of its seed corpus and its regression inputs, so that the run adds
+# nothing to the repository. Exits non-zero when a fuzzer finds a crash;
+# the reproducer is kept and its path printed.
 #
 # Usage: scripts/fuzz.sh [SECONDS]
 set -eu
@@ -11,7 +11,7 @@ set -eu
 seconds=${1:-12}
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${CDCACM_FUZZ_BUILD:-$root/build/host-fuzz}
-targets="ppp_framer ppp_deframer script_parse profile_file inf"
+targets="ppp_framer ppp_deframer notification descriptors serial_ioctl script_parse profile_file inf"
 
 cmake --preset host-fuzz -S "$root" -B "$build" >/dev/null
 fuzzers=""
@@ -33,9 +33,17 @@ for target in $targets; do
     if [ -d "$root/tests/fuzz/regressions/$target" ]; then
         cp "$root/tests/fuzz/regressions/$target/"* "$corpus/"
     fi
+    # The driver targets keep one machine across inputs, whose own records
+    # come and go unevenly: libFuzzer's leak check after such an input
+    # reruns it under LeakSanitizer for nothing. They check each input's
+    # pool blocks and IRPs instead; LeakSanitizer still checks at exit.
+    case $target in
+    ppp_* | notification | descriptors | serial_ioctl) leaks=0 ;;
+    *) leaks=1 ;;
+    esac
     echo "== $target: ${seconds}s"
     if ! "$build/tests/fuzz/${target}_fuzzer" -max_total_time="$seconds" -seed="$seed" -max_len=12000 \
-        -print_final_stats=1 -artifact_prefix="$artifacts/" "$corpus" \
+        -detect_leaks="$leaks" -print_final_stats=1 -artifact_prefix="$artifacts/" "$corpus" \
         >"$work/$target/log" 2>&1; then
         tail -n 60 "$work/$target/log"
         echo "== $target: CRASH (seed $seed), reproducers in $artifacts" >&2

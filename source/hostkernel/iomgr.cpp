@@ -170,14 +170,29 @@ const IoManager::Frame* IoManager::InnermostFrame(PIRP irp) const {
 }
 
 void IoManager::Release(PIRP irp) {
-    auto it = irps.find(irp);
-    if (it != irps.end()) {
+    ExFreePoolWithTag(irp, kIrpTag); // the pool forgets the record (ForgetIrpsIn)
+}
+
+void IoManager::ForgetIrpsIn(const void* block, size_t bytes) {
+    if (bytes < sizeof(IRP) || irps.empty())
+        return;
+    auto start = reinterpret_cast<uintptr_t>(block);
+    for (auto it = irps.begin(); it != irps.end();) {
+        auto at = reinterpret_cast<uintptr_t>(it->first);
+        if (at < start || at - start >= bytes) {
+            ++it;
+            continue;
+        }
         it->second->gone = true;
-        if (it->second->completions != 0)
-            completed_and_freed.insert(irp);
-        irps.erase(it);
+        if (it->second->completions != 0 && completed_and_freed.insert(it->first).second) {
+            completed_and_freed_order.push_back(it->first);
+            if (completed_and_freed_order.size() > kFreedIrpsKept) {
+                completed_and_freed.erase(completed_and_freed_order.front());
+                completed_and_freed_order.pop_front();
+            }
+        }
+        it = irps.erase(it);
     }
-    ExFreePoolWithTag(irp, kIrpTag);
 }
 
 void IoManager::CheckTeardown() {

@@ -6,6 +6,7 @@
 
 #include "hostkernel/emu.h"
 
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -79,11 +80,21 @@ class IoManager {
     void FreeDevice(PDEVICE_OBJECT device);
 
     // IRPs.
+    // A record lives from the IRP's allocation or initialisation until its
+    // memory is freed (Release, or the pool block holding it), so that a
+    // long-lived kernel keeps records of live IRPs only. The addresses of
+    // the last kFreedIrpsKept completed and freed IRPs are kept to tell a
+    // second completion from an unknown IRP; a touch of freed memory beyond
+    // them still faults (the pool hands the block back at once).
     std::unordered_map<PIRP, std::shared_ptr<IrpInfo>> irps;
-    std::unordered_set<PIRP> completed_and_freed; // for telling a second completion apart
+    static constexpr size_t kFreedIrpsKept = 4096;
+    std::unordered_set<PIRP> completed_and_freed;
+    std::deque<PIRP> completed_and_freed_order; // oldest first
     std::shared_ptr<IrpInfo> FindIrp(PIRP irp) const;
     std::shared_ptr<IrpInfo> Register(PIRP irp, IrpOrigin origin);
     void Release(PIRP irp); // forgets the IRP and frees its pool block
+    // Forgets the IRPs inside a pool block about to be freed.
+    void ForgetIrpsIn(const void* block, size_t bytes);
 
     // The dispatch and completion routines each context is running, per IRP
     // and stack location: who is asking when a driver touches an IRP.

@@ -4,10 +4,11 @@
 // as when the verifier pages pageable memory out at every raise of the IRQL.
 // A SIGSEGV handler turns a touch of such a page into a verifier report,
 // makes the block accessible and lets the access complete; the next IRQL
-// change or switch of context protects it again. Faults anywhere else go to
-// the handler that was installed before (AddressSanitizer's), or kill the
-// process as they would have. Runs on the context holding the emulated
-// processor; the scheduler runs one at a time, so no host locks.
+// change or switch of context protects it again. Below DISPATCH_LEVEL a
+// block may still be closed from the last raise: a touch then only opens it. Faults anywhere else
+// go to the handler that was installed before (AddressSanitizer's), or kill the process as they
+// would have. Runs on the context holding the emulated processor; the scheduler runs one at a time,
+// so no host locks.
 #include "hostkernel/checks.h"
 #include "hostkernel/scheduler.h"
 
@@ -59,6 +60,10 @@ void OnSegv(int signal, siginfo_t* info, void* context) {
     auto it = Find(address);
     if (it != Blocks().end() && !it->second.accessible) {
         SetAccess(it->first, it->second, true);
+        // Below DISPATCH_LEVEL the block was only left closed (see
+        // GuardPagedPool): the access goes on.
+        if (Sched().Irql() < DISPATCH_LEVEL)
+            return;
         Kernel::Current().verifier().Violation(
             rule::kPagedPoolAtDispatch, "block '" + TagText(it->second.tag) + "' at offset " +
                                             std::to_string(address - it->first) + ", IRQL " +
@@ -120,13 +125,39 @@ void UnmapPagedBlock(void* block) {
     Blocks().erase(it);
 }
 
+// Closing the blocks is what a raise to DISPATCH_LEVEL must do; opening
+// them again below it waits until a block is touched (the fault handler
+// opens it without a report), since an mprotect per block at every IRQL
+// change was most of what a long run of the driver cost. Blocks that lie
+// next to each other are closed in one call.
 void GuardPagedPool(KIRQL irql) {
     auto& blocks = Blocks();
-    if (blocks.empty())
+    if (blocks.empty() || irql < DISPATCH_LEVEL)
         return;
-    bool accessible = irql < DISPATCH_LEVEL;
-    for (auto& [start, block] : blocks)
-        SetAccess(start, block, accessible);
+    const bool accessible = false;
+    uintptr_t run_start = 0, run_end = 0;
+    auto flush = [&] {
+        if (run_end != run_start &&
+            mprotect(reinterpret_cast<void*>(run_start), run_end - run_start,
+                     accessible ? PROT_READ | PROT_WRITE : PROT_NONE) != 0) {
+            std::perror("hostkernel: mprotect of paged-pool blocks");
+            std::abort();
+        }
+        run_start = run_end = 0;
+    };
+    for (auto& [start, block] : blocks) {
+        if (block.accessible == accessible) {
+            flush();
+            continue;
+        }
+        if (start != run_end) {
+            flush();
+            run_start = start;
+        }
+        run_end = start + block.length;
+        block.accessible = accessible;
+    }
+    flush();
 }
 
 } // namespace hk::detail

@@ -2,12 +2,14 @@
 // type, a byte and block count per tag, a leak report and fault injection.
 // New blocks are filled with a pattern so that uninitialised use shows;
 // freed blocks are overwritten with another and go back to the host at
-// once, so AddressSanitizer catches any later touch (a paged block's pages
+// once, with the I/O manager's records of the IRPs they held, so
+// AddressSanitizer catches any later touch (a paged block's pages
 // are unmapped, so a later touch faults). Paged pool may not be freed at
 // DISPATCH_LEVEL nor hold objects the kernel touches there; its pages are
 // out of reach at DISPATCH_LEVEL (pagedpool.cpp), and the pool opens a
 // block's pages before its own work on them.
 #include "hostkernel/checks.h"
+#include "hostkernel/iomgr.h"
 #include "hostkernel/scheduler.h"
 
 #include <cstdlib>
@@ -72,6 +74,7 @@ size_t Pool::Free(void* block, ULONG tag, bool check_tag) {
                                                    "', freed as '" + TagText(tag) + "'");
     detail::Sched().CheckFreed(block, info.bytes);
     detail::Locks().Forget(block, info.bytes);
+    detail::Io().ForgetIrpsIn(block, info.bytes);
     if (info.paged)
         detail::OpenPagedBlock(block);
     if (free_observer_)

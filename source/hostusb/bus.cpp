@@ -1288,6 +1288,10 @@ int Bus::Plug(std::shared_ptr<Device> device, Speed speed) {
         device->SetDataReady([&bus, state](uint8_t ep) { bus.DataReady(state, ep); });
         device->SetRemoteWake([&bus, state] { bus.RemoteWake(state); });
         for (auto& interfaces : device->Functions()) {
+            // A function of no interface (an association that counts none)
+            // has nothing to drive: no physical device object.
+            if (interfaces.empty())
+                continue;
             auto function = std::make_unique<Function>();
             function->port = state;
             function->interfaces = interfaces;

@@ -10,6 +10,7 @@
 // pass, or delay the bulk-out completions by up to 7 ms (0: no delay). At
 // the end every write completes and the modem must have received exactly
 // the frames the host's bytes describe, in sequence and with their FCS.
+#define TRACE_FILE "tests/fuzz/ppp_deframer_fuzzer"
 #include "device_rig.h"
 #include "fuzz_support.h"
 #include "ppp_reference.h"
@@ -39,22 +40,57 @@ void CheckDeFramer(DeviceRig& rig) {
     }
 }
 
+void StartDeFramer(DeviceRig& rig, ULONG chunk) {
+    FUZZ_CHECK(StartFraming(rig.dev) == STATUS_SUCCESS);
+    KIRQL irql;
+    DEVICE_LOCK(rig.dev, &irql);
+    PppDeFramerInit(&rig.dev->PppDeFramer, rig.dev);
+    rig.dev->SendChunkSize = chunk;
+    DEVICE_UNLOCK(rig.dev, irql);
+    rig.modem->TakeFrames();
+}
+
+// One rig serves every input: built at the first, with framing on, and
+// taken apart at exit. Each input starts framing afresh as the driver's
+// switch does (the deframer started, the modem's numbering restarted by
+// the start-framing request) and sets the send chunk size.
+DeviceRig& Rig() {
+    static DeviceRig* rig = nullptr;
+    if (rig == nullptr) {
+        fuzz::SharedKernel();
+        ResetDriverState(TL_ASSERT);
+        rig = new DeviceRig();
+        DeviceRigOptions options;
+        options.started = true;
+        options.write_packet = 256;
+        FUZZ_CHECK(rig->Build(options) && rig->SwitchToPpp({}));
+        rig->DropCompleted();
+        // What the first start leaves allocated for the next is not an input's.
+        StartDeFramer(*rig, options.write_packet);
+        fuzz::OnTearDown([] {
+            rig->TearDown();
+            FUZZ_CHECK(rig->Failures().empty());
+            delete rig;
+            FUZZ_CHECK(MemoryCounter == 0);
+        });
+    }
+    return *rig;
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    DeviceRig& rig = Rig();
     fuzz::Input scope;
     fuzz::Reader input(data, size);
-    ResetDriverState(fuzz::TraceMaskFor(input.Byte(), TL_ERROR | TL_PPP));
+    TraceMask = fuzz::TraceMaskFor(input.Byte(), TL_ERROR | TL_PPP);
+    StartDeFramer(rig, 1 + input.Byte());
+    uint32_t bad_magic = rig.modem->BadMagic(), bad_sequence = rig.modem->BadSequence();
     {
-        DeviceRig rig;
-        DeviceRigOptions options;
-        options.started = true;
-        options.write_packet = 1 + input.Byte();
-        FUZZ_CHECK(rig.Build(options) && rig.SwitchToPpp({}));
-        // The flag that switched framing on opened the first frame.
+        // A started deframer is inside a frame, as after the flag that
+        // switched framing on.
         Bytes host{PPP_FLAG};
         std::vector<AppRequest*> writes;
-
         while (!input.Empty()) {
             uint8_t operation = input.Byte();
             uint8_t argument = input.Byte();
@@ -108,12 +144,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         rig.RunFor(10);
         FUZZ_CHECK(rig.dev->PppDeFramer.State != PPP_DEFRAMER_SUBMIT_PENDING);
         CheckDeFramer(rig);
-        FUZZ_CHECK(rig.modem->BadMagic() == 0 && rig.modem->BadSequence() == 0);
+        FUZZ_CHECK(rig.modem->BadMagic() == bad_magic && rig.modem->BadSequence() == bad_sequence);
         FUZZ_CHECK(received == frames);
-        rig.TearDown();
         FUZZ_CHECK(rig.Failures().empty());
+        FUZZ_CHECK(rig.port->RequestPool.Count == 0);
+        rig.DropCompleted();
     }
-    FUZZ_CHECK(MemoryCounter == 0);
-    fuzz::CheckTrace();
     return 0;
 }

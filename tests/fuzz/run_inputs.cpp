@@ -13,6 +13,8 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 extern "C" __attribute__((weak)) int LLVMFuzzerInitialize(int* argc, char*** argv);
+// Takes apart what a target kept across inputs (fuzz_support.h), if it did.
+extern "C" __attribute__((weak)) void FuzzTearDown();
 
 int main(int argc, char** argv) {
     std::vector<std::filesystem::path> files;
@@ -45,6 +47,8 @@ int main(int argc, char** argv) {
         std::fflush(stdout);
         LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
     }
+    if (FuzzTearDown)
+        FuzzTearDown();
     std::printf("%zu inputs, no fault\n", files.size());
     return 0;
 }
