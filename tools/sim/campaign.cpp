@@ -180,6 +180,10 @@ Result Judge(int status, bool hung, unsigned timeout_s, const std::string& outpu
     } else if (WIFSIGNALED(status)) {
         result.why =
             std::string("    killed by signal ") + strsignal(WTERMSIG(status)) + "\n" + Why(output);
+    } else if (WEXITSTATUS(status) == 0 && output.find(" never fired") != std::string::npos) {
+        // The first run counted this point, so a run that does not reach it
+        // is not the same run: something in the machine is not deterministic.
+        result.why = "    the fault never fired, though the run without it counted the point\n";
     } else if (WEXITSTATUS(status) == 0) {
         result.outcome = output.find("under the fault the session ended early") != std::string::npos
                              ? Outcome::kEndedEarly
@@ -353,8 +357,9 @@ int RunCampaign(const CampaignOptions& options) {
     size_t last_shown = 0;
     std::vector<Result> results = pool.RunAll(commands, [&](size_t done, size_t failed) {
         if (tty) {
-            std::fprintf(stderr, "\r[%5zu/%zu] %-10s %-16s failed or known %zu   ", done, runs.size(),
-                         runs[done - 1].kind.c_str(), runs[done - 1].point.c_str(), failed);
+            std::fprintf(stderr, "\r[%5zu/%zu] %-10s %-16s failed or known %zu   ", done,
+                         runs.size(), runs[done - 1].kind.c_str(), runs[done - 1].point.c_str(),
+                         failed);
         } else if (done == runs.size() ||
                    done - last_shown >= std::max<size_t>(1, runs.size() / 10)) {
             std::fprintf(stderr, "[%5zu/%zu] failed or known %zu\n", done, runs.size(), failed);
