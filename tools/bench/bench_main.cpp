@@ -28,8 +28,8 @@ const Goal kGoals[] = {
     {"deframer / reference decoder", "BM_PppDeFramer", "BM_PppReferenceDecoder", 1.0},
     {"receive path / framer", "BM_PppReceivePath", "BM_PppFramer", 0.8},
     {"send path / deframer", "BM_PppSendPath", "BM_PppDeFramer", 0.8},
-    {"circular buffer / memcpy, 64-byte chunks", "BM_CircBufWriteRead/64",
-     "BM_MemcpyWriteRead/64", 0.5},
+    {"circular buffer / memcpy, 64-byte chunks", "BM_CircBufWriteRead/64", "BM_MemcpyWriteRead/64",
+     0.5},
     // For information: against the plain encoder, which has no packet
     // headers to parse.
     {"framer / reference encoder (no goal)", "BM_PppFramer", "BM_PppReferenceEncoder", 0.0},
@@ -60,12 +60,14 @@ class GoalReporter : public benchmark::ConsoleReporter {
             if (measured == rates_.end() || yardstick == rates_.end() || yardstick->second <= 0)
                 continue;
             if (!header) {
-                std::printf("\n%-44s %10s %10s %6s %6s\n", "ratio (bytes per CPU second)",
-                            "MB/s", "yardstick", "ratio", "goal");
+                std::printf("\n%-44s %10s %10s %6s %6s\n", "ratio (bytes per CPU second)", "MB/s",
+                            "yardstick", "ratio", "goal");
                 header = true;
             }
             double ratio = measured->second / yardstick->second;
-            const char* verdict = goal.at_least <= 0 ? "" : ratio >= goal.at_least ? "pass" : "FAIL";
+            const char* verdict = goal.at_least <= 0       ? ""
+                                  : ratio >= goal.at_least ? "pass"
+                                                           : "FAIL";
             std::printf("%-44s %10.1f %10.1f %6.2f %s%-4.2f %s\n", goal.what,
                         measured->second / 1e6, yardstick->second / 1e6, ratio,
                         goal.at_least > 0 ? ">=" : "  ", goal.at_least, verdict);

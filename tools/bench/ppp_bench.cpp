@@ -56,8 +56,8 @@ Bytes DefaultControlChars() {
 // The traffic of every benchmark here, made once.
 struct Traffic {
     std::vector<Bytes> contents;
-    Bytes modem_stream;  // the contents as modem packets, numbered from 0
-    Bytes host_stream;   // the contents as HDLC frames
+    Bytes modem_stream; // the contents as modem packets, numbered from 0
+    Bytes host_stream;  // the contents as HDLC frames
     size_t content_bytes = 0;
 };
 
@@ -254,8 +254,8 @@ void BM_PppFramer(benchmark::State& state) {
             ULONG length = (ULONG)std::min<size_t>(kBulkInPiece, t.modem_stream.size() - at);
             KIRQL irql;
             DEVICE_LOCK(rig.dev, &irql);
-            ULONG taken = PppFramerIndicateBuffer(&rig.dev->PppFramer, t.modem_stream.data() + at,
-                                                  length);
+            ULONG taken =
+                PppFramerIndicateBuffer(&rig.dev->PppFramer, t.modem_stream.data() + at, length);
             DEVICE_UNLOCK(rig.dev, irql);
             if (taken != length)
                 return state.SkipWithError("the framer refused bytes");
