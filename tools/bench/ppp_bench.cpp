@@ -322,9 +322,7 @@ void BM_PppDeFramer(benchmark::State& state) {
             const UCHAR* data = t.host_stream.data() + at;
             KIRQL irql;
             DEVICE_LOCK(rig.dev, &irql);
-            ULONG taken = 0;
-            while (taken < length && PppDeFramerSendChar(&rig.dev->PppDeFramer, data[taken]))
-                taken++;
+            ULONG taken = PppDeFramerSendBuffer(&rig.dev->PppDeFramer, data, length);
             DEVICE_UNLOCK(rig.dev, irql);
             if (taken != length)
                 return state.SkipWithError("the deframer refused bytes");

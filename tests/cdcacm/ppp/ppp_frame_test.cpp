@@ -184,6 +184,43 @@ TEST_F(PppFrames, FramesTooLongForAPacketAreDroppedWithoutAGap) {
     EXPECT_EQ(dbg().Count("ACM:COM3:PppDeFramerSendChar PPP Frame to long, discard it"), 1u);
 }
 
+// Both converters keep their state in locals within a span and write it
+// back at its end: a stream cut into two spans anywhere (inside a header,
+// between an escape byte and the byte it escapes, before a closing flag)
+// gives exactly the frames of the whole stream.
+TEST_F(PppFrames, EveryCutIntoTwoSpansGivesTheSameFrames) {
+    const Bytes special{0x01, 0x11};
+    SwitchOn(special);
+    const std::vector<Bytes> contents{{0x01, 0x7E, 0x41}, {0x7D, 0x11, 0x42, 0x20}};
+    const Bytes modem =
+        Concat({ModemPacketBytes(0, contents[0]), ModemPacketBytes(1, contents[1])});
+    const Bytes host = Frames(contents, special);
+    for (size_t cut = 1; cut < modem.size(); cut++) {
+        KIRQL irql;
+        DEVICE_LOCK(dev_, &irql);
+        PppFramerInit(&dev_->PppFramer, dev_);
+        ULONG taken = PppFramerIndicateBuffer(&dev_->PppFramer, modem.data(), ULONG(cut));
+        taken += PppFramerIndicateBuffer(&dev_->PppFramer, modem.data() + cut,
+                                         ULONG(modem.size() - cut));
+        Bytes got(ser_->CircRcvBuf.Count);
+        CircBufRead(&ser_->CircRcvBuf, got.data(), ULONG(got.size()));
+        DEVICE_UNLOCK(dev_, irql);
+        EXPECT_EQ(taken, modem.size()) << "cut at " << cut;
+        EXPECT_EQ(got, host) << "cut at " << cut;
+    }
+    for (size_t cut = 1; cut < host.size(); cut++) {
+        ASSERT_TRUE(Wait(Write(Bytes(host.begin(), host.begin() + cut))));
+        RunFor(5); // the span is taken, its frame sent
+        ASSERT_TRUE(Wait(Write(Bytes(host.begin() + cut, host.end()))));
+        std::vector<Bytes> frames = ModemFrames(10);
+        ASSERT_EQ(frames.size(), 2u) << "cut at " << cut;
+        for (size_t i = 0; i < 2; i++) // the host's FCS follows each
+            EXPECT_EQ(Bytes(frames[i].begin(), frames[i].end() - 2), contents[i])
+                << "cut at " << cut;
+    }
+    EXPECT_EQ(modem_->BadFcs(), 0u);
+}
+
 // Random frames written by the host become modem packets carrying exactly
 // the unescaped frame, numbered modulo 32 both ways, empty frames between
 // unshared flags ignored; the same contents sent by the modem come back as
