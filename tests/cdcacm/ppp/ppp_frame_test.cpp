@@ -41,7 +41,7 @@ class PppFrames : public DeviceFixture {
     Options DeviceOptions() override {
         Options options;
         options.started = true;
-        options.snd_buffer = 8192;
+        options.snd_buffer = snd_buffer_;
         options.rcv_buffer = rcv_buffer_;
         options.write_packet = write_packet_;
         return options;
@@ -77,6 +77,7 @@ class PppFrames : public DeviceFixture {
         return modem_->TakeFrames();
     }
 
+    ULONG snd_buffer_ = 8192;
     ULONG rcv_buffer_ = 8192;
     ULONG write_packet_ = 4096;
 };
@@ -219,6 +220,33 @@ TEST_F(PppFrames, EveryCutIntoTwoSpansGivesTheSameFrames) {
                 << "cut at " << cut;
     }
     EXPECT_EQ(modem_->BadFcs(), 0u);
+}
+
+// The send pass hands the deframer the send buffer a span at a time, but
+// refills the buffer as if before every byte: a write larger than the
+// buffer completes as soon as its last byte finds room, before a frame that
+// closes later in the buffered bytes goes out.
+class SmallSendBuffer : public PppFrames {
+  protected:
+    SmallSendBuffer() { snd_buffer_ = 100; }
+};
+
+TEST_F(SmallSendBuffer, AWriteCompletesWhenItsLastByteFindsRoom) {
+    SwitchOn({});
+    TraceMask |= TL_RW | TL_SND;
+    const size_t before = dbg().Lines().size();
+    // About 150 bytes: the first 100 are buffered at once, the rest once as
+    // many have left; the first frame closes between those two points.
+    ASSERT_TRUE(Wait(Write(Frames({Bytes(70, 0x41), Bytes(72, 0x42)}, {}))));
+    std::vector<std::string> order;
+    for (size_t i = before; i < dbg().Lines().size(); i++)
+        for (const char* event : {"[CompleteRequest", "[SubmitWriteBuffer"})
+            if (dbg().Lines()[i].find(event) != std::string::npos)
+                order.push_back(event);
+    ASSERT_GE(order.size(), 2u);
+    EXPECT_EQ(order[0], "[CompleteRequest");
+    EXPECT_EQ(order[1], "[SubmitWriteBuffer");
+    EXPECT_EQ(ModemFrames().size(), 2u);
 }
 
 // Random frames written by the host become modem packets carrying exactly
