@@ -3,9 +3,14 @@
 // The framer (device to host) parses modem packets from the bulk-in pipe,
 // checks magic and sequence, and builds an HDLC frame (flag, escaped
 // content, escaped FCS, flag) that it hands to the serial port's receive
-// path. The deframer (host to device) takes the host's bytes one at a time,
-// strips flags and escapes, and sends each complete frame as one modem
-// packet through the send engine.
+// path. The deframer (host to device) takes the host's bytes, strips flags
+// and escapes, and sends each complete frame as one modem packet through the
+// send engine.
+//
+// Both are byte-at-a-time state machines fed whole spans: a frame's content,
+// nearly every byte, runs in one loop over the span with the state in locals
+// (write pointer, FCS, escape), written back once; every other state takes
+// its byte through the per-byte routine.
 //
 // Environment: DISPATCH_LEVEL, called by the receive engine and by the
 // serial port's send pass.
