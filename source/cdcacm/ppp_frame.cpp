@@ -214,8 +214,7 @@ static const UCHAR* PppFramerContent(PPPP_FRAMER Framer, const UCHAR* Data, cons
         Out[0] = Escaped ? (UCHAR)PPP_ESCAPE : c;
         Out[1] = (UCHAR)(c ^ PPP_ESCAPE_XOR);
         Out += 1 + Escaped;
-        // c is 0x7D or 0x7E and was not escaped.
-        if ((ULONG)((ULONG)c - PPP_ESCAPE < 2) > Escaped) {
+        if ((ULONG)((c == PPP_ESCAPE) | (c == PPP_FLAG)) > Escaped) {
             TRACE_ASSERT(c!= 0x7d);
             TRACE_ASSERT(c!= 0x7e);
         }
