@@ -3,9 +3,14 @@
 // The framer (device to host) parses modem packets from the bulk-in pipe,
 // checks magic and sequence, and builds an HDLC frame (flag, escaped
 // content, escaped FCS, flag) that it hands to the serial port's receive
-// path. The deframer (host to device) takes the host's bytes one at a time,
-// strips flags and escapes, and sends each complete frame as one modem
-// packet through the send engine.
+// path. The deframer (host to device) takes the host's bytes, strips flags
+// and escapes, and sends each complete frame as one modem packet through the
+// send engine.
+//
+// Both are byte-at-a-time state machines fed whole spans: a frame's content,
+// nearly every byte, runs in one loop over the span with the state in locals
+// (write pointer, FCS, escape), written back once; every other state takes
+// its byte through the per-byte routine.
 //
 // Environment: DISPATCH_LEVEL, called by the receive engine and by the
 // serial port's send pass.
@@ -187,11 +192,53 @@ BOOLEAN PppFramerIndicateChar(PPPP_FRAMER Framer, UCHAR Byte) {
     }
 }
 
+// The content of a packet, as far as the span holds it: each byte is
+// escaped into Buffer and runs through the FCS. Returns the first byte not
+// taken; the frame is finished (and delivered) after its last content byte.
+static const UCHAR* PppFramerContent(PPPP_FRAMER Framer, const UCHAR* Data, const UCHAR* End) {
+    ULONG Take = (ULONG)(End - Data);
+    if (Take > Framer->Count)
+        Take = Framer->Count;
+    const UCHAR* Stop = Data + Take;
+    const UCHAR* Escape = Framer->EscapeTable;
+    PUCHAR Out = Framer->WritePtr;
+    ULONG Fcs = Framer->Fcs;
+    while (Data < Stop) {
+        UCHAR c = *Data++;
+        Fcs = (Fcs >> 8) ^ PppFcsTable[(Fcs ^ c) & 0xFF];
+        // Without a branch on the escape, which random content mispredicts:
+        // both bytes of an escape are written and the pointer advances by
+        // one or two. The second byte of an unescaped one lands on the
+        // buffer's slack and is overwritten by the next.
+        ULONG Escaped = Escape[c] != 0;
+        Out[0] = Escaped ? (UCHAR)PPP_ESCAPE : c;
+        Out[1] = (UCHAR)(c ^ PPP_ESCAPE_XOR);
+        Out += 1 + Escaped;
+        if ((ULONG)((c == PPP_ESCAPE) | (c == PPP_FLAG)) > Escaped) {
+            TRACE_ASSERT(c!= 0x7d);
+            TRACE_ASSERT(c!= 0x7e);
+        }
+    }
+    Framer->WritePtr = Out;
+    Framer->Fcs = (USHORT)Fcs;
+    Framer->Count -= Take;
+    if (Framer->Count == 0)
+        PppFramerFinishFrame(Framer);
+    return Data;
+}
+
 ULONG PppFramerIndicateBuffer(PPPP_FRAMER Framer, const UCHAR* Data, ULONG Length) {
-    ULONG Accepted = 0;
-    while (Accepted < Length && PppFramerIndicateChar(Framer, Data[Accepted]))
-        Accepted++;
-    return Accepted;
+    const UCHAR* Next = Data;
+    const UCHAR* End = Data + Length;
+    while (Next < End) {
+        if (Framer->State == PPP_FRAMER_CONTENT)
+            Next = PppFramerContent(Framer, Next, End);
+        else if (PppFramerIndicateChar(Framer, *Next))
+            Next++;
+        else
+            break;
+    }
+    return (ULONG)(Next - Data);
 }
 
 // Starts the next packet: it takes the next sequence number.
@@ -320,4 +367,57 @@ void PppDeFramerSubmitBuffer(PPPP_DEFRAMER DeFramer) {
           DEV_PORT_NAME(DeFramer->Device));
     PppDeFramerReset(DeFramer);
     DeFramer->State = PPP_DEFRAMER_IN_FRAME;
+}
+
+// A frame's bytes, as far as the span holds them, up to and including its
+// closing flag: unescaped into Buffer. Returns the first byte not taken.
+static const UCHAR* PppDeFramerCollect(PPPP_DEFRAMER DeFramer, const UCHAR* Data,
+                                       const UCHAR* End) {
+    PUCHAR Out = DeFramer->WritePtr;
+    PUCHAR Last = DeFramer->End;
+    // 1 after an escape byte: the next byte, whatever it is, is stored
+    // XOR 0x20.
+    ULONG AfterEscape = DeFramer->State == PPP_DEFRAMER_ESCAPE;
+    while (Data < End) {
+        UCHAR c = *Data++;
+        if (c == PPP_FLAG && !AfterEscape) {
+            DeFramer->WritePtr = Out;
+            DeFramer->Count = (ULONG)(Out - DeFramer->Buffer);
+            DeFramer->State = PPP_DEFRAMER_IN_FRAME;
+            if (DeFramer->Count > 0)
+                PppDeFramerFinishFrame(DeFramer);
+            return Data;
+        }
+        // Without a branch on the escape: an escape byte is written too but
+        // not counted, and the next byte overwrites it.
+        ULONG Escape = (ULONG)(c == PPP_ESCAPE) & (AfterEscape ^ 1);
+        *Out = (UCHAR)(c ^ (AfterEscape * PPP_ESCAPE_XOR));
+        Out += Escape ^ 1;
+        AfterEscape = Escape;
+        if (Out == Last) {
+            TRACE(TL_ERROR, "%P:%S:PppDeFramerSendChar PPP Frame to long, discard it\n",
+                  DEV_PORT_NAME(DeFramer->Device));
+            PppDeFramerDiscard(DeFramer);
+            DeFramer->State = PPP_DEFRAMER_HUNT;
+            return Data;
+        }
+    }
+    DeFramer->WritePtr = Out;
+    DeFramer->Count = (ULONG)(Out - DeFramer->Buffer);
+    DeFramer->State = AfterEscape ? PPP_DEFRAMER_ESCAPE : PPP_DEFRAMER_IN_FRAME;
+    return Data;
+}
+
+ULONG PppDeFramerSendBuffer(PPPP_DEFRAMER DeFramer, const UCHAR* Data, ULONG Length) {
+    const UCHAR* Next = Data;
+    const UCHAR* End = Data + Length;
+    while (Next < End) {
+        if (DeFramer->State == PPP_DEFRAMER_IN_FRAME || DeFramer->State == PPP_DEFRAMER_ESCAPE)
+            Next = PppDeFramerCollect(DeFramer, Next, End);
+        else if (PppDeFramerSendChar(DeFramer, *Next))
+            Next++;
+        else
+            break;
+    }
+    return (ULONG)(Next - Data);
 }

@@ -30,7 +30,8 @@
 #define PPP_FCS_INITIAL 0xFFFF
 
 // Room for the escaped form of the largest modem packet: 2043 content bytes
-// escape to 4086, the FCS to 4 and the two flags make 4092.
+// escape to 4086, the FCS to 4 and the two flags make 4092 (the framer's
+// content loop also writes one byte of slack past what it stores).
 #define PPP_FRAMER_BUFFER_SIZE 4108
 // Writing the 4102nd content byte makes a host frame too long.
 #define PPP_DEFRAMER_BUFFER_SIZE 4102
@@ -105,5 +106,8 @@ void PppDeFramerInit(PPPP_DEFRAMER DeFramer, PDEVICE Device);
 // FALSE when a finished packet still waits for a send packet; the caller
 // keeps the byte and offers it again.
 BOOLEAN PppDeFramerSendChar(PPPP_DEFRAMER DeFramer, UCHAR Byte);
+// The same for a span: returns the number of leading bytes taken; the byte
+// after them, if any, was refused as PppDeFramerSendChar refuses one.
+ULONG PppDeFramerSendBuffer(PPPP_DEFRAMER DeFramer, const UCHAR* Data, ULONG Length);
 // Sends a waiting packet, if any.
 void PppDeFramerSubmitBuffer(PPPP_DEFRAMER DeFramer);

@@ -58,28 +58,42 @@ void CircBufReset(PCIRC_BUF Buf) {
 
 // Empty is cleared only when a byte really entered, and Full (in CircBufRead)
 // only when one really left: a buffer whose allocation failed thus stays full
-// and empty, and the queues' copy loops never spin on it.
+// and empty, and the queues' copy loops never spin on it. With 64-byte chunks
+// the calls cost about as much as the copying: the bookkeeping comes first
+// and the copy across the ring's end is a routine of its own, so that the
+// usual copy needs nothing kept across it.
+static __attribute__((noinline)) void CircBufCopyIn(PCIRC_BUF Buf, PUCHAR To, const UCHAR* Data,
+                                                    ULONG Count, ULONG Room) {
+    RtlCopyMemory(To, Data, Room);
+    RtlCopyMemory(Buf->Start, Data + Room, Count - Room);
+}
+
+static __attribute__((noinline)) void CircBufCopyOut(PCIRC_BUF Buf, PUCHAR Data, const UCHAR* From,
+                                                     ULONG Count, ULONG Room) {
+    RtlCopyMemory(Data, From, Room);
+    RtlCopyMemory(Data + Room, Buf->Start, Count - Room);
+}
+
 ULONG CircBufWrite(PCIRC_BUF Buf, const UCHAR* Data, ULONG Length) {
     ULONG Count = Buf->Size - Buf->Count;
     if (Count > Length)
         Count = Length;
     if (Count == 0)
         return 0;
-    ULONG Room = (ULONG)(Buf->End - Buf->WritePtr);
-    if (Count > Room) {
-        RtlCopyMemory(Buf->WritePtr, Data, Room);
-        RtlCopyMemory(Buf->Start, Data + Room, Count - Room);
-        Buf->WritePtr = Buf->Start + (Count - Room);
-    } else {
-        RtlCopyMemory(Buf->WritePtr, Data, Count);
-        Buf->WritePtr += Count;
-    }
-    if (Buf->WritePtr >= Buf->End)
-        Buf->WritePtr = Buf->Start;
+    PUCHAR To = Buf->WritePtr;
+    ULONG Room = (ULONG)(Buf->End - To);
     Buf->Count += Count;
     Buf->Empty = FALSE;
     if (Buf->Count == Buf->Size)
         Buf->Full = TRUE;
+    if (Count < Room) {
+        Buf->WritePtr = To + Count;
+        RtlCopyMemory(To, Data, Count);
+    } else {
+        // Up to the ring's end, the rest (perhaps nothing) from its start.
+        Buf->WritePtr = Buf->Start + (Count - Room);
+        CircBufCopyIn(Buf, To, Data, Count, Room);
+    }
     return Count;
 }
 
@@ -89,22 +103,46 @@ ULONG CircBufRead(PCIRC_BUF Buf, PUCHAR Data, ULONG Length) {
         Count = Length;
     if (Count == 0)
         return 0;
-    ULONG Room = (ULONG)(Buf->End - Buf->ReadPtr);
-    if (Count > Room) {
-        RtlCopyMemory(Data, Buf->ReadPtr, Room);
-        RtlCopyMemory(Data + Room, Buf->Start, Count - Room);
-        Buf->ReadPtr = Buf->Start + (Count - Room);
-    } else {
-        RtlCopyMemory(Data, Buf->ReadPtr, Count);
-        Buf->ReadPtr += Count;
-    }
-    if (Buf->ReadPtr >= Buf->End)
-        Buf->ReadPtr = Buf->Start;
+    const UCHAR* From = Buf->ReadPtr;
+    ULONG Room = (ULONG)(Buf->End - From);
     Buf->Count -= Count;
     Buf->Full = FALSE;
     if (Buf->Count == 0)
         Buf->Empty = TRUE;
+    if (Count < Room) {
+        Buf->ReadPtr += Count;
+        RtlCopyMemory(Data, From, Count);
+    } else {
+        Buf->ReadPtr = Buf->Start + (Count - Room);
+        CircBufCopyOut(Buf, Data, From, Count, Room);
+    }
     return Count;
+}
+
+ULONG CircBufReadSpan(PCIRC_BUF Buf, const UCHAR** Data) {
+    ULONG Count = (ULONG)(Buf->End - Buf->ReadPtr);
+    if (Count > Buf->Count)
+        Count = Buf->Count;
+    *Data = Buf->ReadPtr;
+    return Count;
+}
+
+// The bookkeeping of CircBufRead without the copy.
+void CircBufSkip(PCIRC_BUF Buf, ULONG Length) {
+    ULONG Count = Buf->Count;
+    if (Count > Length)
+        Count = Length;
+    if (Count == 0)
+        return;
+    ULONG Room = (ULONG)(Buf->End - Buf->ReadPtr);
+    if (Count >= Room)
+        Buf->ReadPtr = Buf->Start + (Count - Room);
+    else
+        Buf->ReadPtr += Count;
+    Buf->Count -= Count;
+    Buf->Full = FALSE;
+    if (Buf->Count == 0)
+        Buf->Empty = TRUE;
 }
 
 NTSTATUS AddPort(PSER_PORT* Port, PDEVICE WrContext, ULONG RcvBufferSize, ULONG SndBufferSize,
@@ -279,22 +317,43 @@ static void SendStartingStep(PSER_PORT Port, SEND_CHUNK* Chunk) {
     Chunk->More = !Chunk->FlagTaken;
 }
 
-// On mode, the whole pass under the lock: host bytes go one at a time into
-// the deframer, which sends each finished frame as one modem packet.
+// On mode, the whole pass under the lock: host bytes go into the deframer,
+// which sends each finished frame as one modem packet. The deframer takes
+// the buffer's bytes a span at a time, and the pass refills the buffer from
+// the send queue between spans, as if it did so before every byte: a span
+// ends where the ring wraps and where enough bytes have left for the queue
+// to finish buffering its head request, so every request completes after
+// the same byte as when the bytes went one at a time. A byte the deframer
+// refuses (a finished frame waits for the send packet) leaves the buffer
+// as the pending byte, after the refill.
 static void SendDeframed(PSER_PORT Port) {
     PPPP_DEFRAMER DeFramer = &Port->WrContext->PppDeFramer;
+    PCIRC_BUF Buf = &Port->CircSendBuf;
     for (;;) {
-        SqueueWrite(&Port->SndQueue, &Port->CircSendBuf);
-        if (!Port->PendingValid && CircBufRead(&Port->CircSendBuf, &Port->PendingChar, 1) == 1)
-            Port->PendingValid = TRUE;
-        if (!Port->PendingValid) {
+        SqueueWrite(&Port->SndQueue, Buf);
+        if (Port->PendingValid) {
+            // Refused: a finished frame still waits for a send packet; the byte stays pending.
+            if (!PppDeFramerSendChar(DeFramer, Port->PendingChar))
+                return;
+            Port->PendingValid = FALSE;
+            continue;
+        }
+        const UCHAR* Span;
+        ULONG Length = CircBufReadSpan(Buf, &Span);
+        if (Length == 0) {
             PppDeFramerSubmitBuffer(DeFramer);
             return;
         }
-        // Refused: a finished frame still waits for a send packet; the byte stays pending.
-        if (!PppDeFramerSendChar(DeFramer, Port->PendingChar))
+        ULONG Waiting = SqueueWriteWaiting(&Port->SndQueue, Buf);
+        if (Length > Waiting)
+            Length = Waiting;
+        ULONG Taken = PppDeFramerSendBuffer(DeFramer, Span, Length);
+        CircBufSkip(Buf, Taken);
+        if (Taken < Length) {
+            SqueueWrite(&Port->SndQueue, Buf);
+            Port->PendingValid = CircBufRead(Buf, &Port->PendingChar, 1) == 1;
             return;
-        Port->PendingValid = FALSE;
+        }
     }
 }
 

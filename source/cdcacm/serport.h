@@ -116,3 +116,8 @@ void CircBufFree(PCIRC_BUF Buf);
 void CircBufReset(PCIRC_BUF Buf);
 ULONG CircBufWrite(PCIRC_BUF Buf, const UCHAR* Data, ULONG Length);
 ULONG CircBufRead(PCIRC_BUF Buf, PUCHAR Data, ULONG Length);
+// The bytes CircBufRead would take next without wrapping: their count, and
+// where they start.
+ULONG CircBufReadSpan(PCIRC_BUF Buf, const UCHAR** Data);
+// Takes Length bytes (at most Count) as CircBufRead does, without copying.
+void CircBufSkip(PCIRC_BUF Buf, ULONG Length);

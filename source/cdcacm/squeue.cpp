@@ -152,6 +152,15 @@ NTSTATUS SqueueWrite(PSQUEUE Queue, PCIRC_BUF CircBuf) {
     return STATUS_SUCCESS;
 }
 
+ULONG SqueueWriteWaiting(PSQUEUE Queue, PCIRC_BUF CircBuf) {
+    PSER_REQUEST Head = SqueueFirst(Queue);
+    if (Head == NULL)
+        return 0xFFFFFFFF;
+    ULONG Rest = Head->Length - Queue->CurCount;
+    ULONG Room = CircBuf->Size - CircBuf->Count;
+    return Rest > Room ? Rest - Room : 1;
+}
+
 // A write request whose total time ran out while CTS flow control holds the
 // send engine: one more second and a grant of its buffered bytes, then the
 // time-out.

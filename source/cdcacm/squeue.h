@@ -34,6 +34,10 @@ void SqueueCheckTimeMode(PSQUEUE Queue, PSER_SETTINGS Settings);
 NTSTATUS SqueueAddRequest(PSQUEUE Queue, PSER_REQUEST Request, PCIRC_BUF CircBuf);
 ULONG SqueueRead(PSQUEUE Queue, PCIRC_BUF CircBuf);
 NTSTATUS SqueueWrite(PSQUEUE Queue, PCIRC_BUF CircBuf);
+// After SqueueWrite: how many bytes must leave CircBuf before SqueueWrite can
+// finish buffering the head request (at least 1); 0xFFFFFFFF when no request
+// waits.
+ULONG SqueueWriteWaiting(PSQUEUE Queue, PCIRC_BUF CircBuf);
 void SqueueTimerTick(PSQUEUE Queue);
 void SqueueFlush(PSQUEUE Queue);
 BOOLEAN SqueueCancel(PSQUEUE Queue, PIRP Irp);

@@ -41,7 +41,7 @@ class PppFrames : public DeviceFixture {
     Options DeviceOptions() override {
         Options options;
         options.started = true;
-        options.snd_buffer = 8192;
+        options.snd_buffer = snd_buffer_;
         options.rcv_buffer = rcv_buffer_;
         options.write_packet = write_packet_;
         return options;
@@ -77,6 +77,7 @@ class PppFrames : public DeviceFixture {
         return modem_->TakeFrames();
     }
 
+    ULONG snd_buffer_ = 8192;
     ULONG rcv_buffer_ = 8192;
     ULONG write_packet_ = 4096;
 };
@@ -182,6 +183,70 @@ TEST_F(PppFrames, FramesTooLongForAPacketAreDroppedWithoutAGap) {
                           "packet, discard it"),
               1u);
     EXPECT_EQ(dbg().Count("ACM:COM3:PppDeFramerSendChar PPP Frame to long, discard it"), 1u);
+}
+
+// Both converters keep their state in locals within a span and write it
+// back at its end: a stream cut into two spans anywhere (inside a header,
+// between an escape byte and the byte it escapes, before a closing flag)
+// gives exactly the frames of the whole stream.
+TEST_F(PppFrames, EveryCutIntoTwoSpansGivesTheSameFrames) {
+    const Bytes special{0x01, 0x11};
+    SwitchOn(special);
+    const std::vector<Bytes> contents{{0x01, 0x7E, 0x41}, {0x7D, 0x11, 0x42, 0x20}};
+    const Bytes modem =
+        Concat({ModemPacketBytes(0, contents[0]), ModemPacketBytes(1, contents[1])});
+    const Bytes host = Frames(contents, special);
+    for (size_t cut = 1; cut < modem.size(); cut++) {
+        KIRQL irql;
+        DEVICE_LOCK(dev_, &irql);
+        PppFramerInit(&dev_->PppFramer, dev_);
+        ULONG taken = PppFramerIndicateBuffer(&dev_->PppFramer, modem.data(), ULONG(cut));
+        taken += PppFramerIndicateBuffer(&dev_->PppFramer, modem.data() + cut,
+                                         ULONG(modem.size() - cut));
+        Bytes got(ser_->CircRcvBuf.Count);
+        CircBufRead(&ser_->CircRcvBuf, got.data(), ULONG(got.size()));
+        DEVICE_UNLOCK(dev_, irql);
+        EXPECT_EQ(taken, modem.size()) << "cut at " << cut;
+        EXPECT_EQ(got, host) << "cut at " << cut;
+    }
+    for (size_t cut = 1; cut < host.size(); cut++) {
+        ASSERT_TRUE(Wait(Write(Bytes(host.begin(), host.begin() + cut))));
+        RunFor(5); // the span is taken, its frame sent
+        ASSERT_TRUE(Wait(Write(Bytes(host.begin() + cut, host.end()))));
+        std::vector<Bytes> frames = ModemFrames(10);
+        ASSERT_EQ(frames.size(), 2u) << "cut at " << cut;
+        for (size_t i = 0; i < 2; i++) // the host's FCS follows each
+            EXPECT_EQ(Bytes(frames[i].begin(), frames[i].end() - 2), contents[i])
+                << "cut at " << cut;
+    }
+    EXPECT_EQ(modem_->BadFcs(), 0u);
+}
+
+// The send pass hands the deframer the send buffer a span at a time, but
+// refills the buffer as if before every byte: a write larger than the
+// buffer completes as soon as its last byte finds room, before a frame that
+// closes later in the buffered bytes goes out.
+class SmallSendBuffer : public PppFrames {
+  protected:
+    SmallSendBuffer() { snd_buffer_ = 100; }
+};
+
+TEST_F(SmallSendBuffer, AWriteCompletesWhenItsLastByteFindsRoom) {
+    SwitchOn({});
+    TraceMask |= TL_RW | TL_SND;
+    const size_t before = dbg().Lines().size();
+    // About 150 bytes: the first 100 are buffered at once, the rest once as
+    // many have left; the first frame closes between those two points.
+    ASSERT_TRUE(Wait(Write(Frames({Bytes(70, 0x41), Bytes(72, 0x42)}, {}))));
+    std::vector<std::string> order;
+    for (size_t i = before; i < dbg().Lines().size(); i++)
+        for (const char* event : {"[CompleteRequest", "[SubmitWriteBuffer"})
+            if (dbg().Lines()[i].find(event) != std::string::npos)
+                order.push_back(event);
+    ASSERT_GE(order.size(), 2u);
+    EXPECT_EQ(order[0], "[CompleteRequest");
+    EXPECT_EQ(order[1], "[SubmitWriteBuffer");
+    EXPECT_EQ(ModemFrames().size(), 2u);
 }
 
 // Random frames written by the host become modem packets carrying exactly
