@@ -2,6 +2,7 @@
 // FCS-16, and the driver's modem packets. One thread at a time; no locks.
 #include "ppp/ppp.h"
 
+#include <algorithm>
 #include <array>
 
 namespace ppp {
@@ -113,13 +114,16 @@ std::vector<Bytes> HdlcFraming::Decode(const Bytes& bytes) {
 
 Bytes ModemPacketFraming::Encode(const Bytes& frame) {
     Bytes content = side_ == Side::kHost ? WithFcs(frame) : frame;
-    Bytes packet;
     if (content.size() > kMaxContent)
-        return packet; // the framing mode has no room for it: dropped
+        return {}; // the framing mode has no room for it: dropped
     size_t word = size_t(send_sequence_) << 11 | (content.size() + kHeaderBytes);
     send_sequence_ = (send_sequence_ + 1) % kSequences;
-    packet = {kMagicLow, kMagicHigh, uint8_t(word >> 8), uint8_t(word)};
-    packet.insert(packet.end(), content.begin(), content.end());
+    Bytes packet(kHeaderBytes + content.size());
+    packet[0] = kMagicLow;
+    packet[1] = kMagicHigh;
+    packet[2] = uint8_t(word >> 8);
+    packet[3] = uint8_t(word);
+    std::copy(content.begin(), content.end(), packet.begin() + kHeaderBytes);
     return packet;
 }
 
