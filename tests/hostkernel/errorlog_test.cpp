@@ -26,27 +26,6 @@ PVOID Fill(PVOID entry, const std::u16string& text) {
     return entry;
 }
 
-TEST_F(ErrorLogTest, AWrittenEntryIsKeptAndListedWithItsSourceAndString) {
-    hk::Driver driver(u"\\Driver\\cdcacm");
-    const std::u16string text = u"Unable to init physical port.";
-    PVOID entry = IoAllocateErrorLogEntry(driver.Object(), UCHAR(text.size() * 2 + 50));
-    ASSERT_NE(entry, nullptr);
-    EXPECT_EQ(*static_cast<uint8_t*>(entry), hk::Pool::kNewFill) << "entries are not zeroed";
-    kernel().Sleep(1234);
-    IoWriteErrorLogEntry(Fill(entry, text));
-
-    ASSERT_EQ(kernel().errorlog().Entries().size(), 1u);
-    const hk::ErrorLogEntry& logged = kernel().errorlog().Entries()[0];
-    EXPECT_EQ(logged.size, 108u);
-    EXPECT_EQ(logged.error_code, kInitFailed);
-    EXPECT_EQ(logged.unique_error_value, 0xEBEBEBEBu);
-    EXPECT_EQ(logged.final_status, kInitFailed);
-    EXPECT_EQ(logged.strings, std::vector<std::u16string>{text});
-    EXPECT_EQ(logged.Format(),
-              "Error          1.234  cdcacm  Event ID 3  \"Unable to init physical port.\"");
-    EXPECT_EQ(kernel().pool().ForTag(hk::ErrorLog::kTag).blocks, 0u) << "the log freed it";
-}
-
 TEST_F(ErrorLogTest, SizesOutsideThePacketAndTheLimitAndAFailingPoolGiveNoEntry) {
     hk::Driver driver;
     EXPECT_EQ(IoAllocateErrorLogEntry(driver.Object(), ERROR_LOG_MAXIMUM_SIZE + 1), nullptr);

@@ -1,8 +1,8 @@
-// The emulated I/O manager against tiny driver-shaped fakes: device stacks,
-// IRP completion order, pending, cancellation, buffered application
-// requests, and every verifier rule on a wrong routine next to the right
-// one. (Names, links, exclusive opens and work items are the driver's
-// lifecycle, comm and worker tests.)
+// The emulated I/O manager against tiny driver-shaped fakes: completion
+// routine flags, built requests, cancellation, and every verifier rule on a
+// wrong routine. (Stacks, completion order, pending and buffered requests
+// are what every driver test runs through; names, links, exclusive opens
+// and work items are the driver's lifecycle, comm and worker tests.)
 #include "kernel_test.h"
 
 #include <functional>
@@ -32,18 +32,16 @@ NTSTATUS CompleteAll(PDEVICE_OBJECT, PIRP Irp) {
     return Complete(Irp, STATUS_SUCCESS);
 }
 
-// A completion routine that records the device and pending flag it was
-// called with, and answers as told.
+// A completion routine that records the device it was called with, and
+// answers as told.
 struct Trail {
     explicit Trail(NTSTATUS answer = STATUS_MORE_PROCESSING_REQUIRED) : answer(answer) {}
     std::vector<PDEVICE_OBJECT> devices;
-    std::vector<BOOLEAN> pending;
     NTSTATUS answer;
 };
-NTSTATUS NTAPI Record(PDEVICE_OBJECT Device, PIRP Irp, PVOID Context) {
+NTSTATUS NTAPI Record(PDEVICE_OBJECT Device, PIRP, PVOID Context) {
     auto* trail = static_cast<Trail*>(Context);
     trail->devices.push_back(Device);
-    trail->pending.push_back(Irp->PendingReturned);
     return trail->answer;
 }
 
@@ -137,59 +135,11 @@ class IoManagerTest : public KernelTest {
     PDEVICE_OBJECT pdo_ = nullptr, fdo_ = nullptr;
 };
 
-TEST_F(IoManagerTest, AttachSetsStackSizesAndReturnsTheTopOfTheStack) {
-    PDEVICE_OBJECT filter = Create(*upper_);
-    EXPECT_EQ(fdo_->StackSize, 2);
-    EXPECT_EQ(IoAttachDeviceToDeviceStack(filter, pdo_), fdo_); // lands on the top
-    EXPECT_EQ(filter->StackSize, 3);
-    EXPECT_EQ(IoGetAttachedDevice(pdo_), filter);
-    hk::ExpectViolation expect(hk::rule::kDeviceDeletedAttached);
-    IoDetachDevice(fdo_);
-    IoDetachDevice(pdo_);
-    EXPECT_EQ(expect.Count(), 0u);
-    EXPECT_EQ(IoAttachDeviceToDeviceStack(fdo_, pdo_), pdo_);
-    IoDeleteDevice(fdo_); // still on pdo_
-    EXPECT_EQ(expect.Count(), 1u);
-    EXPECT_EQ(pdo_->AttachedDevice, fdo_); // the dangling link the bug leaves behind
-    pdo_->AttachedDevice = nullptr;
-}
-
-// Completion routines run bottom-up, each with its own device; one that
-// answers STATUS_MORE_PROCESSING_REQUIRED stops the unwinding until its
-// driver completes the IRP again, and the pending mark travels up.
-TEST_F(IoManagerTest, CompletionRoutinesRunInStackOrderUntilMoreProcessingRequired) {
-    Trail upper(STATUS_SUCCESS), top;
-    PIRP held = nullptr;
-    g_upper = [&](PDEVICE_OBJECT, PIRP Irp) {
-        NTSTATUS status = Forward(Irp, Record, &upper);
-        if (upper.answer == STATUS_SUCCESS)
-            return status;
-        held = Irp;
-        IoMarkIrpPending(Irp);
-        return STATUS_PENDING;
-    };
-    g_lower = [](PDEVICE_OBJECT, PIRP Irp) { return Complete(Irp, STATUS_SUCCESS, 7); };
-    PIRP irp = NewIrp(IRP_MJ_WRITE, &top);
-    EXPECT_EQ(IoCallDriver(fdo_, irp), STATUS_SUCCESS);
-    EXPECT_EQ(upper.devices, std::vector<PDEVICE_OBJECT>{fdo_});
-    EXPECT_EQ(top.devices, std::vector<PDEVICE_OBJECT>{nullptr});
-    EXPECT_EQ(irp->IoStatus.Information, 7u);
-
-    upper.answer = STATUS_MORE_PROCESSING_REQUIRED;
-    IoReuseIrp(irp, STATUS_SUCCESS);
-    EXPECT_EQ(IoCallDriver(fdo_, NewIrp(IRP_MJ_WRITE, &top, irp)), STATUS_PENDING);
-    EXPECT_EQ(upper.devices.size(), 2u);
-    EXPECT_EQ(top.devices.size(), 1u);
-    Complete(held, STATUS_UNSUCCESSFUL);
-    ASSERT_EQ(top.pending.size(), 2u);
-    EXPECT_TRUE(top.pending[1]); // the upper driver's pending mark reached the top
-    IoFreeIrp(irp);
-}
-
 // A routine runs for a success, an error or a cancelled IRP as its flags
 // say, each flag against every outcome; a skipped one does not stop the
 // unwinding.
 TEST_F(IoManagerTest, CompletionRoutineFlagsSelectSuccessErrorAndCancel) {
+    ASSERT_EQ(fdo_->StackSize, 2) << "one location more than the device it is attached to";
     const std::pair<NTSTATUS, BOOLEAN> outcomes[] = {{STATUS_SUCCESS, FALSE},
                                                      {STATUS_UNSUCCESSFUL, FALSE},
                                                      {STATUS_CANCELLED, TRUE},
@@ -218,55 +168,6 @@ TEST_F(IoManagerTest, CompletionRoutineFlagsSelectSuccessErrorAndCancel) {
             EXPECT_EQ(top.devices.size(), 1u);
             IoFreeIrp(irp);
         }
-}
-
-// Application requests reach the top of the stack in order, buffered as the
-// device asks; a read completed later copies back only Information bytes.
-TEST_F(IoManagerTest, FileRequestsReachTheTopOfTheStackBuffered) {
-    PDEVICE_OBJECT filter = Create(*upper_, nullptr, DO_BUFFERED_IO); // filters copy the flags
-    IoAttachDeviceToDeviceStack(filter, fdo_);
-    std::vector<UCHAR> seen;
-    g_upper = [&](PDEVICE_OBJECT Device, PIRP Irp) {
-        PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Irp);
-        EXPECT_EQ(Device, filter);
-        EXPECT_EQ(Irp->StackCount, 3);
-        EXPECT_NE(stack->FileObject, nullptr);
-        seen.push_back(stack->MajorFunction);
-        auto* buffer = static_cast<ULONG*>(Irp->AssociatedIrp.SystemBuffer);
-        switch (stack->MajorFunction) {
-        case IRP_MJ_DEVICE_CONTROL:
-            EXPECT_EQ(stack->Parameters.DeviceIoControl.InputBufferLength, 4u);
-            EXPECT_EQ(stack->Parameters.DeviceIoControl.OutputBufferLength, 8u);
-            buffer[1] = buffer[0] + 1;
-            return Complete(Irp, STATUS_SUCCESS, 8);
-        case IRP_MJ_WRITE:
-            EXPECT_EQ(memcmp(buffer, "abc", 3), 0);
-            return Complete(Irp, STATUS_SUCCESS, stack->Parameters.Write.Length);
-        case IRP_MJ_READ:
-            EXPECT_EQ(stack->Parameters.Read.Length, 16u);
-            EXPECT_NE(Irp->Flags & IRP_BUFFERED_IO, 0u);
-            IoMarkIrpPending(Irp);
-            return Park(Irp);
-        }
-        return Complete(Irp, STATUS_SUCCESS);
-    };
-    hk::File file;
-    ASSERT_EQ(file.Open(fdo_), STATUS_SUCCESS);
-    EXPECT_EQ(file.Write("abc", 3).information, 3u);
-    ULONG in = 41, out[2] = {0, 0};
-    EXPECT_EQ(file.DeviceIoControl(IOCTL_SERIAL_GET_BAUD_RATE, &in, 4, out, 8).information, 8u);
-    EXPECT_EQ(out[1], 42u);
-    auto read = file.ReadAsync(16);
-    EXPECT_FALSE(read->Done());
-    memcpy(g_parked->AssociatedIrp.SystemBuffer, "hello, world! ??", 16);
-    Complete(g_parked, STATUS_SUCCESS, 5); // only five bytes go back
-    EXPECT_EQ(read->Wait().information, 5u);
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(read->Output().data()), 16),
-              std::string("hello") + std::string(11, '\0'));
-    EXPECT_EQ(read->Irp(), nullptr);
-    file.Close();
-    EXPECT_EQ(seen, (std::vector<UCHAR>{IRP_MJ_CREATE, IRP_MJ_WRITE, IRP_MJ_DEVICE_CONTROL,
-                                        IRP_MJ_READ, IRP_MJ_CLEANUP, IRP_MJ_CLOSE}));
 }
 
 // A built control request sets its event, fills the status block and copies

@@ -1,5 +1,6 @@
 // The emulated registry: key handles, value queries with the kernel's size
-// rules, device hardware keys, the Rtl writes, the text form and the checks.
+// rules, the Rtl writes, the text form and the checks. (Typed writes and the
+// hardware key are the driver's configuration and serial number tests.)
 #include "kernel_test.h"
 
 #include <cstdio>
@@ -92,42 +93,6 @@ TEST_F(RegistryTest, PartialInformationFollowsTheKernelSizeRules) {
     EXPECT_EQ(Query(key, u"Absent", exact, &result), STATUS_OBJECT_NAME_NOT_FOUND);
     EXPECT_EQ(result, 77u);
     ZwClose(key);
-}
-
-TEST_F(RegistryTest, SetValueKeyStoresTypedDataAndReplacesIgnoringCase) {
-    HANDLE key = OpenService();
-    ULONG ten = 10;
-    ASSERT_EQ(Set(key, u"TimerInterval", REG_DWORD, &ten, sizeof(ten)), STATUS_SUCCESS);
-    EXPECT_EQ(reg().GetDword(kService, "timerinterval"), 10u);
-    ASSERT_EQ(Set(key, u"TIMERINTERVAL", REG_SZ, u"COM7", sizeof(u"COM7")), STATUS_SUCCESS);
-    EXPECT_EQ(reg().GetDword(kService, "TimerInterval"), std::nullopt);
-    EXPECT_EQ(reg().GetString(kService, "TimerInterval"), "COM7");
-    EXPECT_EQ(reg().ValueNames(kService), std::vector<std::string>{"TIMERINTERVAL"});
-    UNICODE_STRING name;
-    RtlInitUnicodeString(&name, u"TimerInterval");
-    EXPECT_EQ(ZwDeleteValueKey(key, &name), STATUS_SUCCESS);
-    EXPECT_EQ(ZwDeleteValueKey(key, &name), STATUS_OBJECT_NAME_NOT_FOUND);
-    ZwClose(key);
-}
-
-TEST_F(RegistryTest, HardwareKeyBelongsToItsPhysicalDeviceObjectOnly) {
-    alignas(8) unsigned char pdoStorage[8], otherStorage[8];
-    auto* pdo = reinterpret_cast<PDEVICE_OBJECT>(pdoStorage);
-    auto* other = reinterpret_cast<PDEVICE_OBJECT>(otherStorage);
-    std::string path = reg().CreateHardwareKey(pdo, "USB\\VID_1234&PID_0001\\5&1");
-    EXPECT_EQ(path, std::string(hk::Registry::kEnumPath) +
-                        "\\USB\\VID_1234&PID_0001\\5&1\\Device Parameters");
-    EXPECT_EQ(reg().HardwareKeyFor(pdo), path);
-    HANDLE key = nullptr;
-    ASSERT_EQ(IoOpenDeviceRegistryKey(pdo, PLUGPLAY_REGKEY_DEVICE, STANDARD_RIGHTS_READ, &key),
-              STATUS_SUCCESS);
-    ZwClose(key);
-    EXPECT_EQ(IoOpenDeviceRegistryKey(other, PLUGPLAY_REGKEY_DEVICE, STANDARD_RIGHTS_READ, &key),
-              STATUS_INVALID_DEVICE_REQUEST);
-    reg().ForgetDevice(pdo);
-    EXPECT_EQ(IoOpenDeviceRegistryKey(pdo, PLUGPLAY_REGKEY_DEVICE, STANDARD_RIGHTS_READ, &key),
-              STATUS_INVALID_DEVICE_REQUEST);
-    EXPECT_EQ(reg().OpenHandles(), 0u);
 }
 
 // The Rtl calls write through the device map, creating the last key of the

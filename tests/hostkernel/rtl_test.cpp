@@ -29,21 +29,6 @@ TEST_F(Rtl, BuildsANumberedNameInTheRoomItHas) {
     EXPECT_EQ(RtlIntegerToUnicodeString(5, 7, &number), STATUS_INVALID_PARAMETER);
 }
 
-TEST_F(Rtl, AnsiToUnicodeAllocatesFromPoolAndFrees) {
-    ANSI_STRING ansi;
-    RtlInitAnsiString(&ansi, "COM7");
-    UNICODE_STRING wide{};
-    ASSERT_EQ(RtlAnsiStringToUnicodeString(&wide, &ansi, TRUE), STATUS_SUCCESS);
-    EXPECT_EQ(Text(wide), u"COM7");
-    EXPECT_EQ(kernel().pool().Total().blocks, 1u);
-    RtlFreeUnicodeString(&wide);
-    EXPECT_EQ(kernel().pool().Total().blocks, 0u);
-    EXPECT_EQ(wide.Buffer, nullptr);
-    WCHAR four[4]; // the terminator must fit as well
-    UNICODE_STRING fixed{0, sizeof(four), four};
-    EXPECT_EQ(RtlAnsiStringToUnicodeString(&fixed, &ansi, FALSE), STATUS_BUFFER_OVERFLOW);
-}
-
 TEST_F(Rtl, CompareEqualAndCopy) {
     UNICODE_STRING a, b, c;
     RtlInitUnicodeString(&a, u"COM3");

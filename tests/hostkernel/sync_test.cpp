@@ -14,27 +14,6 @@ NTSTATUS Wait(PVOID object, int64_t timeout_ms = -1) {
 
 using Sync = KernelTest;
 
-// A notification event releases every waiter and stays signalled; a
-// synchronization event releases one and resets.
-TEST_F(Sync, EventsReleaseWaitersByTheirType) {
-    for (EVENT_TYPE type : {NotificationEvent, SynchronizationEvent}) {
-        const bool notification = type == NotificationEvent;
-        KEVENT event;
-        KeInitializeEvent(&event, type, FALSE);
-        int woken = 0;
-        auto waiter = [&] { woken += Wait(&event, 100) == STATUS_SUCCESS; };
-        hk::Thread a("a", waiter), b("b", waiter);
-        kernel().Sleep(1);
-        EXPECT_EQ(woken, 0);
-        EXPECT_EQ(KeSetEvent(&event, 0, FALSE), 0);
-        a.Join();
-        b.Join();
-        EXPECT_EQ(woken, notification ? 2 : 1);
-        EXPECT_EQ(KeResetEvent(&event), notification ? 1 : 0);
-        EXPECT_EQ(KeReadStateEvent(&event), 0);
-    }
-}
-
 TEST_F(Sync, ZeroTimeoutPollsWithoutBlockingAndADelayTakesVirtualTime) {
     KEVENT event;
     KeInitializeEvent(&event, NotificationEvent, FALSE);

@@ -1,7 +1,7 @@
 // The timeline recorder on the kernel's own objects: each context gets its
 // named track, a timer's expiry, its DPC and a thread's span land where
 // they ran, named by their routines' symbols, on the virtual clock as time
-// base; verifier reports are instants.
+// base.
 #include "kernel_test.h"
 
 #include "hostkernel/timeline.h"
@@ -95,17 +95,6 @@ TEST(TimelineBound, AFullTimelineStillClosesWhatItOpened) {
         phases += std::string(e["ph"]);
     EXPECT_EQ(phases, "MMMBE");
     EXPECT_TRUE(file["otherData"].contains("truncated"));
-}
-
-// A verifier report is an instant too, even one a test expects.
-TEST_F(TimelineTest, VerifierReportsAreInstants) {
-    hk::ExpectViolation expected(hk::rule::kBadHandle);
-    kernel().verifier().Violation(hk::rule::kBadHandle, "handle 7");
-    auto events = Events();
-    ASSERT_EQ(events.size(), 1u);
-    EXPECT_EQ(events[0]["name"], std::string("verifier: ") + hk::rule::kBadHandle);
-    EXPECT_EQ(events[0]["args"]["detail"], "handle 7");
-    EXPECT_EQ(events[0]["track"], "main");
 }
 
 } // namespace

@@ -28,28 +28,6 @@ class Timers : public KernelTest {
     DpcLog log;
 };
 
-// A timer fires once into its DPC at DISPATCH_LEVEL. Setting a set timer
-// moves its deadline and says it was set; cancelling says whether it
-// removed a pending timer; an expired one is set no more.
-TEST_F(Timers, SetAndCancelReportWhetherTheTimerWasPending) {
-    EXPECT_FALSE(KeCancelTimer(&timer));
-    EXPECT_FALSE(KeSetTimer(&timer, RelativeMs(100), &dpc));
-    kernel().Sleep(50);
-    EXPECT_TRUE(KeSetTimer(&timer, RelativeMs(100), &dpc));
-    kernel().Sleep(200);
-    EXPECT_EQ(log.times_ms, std::vector<int64_t>{150});
-    EXPECT_FALSE(KeSetTimer(&timer, RelativeMs(10), &dpc));
-    EXPECT_TRUE(KeCancelTimer(&timer));
-    EXPECT_FALSE(KeCancelTimer(&timer));
-    kernel().Sleep(20);
-    EXPECT_EQ(log.times_ms, std::vector<int64_t>{150});
-    KeSetTimer(&timer, RelativeMs(10), &dpc);
-    kernel().Sleep(20);
-    EXPECT_FALSE(KeCancelTimer(&timer)); // already fired
-    EXPECT_EQ(log.times_ms, (std::vector<int64_t>{150, 280}));
-    EXPECT_EQ(log.irqls, std::vector<KIRQL>(2, DISPATCH_LEVEL));
-}
-
 // Queued at DISPATCH_LEVEL (under a spin lock), a DPC waits for the IRQL to
 // drop, runs once however often it was queued, and not at all once removed;
 // queued below DISPATCH_LEVEL it runs at once, at DISPATCH_LEVEL.
@@ -96,15 +74,6 @@ TEST_F(Timers, TimersDueAtTheSameInstantExpireBeforeTheirDpcsRun) {
     kernel().Sleep(10);
     EXPECT_TRUE(seen.other_signalled);
     EXPECT_EQ(log.times_ms, std::vector<int64_t>{10});
-}
-
-TEST_F(Timers, SystemTimeAdvancesWithTheVirtualClock) {
-    LARGE_INTEGER before, after;
-    KeQuerySystemTime(&before);
-    kernel().Sleep(1234);
-    KeQuerySystemTime(&after);
-    EXPECT_EQ(after.QuadPart - before.QuadPart, 1234 * 10000);
-    EXPECT_EQ(KeQueryInterruptTime(), 1234ull * 10000);
 }
 
 } // namespace

@@ -103,17 +103,6 @@ template <class Base> class BusRig : public Base {
     }
 
     // Builders of the URBs a function driver sends.
-    BusRequest* GetDescriptor(UCHAR type, UCHAR index, ULONG length, USHORT language = 0) {
-        BusRequest* request = NewRequest(sizeof(struct _URB_CONTROL_DESCRIPTOR_REQUEST), length);
-        auto& d = request->Urb()->UrbControlDescriptorRequest;
-        d.Hdr.Function = URB_FUNCTION_GET_DESCRIPTOR_FROM_DEVICE;
-        d.DescriptorType = type;
-        d.Index = index;
-        d.LanguageId = language;
-        d.TransferBuffer = request->buffer.data();
-        d.TransferBufferLength = length;
-        return Send(request);
-    }
     BusRequest* ClassOrVendor(USHORT function, bool in, UCHAR code, USHORT value, USHORT index,
                               std::vector<uint8_t> data, ULONG in_length = 0,
                               ULONG flags = USBD_SHORT_TRANSFER_OK) {
@@ -132,12 +121,6 @@ template <class Base> class BusRig : public Base {
         b.Hdr.Function = URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER;
         b.PipeHandle = pipes_[endpoint];
         return Send(WithData(request, b, in, std::move(data), in_length, flags));
-    }
-    BusRequest* PipeRequest(USHORT function, uint8_t endpoint) {
-        BusRequest* request = NewRequest(sizeof(struct _URB_PIPE_REQUEST));
-        request->Urb()->UrbPipeRequest.Hdr.Function = function;
-        request->Urb()->UrbPipeRequest.PipeHandle = pipes_[endpoint];
-        return Send(request);
     }
 
     // Selects the configuration with every interface of the function, and

@@ -1,15 +1,14 @@
 // The simulated bus driver as a function driver meets it: URB validation,
-// transfer timing in virtual time, IN transfers waiting for data, cancel
-// and abort, a fault knob's counting, and the lower-driver notifications.
+// handles of a replaced configuration, cancel from a completion, a fault
+// knob's counting, composite functions, bulk-out timing. (IN transfers,
+// abort, cancel and the lower-driver notifications are what every driver
+// test and the simulator's scenarios run through.)
 #include "bus_client.h"
 
 namespace {
 
-constexpr int64_t kFrame = 10000; // 1 ms
-constexpr int64_t kMicro = 1250;  // 125 us
 constexpr uint8_t kBulkIn = 0x81;
 constexpr uint8_t kBulkOut = 0x01;
-constexpr uint8_t kInterruptIn = 0x82;
 
 // An ordinary modem at full speed in its first configuration.
 class ConfiguredBusTest : public BusTest {
@@ -125,8 +124,8 @@ TEST_F(ConfiguredBusTest, HandlesDieWithTheConfiguration) {
     EXPECT_EQ(Transfer(kBulkOut, false, {3})->UsbStatus(), USBD_STATUS_INVALID_PIPE_HANDLE);
 }
 
-// --- timing -------------------------------------------------------------
-
+// Full-speed bulk moves 19 packets of 64 bytes in a 1 ms frame, high speed
+// 13 of 512 in a 125 us microframe; a transfer takes the frames it needs.
 struct Timing {
     hu::Speed speed;
     ULONG bytes;
@@ -140,77 +139,18 @@ TEST_P(BusTimingTest, BulkOutTakesItsFramesAndReachesTheModem) {
     Plug(sm::OrdinaryModem(row.speed), row.speed);
     ASSERT_EQ(Select(0), STATUS_SUCCESS);
     kernel().Sleep(3); // mid-frame starts are rounded to the frame's end
-    std::vector<uint8_t> data(row.bytes);
-    for (size_t i = 0; i < data.size(); ++i)
-        data[i] = uint8_t(i);
-    int64_t frame = row.speed == hu::Speed::kFull ? kFrame : kMicro;
-    int64_t start = kernel().Now() / frame * frame;
-    BusRequest* out = Transfer(kBulkOut, false, data);
+    const int64_t frame = row.speed == hu::Speed::kFull ? 10000 : 1250;
+    const int64_t start = kernel().Now() / frame * frame;
+    BusRequest* out = Transfer(kBulkOut, false, std::vector<uint8_t>(row.bytes, 0x5a));
     ASSERT_TRUE(Wait(out));
-    EXPECT_EQ(out->status, STATUS_SUCCESS);
-    EXPECT_EQ(out->irql, DISPATCH_LEVEL);
     EXPECT_EQ(out->completed_at - start, row.frames * frame);
-    EXPECT_EQ(modem_->Pull(), data);
+    EXPECT_EQ(modem_->Pull().size(), row.bytes);
 }
 
 INSTANTIATE_TEST_SUITE_P(Speeds, BusTimingTest,
-                         ::testing::Values(Timing{hu::Speed::kFull, 0, 1},
-                                           Timing{hu::Speed::kFull, 19 * 64, 1},
+                         ::testing::Values(Timing{hu::Speed::kFull, 19 * 64, 1},
                                            Timing{hu::Speed::kFull, 19 * 64 + 1, 2},
-                                           Timing{hu::Speed::kFull, 4096, 4},
-                                           Timing{hu::Speed::kHigh, 13 * 512, 1},
                                            Timing{hu::Speed::kHigh, 13 * 512 + 1, 2}));
-
-// --- IN transfers -------------------------------------------------------
-
-// An IN transfer waits for data; without USBD_SHORT_TRANSFER_OK a short
-// packet fails it. A transfer of exactly its length ends at its last full
-// packet; the zero-length packet behind it ends the next with no bytes. (A
-// zero-length packet ending a longer transfer is one of the modem's pacing
-// tests.)
-TEST_F(ConfiguredBusTest, InTransfersWaitForDataAndEndAtShortOrZeroLengthPackets) {
-    BusRequest* strict = Transfer(kBulkIn, true, {}, 64, 0);
-    kernel().Sleep(50);
-    EXPECT_FALSE(strict->completed);
-    modem_->Push(std::vector<uint8_t>(3, 0x55));
-    ASSERT_TRUE(Wait(strict));
-    EXPECT_EQ(strict->UsbStatus(), USBD_STATUS_ERROR_SHORT_TRANSFER);
-    EXPECT_EQ(strict->Urb()->UrbBulkOrInterruptTransfer.TransferBufferLength, 3u);
-    EXPECT_EQ(strict->buffer[2], 0x55);
-
-    modem_->Push(std::vector<uint8_t>(64, 2));
-    BusRequest* exact = Transfer(kBulkIn, true, {}, 64);
-    BusRequest* zlp = Transfer(kBulkIn, true, {}, 256);
-    ASSERT_TRUE(Wait(zlp));
-    EXPECT_EQ(exact->Urb()->UrbBulkOrInterruptTransfer.TransferBufferLength, 64u);
-    EXPECT_EQ(zlp->Urb()->UrbBulkOrInterruptTransfer.TransferBufferLength, 0u);
-    EXPECT_EQ(zlp->status, STATUS_SUCCESS);
-}
-
-// Transfers queued behind one another share each frame's budget: the next
-// one carries on in the frame where the one before it ended, so 16384 bytes
-// in four transfers take ceil(16384 / 1216) frames, not four frames each
-// and a gap.
-TEST_F(ConfiguredBusTest, QueuedInTransfersFillEveryFrame) {
-    modem_->Push(std::vector<uint8_t>(4 * 4096, 7));
-    int64_t first_frame = (kernel().Now() / kFrame + 1) * kFrame;
-    std::vector<BusRequest*> ins;
-    for (int i = 0; i < 4; ++i)
-        ins.push_back(Transfer(kBulkIn, true, {}, 4096));
-    ASSERT_TRUE(Wait(ins.back()));
-    EXPECT_EQ(ins.front()->completed_at - first_frame, 4 * kFrame);
-    EXPECT_EQ(ins.back()->completed_at - first_frame, 14 * kFrame);
-    for (BusRequest* in : ins)
-        EXPECT_EQ(in->Urb()->UrbBulkOrInterruptTransfer.TransferBufferLength, 4096u);
-}
-
-TEST_F(ConfiguredBusTest, InterruptEndpointIsPolledAtItsInterval) {
-    BusRequest* in = Transfer(kInterruptIn, true, {}, 16);
-    kernel().Sleep(5);
-    modem_->SendSerialState(0x03);
-    ASSERT_TRUE(Wait(in));
-    EXPECT_EQ(in->completed_at % (16 * kFrame), 0) << "completes at a 16 ms poll";
-}
 
 // --- cancel, abort, device gone --------------------------------------------
 
@@ -223,31 +163,6 @@ TEST_F(ConfiguredBusTest, CancelFromACompletionOfTheSamePassCompletesOnce) {
     EXPECT_EQ(second->status, STATUS_CANCELLED);
     EXPECT_EQ(second->completed_at, first->completed_at);
     EXPECT_TRUE(modem_->Pull().empty());
-}
-
-// A cancelled transfer completes cancelled at DISPATCH_LEVEL; an abort
-// completes every pending transfer of its pipe before itself.
-TEST_F(ConfiguredBusTest, CancelAndAbortCompletePendingTransfersCancelled) {
-    BusRequest* in = Transfer(kBulkIn, true, {}, 64);
-    kernel().Sleep(10);
-    EXPECT_TRUE(IoCancelIrp(in->irp));
-    ASSERT_TRUE(Wait(in, 1));
-    EXPECT_EQ(in->status, STATUS_CANCELLED);
-    EXPECT_EQ(in->UsbStatus(), USBD_STATUS_CANCELED);
-    EXPECT_EQ(in->irql, DISPATCH_LEVEL);
-    EXPECT_EQ(bus_->PendingTransfers(port_), 0u);
-
-    BusRequest* first = Transfer(kBulkIn, true, {}, 64);
-    BusRequest* second = Transfer(kBulkIn, true, {}, 64);
-    BusRequest* other = Transfer(kInterruptIn, true, {}, 16);
-    BusRequest* abort = PipeRequest(URB_FUNCTION_ABORT_PIPE, kBulkIn);
-    ASSERT_TRUE(Wait(abort));
-    EXPECT_EQ(abort->status, STATUS_SUCCESS);
-    for (BusRequest* aborted : {first, second}) {
-        EXPECT_EQ(aborted->UsbStatus(), USBD_STATUS_CANCELED);
-        EXPECT_LT(aborted->order, abort->order);
-    }
-    EXPECT_FALSE(other->completed) << "only the aborted pipe's transfers end";
 }
 
 // --- fault knobs -----------------------------------------------------------
@@ -307,20 +222,6 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& info) { return std::string(info.param.name); });
 
 // --- notifications, composite devices ---------------------------------
-
-TEST_F(BusTest, LowerDriverNotificationsSucceedAndAreRecorded) {
-    Plug(sm::OrdinaryModem());
-    kernel().Sleep(7);
-    BusRequest* open = Send(NewRequest(sizeof(URB)), 0x89312007);
-    BusRequest* close = Send(NewRequest(sizeof(URB)), 0x8931200B);
-    EXPECT_EQ(open->status, STATUS_SUCCESS);
-    EXPECT_EQ(close->status, STATUS_SUCCESS);
-    auto notes = bus_->Notifications(port_);
-    ASSERT_EQ(notes.size(), 2u);
-    EXPECT_EQ(notes[0].code, 0x89312007u);
-    EXPECT_EQ(notes[1].code, 0x8931200Bu);
-    EXPECT_EQ(notes[0].time_ms, 7);
-}
 
 // (That the second function's configuration descriptor holds only its own
 // interfaces the driver's configuration test on it shows.)

@@ -1,8 +1,8 @@
 // The emulated PnP manager over the simulated bus, with a small function
-// driver that attaches to each PDO and passes every PnP request down: the
-// order of the requests, the installed registry, removal with and without
-// open handles, eject and rebalance vetoes. (COM port names, their reuse and
-// a failed start are the driver's lifecycle tests and the simulator's demo.)
+// driver that attaches to each PDO and passes every PnP request down: eject
+// and rebalance vetoes and device interfaces. (Install, start, removal with
+// open handles, COM port names, their reuse and a failed start are the
+// driver's lifecycle tests and the simulator's demo.)
 #include "pnp_bus_test.h"
 
 #include "hostkernel/pnp.h"
@@ -13,7 +13,6 @@
 namespace {
 
 const char* const kOrdinary = "USB\\VID_FFF0&PID_0001\\KM0000001";
-const std::string kEnum = std::string(hk::Registry::kEnumPath) + "\\";
 
 // What the fake driver saw, and the requests it fails.
 struct FakeDriverState {
@@ -78,53 +77,6 @@ class PnpManagerTest : public PnpBusTest {
 
     FakeDriverState fake_;
 };
-
-TEST_F(PnpManagerTest, PlugInstallsFromTheInfAndStartsTheStack) {
-    kernel().registry().SetDword(std::string(hk::Registry::kServicesPath) + "\\cdcacm", "TraceMask",
-                                 7);
-    int port = PlugSettled(sm::OrdinaryModem());
-    const hk::PnpDevice* device = pnp().Device(kOrdinary);
-    ASSERT_NE(device, nullptr);
-    EXPECT_EQ(device->state, hk::PnpState::kStarted);
-    EXPECT_EQ(device->pdo, bus_->Pdo(port));
-    EXPECT_EQ(device->add_device, STATUS_SUCCESS);
-    EXPECT_EQ(device->Sequence(),
-              (std::vector<UCHAR>{IRP_MN_QUERY_CAPABILITIES, IRP_MN_START_DEVICE}));
-    EXPECT_EQ(fake_.minors, device->Sequence()) << "requests go to the top of the stack";
-    EXPECT_EQ(device->capabilities.UniqueID, 1u) << "the bus filled the capabilities";
-
-    hk::Registry& registry = kernel().registry();
-    std::string key = kEnum + kOrdinary;
-    EXPECT_EQ(registry.GetString(key, "Service"), "cdcacm");
-    EXPECT_EQ(registry.GetString(key, "Class"), "Ports");
-    EXPECT_EQ(registry.GetString(key, "ClassGUID"), "{4D36E978-E325-11CE-BFC1-08002BE10318}");
-    EXPECT_EQ(registry.GetValue(key, "HardwareID")->type, ULONG(REG_MULTI_SZ));
-    EXPECT_EQ(registry.GetString(key, "FriendlyName"), "Korva USB Modem (COM1)");
-    EXPECT_EQ(registry.HardwareKeyFor(bus_->Pdo(port)), key + "\\Device Parameters");
-    std::string service = std::string(hk::Registry::kServicesPath) + "\\cdcacm";
-    EXPECT_EQ(registry.GetDword(service, "TraceMask"), 7u) << "an existing value is kept";
-    EXPECT_EQ(registry.GetDword(service, "Start"), 3u);
-    EXPECT_EQ(registry.GetString(service, "ImagePath"), "System32\\drivers\\cdcacm.sys");
-}
-
-TEST_F(PnpManagerTest, UnplugSurpriseRemovesAndRemovesOnceTheLastHandleCloses) {
-    int port = PlugSettled(sm::OrdinaryModem());
-    PDEVICE_OBJECT pdo = bus_->Pdo(port);
-    hk::File file;
-    ASSERT_EQ(file.Open(pdo->AttachedDevice), STATUS_SUCCESS);
-    UnplugSettled(port);
-    const hk::PnpDevice* device = pnp().Device(kOrdinary);
-    EXPECT_EQ(device->Sequence().back(), IRP_MN_SURPRISE_REMOVAL);
-    EXPECT_EQ(device->state, hk::PnpState::kSurpriseRemoved);
-    EXPECT_TRUE(hk::DeviceExists(pdo));
-    file.Close();
-    pnp().Settle();
-    EXPECT_EQ(device->Sequence(),
-              (std::vector<UCHAR>{IRP_MN_QUERY_CAPABILITIES, IRP_MN_START_DEVICE,
-                                  IRP_MN_SURPRISE_REMOVAL, IRP_MN_REMOVE_DEVICE}));
-    EXPECT_EQ(device->state, hk::PnpState::kRemoved);
-    EXPECT_FALSE(hk::DeviceExists(pdo)) << "the bus deletes a PDO reported missing";
-}
 
 struct VetoCase {
     const char* name;

@@ -1,5 +1,6 @@
-// Power over the simulated bus: system sleep and wake through the power
-// manager, with a small power policy owner attached to each modem's PDO;
+// Power over the simulated bus: a refused sleep and misrouted power IRPs,
+// with a small power policy owner attached to each modem's PDO (a whole
+// sleep and wake is the driver's power tests and the simulator's demo);
 // PoRequestPowerIrp and the power IRP rules of the verifier; the bus's
 // wait-wake answers, remote wake-up and suspended data.
 #include "pnp_bus_test.h"
@@ -17,17 +18,8 @@ constexpr ULONG kIrpTag = 0x20707249; // 'Irp ', the I/O manager's IRPs
 
 enum class Misstep { kNone, kVetoQuery, kAnswerQuery, kNoStartNext, kIoCallDriver };
 
-struct Seen {
-    UCHAR minor;
-    POWER_STATE_TYPE type;
-    ULONG state;
-    POWER_ACTION action;
-    KIRQL irql;
-};
-
 // What the policy owner saw, and how it misbehaves.
 struct OwnerState {
-    std::vector<Seen> seen;
     Misstep misstep = Misstep::kNone;
 };
 OwnerState* g_owner = nullptr;
@@ -100,9 +92,6 @@ NTSTATUS NTAPI OwnerPower(PDEVICE_OBJECT fdo, PIRP irp) {
     PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
     bool system = stack->MinorFunction != IRP_MN_WAIT_WAKE &&
                   stack->Parameters.Power.Type == SystemPowerState;
-    g_owner->seen.push_back({stack->MinorFunction, stack->Parameters.Power.Type,
-                             ULONG(stack->Parameters.Power.State.SystemState),
-                             stack->Parameters.Power.ShutdownType, KeGetCurrentIrql()});
     // Refused, or answered here without PoStartNextPowerIrp.
     bool veto = g_owner->misstep == Misstep::kVetoQuery;
     if (system && stack->MinorFunction == IRP_MN_QUERY_POWER &&
@@ -154,61 +143,6 @@ class PowerManagerTest : public PnpBusTest {
 
     OwnerState owner_;
 };
-
-// Every started stack is asked, then told, each sleeping state with its
-// action; the policy owner's device IRP carries the system action and comes
-// at PASSIVE_LEVEL; the return to work is told without a query.
-TEST_F(PowerManagerTest, QueriesEveryStackThenSetsThemAndWakesWithoutQuery) {
-    PlugSettled(sm::OrdinaryModem());
-    PlugSettled(sm::CompositeTwoAcm());
-    std::vector<std::string> instances = pnp().Instances();
-    ASSERT_EQ(instances.size(), 3u);
-    auto line = [](const std::string& instance, UCHAR minor, ULONG state, ULONG action) {
-        return instance + " " + std::to_string(minor) + " " + std::to_string(state) + " " +
-               std::to_string(action);
-    };
-    struct {
-        SYSTEM_POWER_STATE state;
-        bool reset;
-        POWER_ACTION action;
-        ULONG device;
-    } cases[] = {{PowerSystemSleeping1, false, PowerActionSleep, PowerDeviceD2},
-                 {PowerSystemSleeping3, false, PowerActionSleep, PowerDeviceD2},
-                 {PowerSystemHibernate, false, PowerActionHibernate, PowerDeviceD3},
-                 {PowerSystemShutdown, false, PowerActionShutdownOff, PowerDeviceD3},
-                 {PowerSystemShutdown, true, PowerActionShutdownReset, PowerDeviceD3}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(line("sleep", 0, c.state, c.action));
-        power().ClearRequests();
-        owner_.seen.clear();
-        ASSERT_TRUE(power().Sleep(c.state, c.reset));
-        EXPECT_EQ(power().State(), c.state);
-        power().Wake();
-        EXPECT_EQ(power().State(), PowerSystemWorking);
-        std::vector<std::string> expected, sent;
-        for (UCHAR minor : {IRP_MN_QUERY_POWER, IRP_MN_SET_POWER})
-            for (const std::string& instance : instances)
-                expected.push_back(line(instance, minor, c.state, c.action));
-        for (const std::string& instance : instances)
-            expected.push_back(
-                line(instance, IRP_MN_SET_POWER, PowerSystemWorking, PowerActionSleep));
-        for (const hk::PowerRequest& r : power().Requests()) {
-            sent.push_back(line(r.instance, r.minor, r.state, r.action));
-            EXPECT_EQ(r.status, STATUS_SUCCESS);
-        }
-        EXPECT_EQ(sent, expected);
-        std::vector<ULONG> device_states;
-        for (const Seen& seen : owner_.seen) {
-            EXPECT_EQ(seen.irql, PASSIVE_LEVEL);
-            if (seen.type == DevicePowerState) {
-                device_states.push_back(seen.state);
-                EXPECT_EQ(seen.action, seen.state == PowerDeviceD0 ? PowerActionSleep : c.action);
-            }
-        }
-        EXPECT_EQ(device_states, (std::vector<ULONG>{c.device, c.device, c.device, PowerDeviceD0,
-                                                     PowerDeviceD0, PowerDeviceD0}));
-    }
-}
 
 TEST_F(PowerManagerTest, ARefusedQueryReaffirmsTheWorkingStateToTheStacksAsked) {
     int port = PlugSettled(sm::CompositeTwoAcm());
@@ -355,25 +289,5 @@ INSTANTIATE_TEST_SUITE_P(
         WaitWakeCase{"SignalBeforeArmed", 1, kS3, kD2, Then::kSignalFirst, STATUS_PENDING},
         WaitWakeCase{"SignalInD2", 1, kS3, kD2, Then::kSignal, STATUS_SUCCESS}),
     [](const auto& info) { return std::string(info.param.name); });
-
-// A suspended modem neither sends nor receives; its transfers wait and go
-// on in D0.
-TEST_F(BusPowerTest, SuspendedDataWaitsForD0) {
-    ASSERT_EQ(Select(0), STATUS_SUCCESS);
-    ASSERT_EQ(SetDevice(PowerDeviceD2), STATUS_SUCCESS);
-    modem_->Push({1, 2, 3});
-    BusRequest* in = Transfer(0x81, true, {}, 64);
-    BusRequest* out = Transfer(0x01, false, {7, 8});
-    kernel().Sleep(50);
-    EXPECT_FALSE(in->completed);
-    EXPECT_FALSE(out->completed);
-    EXPECT_TRUE(modem_->Pull().empty());
-    ASSERT_EQ(SetDevice(PowerDeviceD0), STATUS_SUCCESS);
-    ASSERT_TRUE(Wait(in));
-    ASSERT_TRUE(Wait(out));
-    EXPECT_EQ(std::vector<uint8_t>(in->buffer.begin(), in->buffer.begin() + 3),
-              (std::vector<uint8_t>{1, 2, 3}));
-    EXPECT_EQ(modem_->Pull(), (std::vector<uint8_t>{7, 8}));
-}
 
 } // namespace

@@ -93,14 +93,6 @@ class ModemLife : public DriverTest {
         EXPECT_EQ(files_.back()->Open(name), expected) << hk::detail::Narrow(name);
         return *files_.back();
     }
-    std::string PortNameOf(const std::string& instance) {
-        return kernel()
-            .registry()
-            .GetString(std::string(hk::Registry::kEnumPath) + "\\" + instance +
-                           "\\Device Parameters",
-                       "PortName")
-            .value_or("none");
-    }
     PDEVICE_OBJECT Top(int port) { return IoGetAttachedDevice(bus_->Pdo(port)); }
 
     std::unique_ptr<hu::Bus> bus_;

@@ -120,6 +120,12 @@ TEST_F(ModemPower, OneWaitWakeAtATimeAndOnlyForAModemThatCanWake) {
     Plug(quiet);
     EXPECT_FALSE(Dev0()->RemoteWakeup);
     EXPECT_EQ(Dev0()->WakeIrp, nullptr);
+    // Nor is one whose port cannot wake the system (SystemWake S0).
+    Dev0()->RemoteWakeup = TRUE;
+    Dev0()->Capabilities.SystemWake = PowerSystemWorking;
+    RequestWakeupIrp(Dev0());
+    EXPECT_TRUE(dbg().Contains("RequestWakeupIrp: PC does not support wake up on this USB port"));
+    EXPECT_EQ(Dev0()->WakeIrp, nullptr);
 }
 
 TEST_F(ModemPower, TheModemWakesTheSystemAndThePortWorks) {

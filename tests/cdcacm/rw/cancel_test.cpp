@@ -36,6 +36,7 @@ TEST_F(Cancel, PendingReadCompletesWithTheBytesAlreadyMoved) {
     EXPECT_TRUE(IsListEmpty(&ser_->RcvQueue.List));
     EXPECT_EQ(port_->RequestPool.Count, 0u);
     EXPECT_TRUE(dbg().Contains("ACM:COM3S:IrpQueue_IrpCancelRoutine"));
+    EXPECT_TRUE(dbg().Contains("]CompleteRequest (")) << "a failed request is an error line";
 }
 
 TEST_F(CancelSmallSendBuffer, PendingWriteCompletesWithTheBytesBuffered) {

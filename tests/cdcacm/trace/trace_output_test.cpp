@@ -14,6 +14,11 @@ using Lines = std::vector<std::string>;
 
 class TraceOutputTest : public DriverTest {};
 
+// Until the driver reads its service key, it traces assertions and errors.
+TEST(TraceDefault, TheMaskBeforeDriverEntryKeepsAssertionsAndErrors) {
+    EXPECT_EQ(TraceMask, ULONG(TL_ASSERT | TL_ERROR));
+}
+
 TEST_F(TraceOutputTest, PrintKeepsAtMost2047CharactersOfALine) {
     std::string text(5000, 'q');
     TracePrint("%s", text.c_str());
