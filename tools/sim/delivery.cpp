@@ -7,12 +7,6 @@
 
 namespace sim {
 
-namespace {
-
-constexpr uint8_t kFlag = 0x7e;
-
-} // namespace
-
 void Reception::Read(const std::vector<uint8_t>& bytes, bool by_client) {
     bytes_.insert(bytes_.end(), bytes.begin(), bytes.end());
     by_client_.insert(by_client_.end(), bytes.size(), by_client);
@@ -21,6 +15,7 @@ void Reception::Read(const std::vector<uint8_t>& bytes, bool by_client) {
 // Whatever lies between two flags is a frame's, plain text between two
 // PPP sessions too, which only loses a little of the check.
 std::vector<uint8_t> Reception::PlainText() const {
+    constexpr uint8_t kFlag = 0x7e;
     size_t first = bytes_.size(), last = bytes_.size();
     for (size_t i = 0; i < bytes_.size(); ++i)
         if (bytes_[i] == kFlag) {
@@ -30,7 +25,7 @@ std::vector<uint8_t> Reception::PlainText() const {
         }
     std::vector<uint8_t> text;
     for (size_t i = 0; i < bytes_.size(); ++i)
-        if (!by_client_[i] && (i < first || (i > last && last != bytes_.size())))
+        if (!by_client_[i] && (i < first || i > last)) // no flag: first and last are the end
             text.push_back(bytes_[i]);
     return text;
 }

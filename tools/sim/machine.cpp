@@ -81,26 +81,17 @@ void Machine::ArmFaults(FaultSites seen) {
     if (!options_.fault || fault_fired_)
         return;
     uint64_t nth = options_.fault->nth - fault_calls_before_;
-    switch (options_.fault->kind) {
-    case FaultKind::kPool:
+    if (options_.fault->kind == FaultKind::kPool) {
         knobs_.fault = &kernel_->pool().Faults().Add(FaultPointText(*options_.fault), {nth});
         return;
-    case FaultKind::kStall:
-        knobs_.fault = &bus_->AddFault(hu::Fault::kStall, {{nth}});
-        return;
-    case FaultKind::kGone:
-        knobs_.fault = &bus_->AddFault(hu::Fault::kDeviceGone, {{nth}});
-        return;
-    case FaultKind::kError:
-        knobs_.fault = &bus_->AddFault(hu::Fault::kError, {{nth}});
-        return;
-    case FaultKind::kNoAnswer:
-        knobs_.fault = &bus_->AddFault(hu::Fault::kNoAnswer, {{nth}});
-        return;
-    case FaultKind::kRemoval:
-        knobs_.fault = &bus_->AddFault(hu::Fault::kUnplug, {{nth}});
-        return;
     }
+    static const std::map<FaultKind, hu::Fault> kBusFaults = {
+        {FaultKind::kStall, hu::Fault::kStall},
+        {FaultKind::kGone, hu::Fault::kDeviceGone},
+        {FaultKind::kError, hu::Fault::kError},
+        {FaultKind::kNoAnswer, hu::Fault::kNoAnswer},
+        {FaultKind::kRemoval, hu::Fault::kUnplug}};
+    knobs_.fault = &bus_->AddFault(kBusFaults.at(options_.fault->kind), {{nth}});
 }
 
 void Machine::ClearFaults() {
