@@ -195,9 +195,9 @@ Result Judge(int status, bool hung, unsigned timeout_s, const std::string& outpu
 }
 
 // Runs every command, jobs at a time; the results in order.
-class Pool {
+class Children {
   public:
-    Pool(const CampaignOptions& options, std::string dir)
+    Children(const CampaignOptions& options, std::string dir)
         : options_(options), dir_(std::move(dir)) {}
 
     std::vector<Result> RunAll(const std::vector<std::vector<std::string>>& commands,
@@ -291,7 +291,7 @@ int RunCampaign(const CampaignOptions& options) {
         return 2;
     }
     std::string dir = dir_template;
-    Pool pool(options, dir);
+    Children children(options, dir);
     bool tty = isatty(2) != 0;
     std::optional<std::vector<Known>> known = ReadKnown(options.known_file);
     if (!known) {
@@ -318,7 +318,7 @@ int RunCampaign(const CampaignOptions& options) {
                                    dir + "/sites-" + std::to_string(s)});
         counts.push_back(count);
     }
-    std::vector<Result> first = pool.RunAll(counts, [](size_t, size_t) {});
+    std::vector<Result> first = children.RunAll(counts, [](size_t, size_t) {});
     for (size_t s = 0; s < options.scenarios.size(); ++s) {
         std::optional<FaultSites> counted = ReadSites(dir + "/sites-" + std::to_string(s));
         if (first[s].outcome != Outcome::kCompleted || !counted) {
@@ -355,7 +355,7 @@ int RunCampaign(const CampaignOptions& options) {
     for (const Run& run : runs)
         commands.push_back(run.args);
     size_t last_shown = 0;
-    std::vector<Result> results = pool.RunAll(commands, [&](size_t done, size_t failed) {
+    std::vector<Result> results = children.RunAll(commands, [&](size_t done, size_t failed) {
         if (tty) {
             std::fprintf(stderr, "\r[%5zu/%zu] %-10s %-16s failed or known %zu   ", done,
                          runs.size(), runs[done - 1].kind.c_str(), runs[done - 1].point.c_str(),
