@@ -56,67 +56,16 @@ void CircBufReset(PCIRC_BUF Buf) {
     Buf->Full = Buf->Size == 0;
 }
 
-// Empty is cleared only when a byte really entered, and Full (in CircBufRead)
-// only when one really left: a buffer whose allocation failed thus stays full
-// and empty, and the queues' copy loops never spin on it. With 64-byte chunks
-// the calls cost about as much as the copying: the bookkeeping comes first
-// and the copy across the ring's end is a routine of its own, so that the
-// usual copy needs nothing kept across it.
-static __attribute__((noinline)) void CircBufCopyIn(PCIRC_BUF Buf, PUCHAR To, const UCHAR* Data,
-                                                    ULONG Count, ULONG Room) {
+// The copies across the ring's end, out of line: the usual copy, inline
+// in the callers, then needs nothing kept across a call.
+void CircBufCopyIn(PCIRC_BUF Buf, PUCHAR To, const UCHAR* Data, ULONG Count, ULONG Room) {
     RtlCopyMemory(To, Data, Room);
     RtlCopyMemory(Buf->Start, Data + Room, Count - Room);
 }
 
-static __attribute__((noinline)) void CircBufCopyOut(PCIRC_BUF Buf, PUCHAR Data, const UCHAR* From,
-                                                     ULONG Count, ULONG Room) {
+void CircBufCopyOut(PCIRC_BUF Buf, PUCHAR Data, const UCHAR* From, ULONG Count, ULONG Room) {
     RtlCopyMemory(Data, From, Room);
     RtlCopyMemory(Data + Room, Buf->Start, Count - Room);
-}
-
-ULONG CircBufWrite(PCIRC_BUF Buf, const UCHAR* Data, ULONG Length) {
-    ULONG Count = Buf->Size - Buf->Count;
-    if (Count > Length)
-        Count = Length;
-    if (Count == 0)
-        return 0;
-    PUCHAR To = Buf->WritePtr;
-    ULONG Room = (ULONG)(Buf->End - To);
-    Buf->Count += Count;
-    Buf->Empty = FALSE;
-    if (Buf->Count == Buf->Size)
-        Buf->Full = TRUE;
-    if (Count < Room) {
-        Buf->WritePtr = To + Count;
-        RtlCopyMemory(To, Data, Count);
-    } else {
-        // Up to the ring's end, the rest (perhaps nothing) from its start.
-        Buf->WritePtr = Buf->Start + (Count - Room);
-        CircBufCopyIn(Buf, To, Data, Count, Room);
-    }
-    return Count;
-}
-
-ULONG CircBufRead(PCIRC_BUF Buf, PUCHAR Data, ULONG Length) {
-    ULONG Count = Buf->Count;
-    if (Count > Length)
-        Count = Length;
-    if (Count == 0)
-        return 0;
-    const UCHAR* From = Buf->ReadPtr;
-    ULONG Room = (ULONG)(Buf->End - From);
-    Buf->Count -= Count;
-    Buf->Full = FALSE;
-    if (Buf->Count == 0)
-        Buf->Empty = TRUE;
-    if (Count < Room) {
-        Buf->ReadPtr += Count;
-        RtlCopyMemory(Data, From, Count);
-    } else {
-        Buf->ReadPtr = Buf->Start + (Count - Room);
-        CircBufCopyOut(Buf, Data, From, Count, Room);
-    }
-    return Count;
 }
 
 ULONG CircBufReadSpan(PCIRC_BUF Buf, const UCHAR** Data) {
