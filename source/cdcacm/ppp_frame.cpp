@@ -379,21 +379,29 @@ static const UCHAR* PppDeFramerCollect(PPPP_DEFRAMER DeFramer, const UCHAR* Data
     // XOR 0x20.
     ULONG AfterEscape = DeFramer->State == PPP_DEFRAMER_ESCAPE;
     while (Data < End) {
-        UCHAR c = *Data++;
-        if (c == PPP_FLAG && !AfterEscape) {
-            DeFramer->WritePtr = Out;
-            DeFramer->Count = (ULONG)(Out - DeFramer->Buffer);
-            DeFramer->State = PPP_DEFRAMER_IN_FRAME;
-            if (DeFramer->Count > 0)
-                PppDeFramerFinishFrame(DeFramer);
-            return Data;
+        // Out advances at most one byte per byte taken: within a run no
+        // longer than the room left, only its last byte can fill Buffer.
+        ULONG Run = (ULONG)(End - Data);
+        if (Run > (ULONG)(Last - Out))
+            Run = (ULONG)(Last - Out);
+        const UCHAR* RunEnd = Data + Run;
+        while (Data < RunEnd) {
+            UCHAR c = *Data++;
+            if (c == PPP_FLAG && !AfterEscape) {
+                DeFramer->WritePtr = Out;
+                DeFramer->Count = (ULONG)(Out - DeFramer->Buffer);
+                DeFramer->State = PPP_DEFRAMER_IN_FRAME;
+                if (DeFramer->Count > 0)
+                    PppDeFramerFinishFrame(DeFramer);
+                return Data;
+            }
+            // Without a branch on the escape: an escape byte is written too
+            // but not counted, and the next byte overwrites it.
+            ULONG Escape = (ULONG)(c == PPP_ESCAPE) & (AfterEscape ^ 1);
+            *Out = (UCHAR)(c ^ (AfterEscape * PPP_ESCAPE_XOR));
+            Out += Escape ^ 1;
+            AfterEscape = Escape;
         }
-        // Without a branch on the escape: an escape byte is written too but
-        // not counted, and the next byte overwrites it.
-        ULONG Escape = (ULONG)(c == PPP_ESCAPE) & (AfterEscape ^ 1);
-        *Out = (UCHAR)(c ^ (AfterEscape * PPP_ESCAPE_XOR));
-        Out += Escape ^ 1;
-        AfterEscape = Escape;
         if (Out == Last) {
             TRACE(TL_ERROR, "%P:%S:PppDeFramerSendChar PPP Frame to long, discard it\n",
                   DEV_PORT_NAME(DeFramer->Device));
