@@ -165,8 +165,9 @@ TEST_F(PppFrames, TheFramerTracesEachFrameUpTo64Bytes) {
 // --- deframer ---
 
 // A frame whose packet length the 11-bit field cannot hold is dropped at its
-// flag; one that overflows the deframer's buffer is dropped at once and the
-// rest of it skipped. Neither leaves a gap in the numbering.
+// flag, even one that fills the deframer's buffer but for a byte; one that
+// overflows the buffer is dropped at once and the rest of it skipped. Neither leaves a gap in the
+// numbering.
 TEST_F(PppFrames, FramesTooLongForAPacketAreDroppedWithoutAGap) {
     SwitchOn({});
     ASSERT_TRUE(Wait(Write(Concat({{0x01, 0x7E},
@@ -174,14 +175,17 @@ TEST_F(PppFrames, FramesTooLongForAPacketAreDroppedWithoutAGap) {
                                    {0x7E},
                                    Bytes(2044, 0x31),
                                    {0x7E},
+                                   Bytes(4101, 0x33),
+                                   {0x7E},
                                    Bytes(4101, 0x32),
                                    {0x7D, 0x01, 0x22, 0x7D, 0x23, 0x7E},
                                    {0x02, 0x7E}})),
                      20000));
     EXPECT_EQ(ModemFrames(), std::vector<Bytes>({{0x01}, Bytes(2043, 0x30), {0x02}}));
-    EXPECT_EQ(dbg().Count("ACM:COM3:PppDeFramerSendChar PPP Frame of 2044 bytes too long for a "
-                          "packet, discard it"),
-              1u);
+    for (const char* length : {"2044", "4101"})
+        EXPECT_EQ(dbg().Count(std::string("ACM:COM3:PppDeFramerSendChar PPP Frame of ") + length +
+                              " bytes too long for a packet, discard it"),
+                  1u);
     EXPECT_EQ(dbg().Count("ACM:COM3:PppDeFramerSendChar PPP Frame to long, discard it"), 1u);
 }
 
