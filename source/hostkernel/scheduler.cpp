@@ -152,13 +152,14 @@ Scheduler::Key Scheduler::AddTimed(int64_t due, Timed entry) {
 }
 
 bool Scheduler::RunPosted() {
-    std::deque<std::function<void()>> work;
+    // Most calls find nothing: they allocate nothing either.
+    std::vector<std::function<void()>> work;
     {
         std::lock_guard<std::mutex> lock(mutex_);
+        if (posted_.empty())
+            return false;
         work.swap(posted_);
     }
-    if (work.empty())
-        return false;
     KIRQL saved = current_->irql;
     SetIrql(DISPATCH_LEVEL);
     for (auto& fn : work) {

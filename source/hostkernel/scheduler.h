@@ -9,6 +9,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <vector>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -157,7 +158,7 @@ class Scheduler {
     std::map<Key, Timed> timed_;
     std::unordered_map<KTIMER*, Key> timer_keys_;
     LIST_ENTRY dpc_queue_;
-    std::deque<std::function<void()>> posted_;
+    std::vector<std::function<void()>> posted_;
     std::chrono::steady_clock::time_point wall_start_;
 };
 
