@@ -143,14 +143,7 @@ std::shared_ptr<IrpInfo> IoManager::Register(PIRP irp, IrpOrigin origin) {
     auto info = std::make_shared<IrpInfo>();
     info->origin = origin;
     size_t count = size_t(irp->StackCount);
-    info->sends.assign(count, 0);
-    info->unwound_send.assign(count, 0);
-    info->reclaimed_send.assign(count, 0);
-    info->pending_at.assign(count, false);
-    info->active.assign(count, false);
-    info->status_at.assign(count, STATUS_PENDING);
-    info->returned.assign(count, STATUS_PENDING);
-    info->power_started.assign(count, 0);
+    info->at.resize(count);
     auto& slot = irps[irp];
     if (slot)
         slot->gone = true;

@@ -43,16 +43,20 @@ struct IrpInfo {
     // total_sends when the innermost completion routine now running began;
     // a completion with no send since then completes the IRP a second time.
     uint64_t routine_mark = UINT64_MAX;
-    // Per stack location: bumped at every send, so a frame knows whether the
-    // unwinding it sees belongs to its own send.
-    std::vector<uint32_t> sends;
-    std::vector<uint32_t> unwound_send;   // the send that completion unwound past, 0: none
-    std::vector<uint32_t> reclaimed_send; // the send whose routine here took the IRP back
-    std::vector<bool> pending_at;         // SL_PENDING_RETURNED seen while unwinding
-    std::vector<bool> active;             // sent there and not unwound yet: a driver owns it
-    std::vector<NTSTATUS> status_at;      // IoStatus.Status when completion passed
-    std::vector<NTSTATUS> returned;       // what the last IofCallDriver there returned
-    std::vector<uint32_t> power_started;  // the send during which PoStartNextPowerIrp was called
+    // What one stack location has seen.
+    struct Location {
+        // Bumped at every send, so a frame knows whether the unwinding it
+        // sees belongs to its own send.
+        uint32_t sends = 0;
+        uint32_t unwound_send = 0;          // the send that completion unwound past, 0: none
+        uint32_t reclaimed_send = 0;        // the send whose routine here took the IRP back
+        uint32_t power_started = 0;         // the send during which PoStartNextPowerIrp was called
+        bool pending = false;               // SL_PENDING_RETURNED seen while unwinding
+        bool active = false;                // sent there and not unwound yet: a driver owns it
+        NTSTATUS status = STATUS_PENDING;   // IoStatus.Status when completion passed
+        NTSTATUS returned = STATUS_PENDING; // what the last IofCallDriver there returned
+    };
+    std::vector<Location> at; // one allocation per IRP, not one per field
     // Runs once the IRP reached its originator (built and file IRPs): copies
     // buffers back, signals the waiter and frees the IRP.
     std::function<void(PIRP)> finish;

@@ -83,7 +83,8 @@ class FrameScope {
 };
 
 bool SentAndNotBack(const IrpInfo& info) {
-    return std::find(info.active.begin(), info.active.end(), true) != info.active.end();
+    return std::any_of(info.at.begin(), info.at.end(),
+                       [](const IrpInfo::Location& location) { return location.active; });
 }
 
 bool IsBufferedOutput(PIO_STACK_LOCATION stack) {
@@ -123,30 +124,30 @@ void CheckInformation(PIRP irp) {
 void CheckDispatchResult(const IrpInfo& info, PIO_STACK_LOCATION stack, size_t index, uint32_t send,
                          uint32_t lower_sends_before, NTSTATUS status, UCHAR major) {
     std::string who = "the dispatch routine for major function " + Hex(major);
-    if (info.sends[index] != send) {
+    if (info.at[index].sends != send) {
         // Passed on from this same location (IoSkipCurrentIrpStackLocation).
-        if (info.sends[index] > send && status != info.returned[index])
+        if (info.at[index].sends > send && status != info.at[index].returned)
             Violation(rule::kForwardStatus, who + " returned " + Hex(ULONG(status)) +
                                                 " but the lower driver returned " +
-                                                Hex(ULONG(info.returned[index])));
+                                                Hex(ULONG(info.at[index].returned)));
         return;
     }
-    bool completed = info.unwound_send[index] == send;
+    bool completed = info.at[index].unwound_send == send;
     bool marked;
     if (completed)
-        marked = info.pending_at[index];
+        marked = info.at[index].pending;
     else if (!info.gone)
         marked = (stack->Control & SL_PENDING_RETURNED) != 0;
     else
         return;
-    bool forwarded = index > 0 && info.sends[index - 1] != lower_sends_before &&
-                     info.reclaimed_send[index - 1] != info.sends[index - 1];
+    bool forwarded = index > 0 && info.at[index - 1].sends != lower_sends_before &&
+                     info.at[index - 1].reclaimed_send != info.at[index - 1].sends;
     if (forwarded) {
         // Marking the IRP pending before forwarding it obliges STATUS_PENDING.
-        if (status != info.returned[index - 1] && !(status == STATUS_PENDING && marked))
+        if (status != info.at[index - 1].returned && !(status == STATUS_PENDING && marked))
             Violation(rule::kForwardStatus, who + " returned " + Hex(ULONG(status)) +
                                                 " but the lower driver returned " +
-                                                Hex(ULONG(info.returned[index - 1])));
+                                                Hex(ULONG(info.at[index - 1].returned)));
         return;
     }
     if (status == STATUS_PENDING) {
@@ -161,10 +162,10 @@ void CheckDispatchResult(const IrpInfo& info, PIO_STACK_LOCATION stack, size_t i
     else if (!completed)
         Violation(rule::kDispatchNotCompleted,
                   who + " returned " + Hex(ULONG(status)) + " and still holds the IRP");
-    else if (status != info.status_at[index])
+    else if (status != info.at[index].status)
         Violation(rule::kDispatchStatusMismatch, who + " returned " + Hex(ULONG(status)) +
                                                      " but completed the IRP with " +
-                                                     Hex(ULONG(info.status_at[index])));
+                                                     Hex(ULONG(info.at[index].status)));
 }
 
 bool IsPowerQueryOrSet(const IO_STACK_LOCATION& stack) {
@@ -184,7 +185,7 @@ void CheckPowerSend(const IrpInfo& info, PIRP irp, size_t index, const IoManager
         Violation(rule::kPowerIrpNotRequested,
                   Describe(irp) + " was not allocated by PoRequestPowerIrp");
     if (caller && caller->index == index && IsPowerQueryOrSet(*IoGetNextIrpStackLocation(irp)) &&
-        info.power_started[index] != info.sends[index])
+        info.at[index].power_started != info.at[index].sends)
         Violation(rule::kPowerIrpNotStarted,
                   Describe(irp) + " passed on with its stack location skipped, without "
                                   "PoStartNextPowerIrp before");
@@ -328,11 +329,11 @@ NTSTATUS hk::detail::CallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp, bool powe
     IoSetNextIrpStackLocation(Irp);
     PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Irp);
     stack->DeviceObject = DeviceObject;
-    uint32_t send = ++info->sends[index];
+    uint32_t send = ++info->at[index].sends;
     info->total_sends++;
-    info->unwound_send[index] = 0;
-    info->active[index] = true;
-    uint32_t lower_sends_before = index > 0 ? info->sends[index - 1] : 0;
+    info->at[index].unwound_send = 0;
+    info->at[index].active = true;
+    uint32_t lower_sends_before = index > 0 ? info->at[index - 1].sends : 0;
     UCHAR major = stack->MajorFunction;
     if (major > IRP_MJ_MAXIMUM_FUNCTION) {
         std::fprintf(stderr, "hostkernel: IRP sent with major function 0x%x\n", major);
@@ -355,7 +356,7 @@ NTSTATUS hk::detail::CallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp, bool powe
         timeline->End();
     CheckCallbackIrql(("the dispatch routine for major function " + Hex(major)).c_str(), before);
     CheckDispatchResult(*info, stack, index, send, lower_sends_before, status, major);
-    info->returned[index] = status;
+    info->at[index].returned = status;
     return status;
 }
 
@@ -429,15 +430,15 @@ static void CompleteUpward(PIRP Irp, IrpInfo& info_ref, Timeline* timeline) {
         // Completion passes this location: its driver is done with the IRP
         // (it completed it, or its completion routine, run one step below,
         // let completion go on).
-        if (IsPowerQueryOrSet(*stack) && info->power_started[index] != info->sends[index])
+        if (IsPowerQueryOrSet(*stack) && info->at[index].power_started != info->at[index].sends)
             Violation(rule::kPowerIrpNotStarted, Describe(Irp) +
                                                      " completed past a driver that did not call "
                                                      "PoStartNextPowerIrp at its stack location");
         Irp->PendingReturned = (stack->Control & SL_PENDING_RETURNED) != 0;
-        info->pending_at[index] = Irp->PendingReturned;
-        info->unwound_send[index] = info->sends[index];
-        info->active[index] = false;
-        info->status_at[index] = Irp->IoStatus.Status;
+        info->at[index].pending = Irp->PendingReturned;
+        info->at[index].unwound_send = info->at[index].sends;
+        info->at[index].active = false;
+        info->at[index].status = Irp->IoStatus.Status;
         NTSTATUS status = Irp->IoStatus.Status;
         bool invoke = (NT_SUCCESS(status) && (stack->Control & SL_INVOKE_ON_SUCCESS)) ||
                       (!NT_SUCCESS(status) && (stack->Control & SL_INVOKE_ON_ERROR)) ||
@@ -468,7 +469,7 @@ static void CompleteUpward(PIRP Irp, IrpInfo& info_ref, Timeline* timeline) {
             CheckCallbackIrql("a completion routine", before);
             if (result == STATUS_MORE_PROCESSING_REQUIRED) {
                 // The IRP is the routine's again, and may be gone already.
-                info->reclaimed_send[index] = info->sends[index];
+                info->at[index].reclaimed_send = info->at[index].sends;
                 return;
             }
             // Having freed or sent the IRP again, the routine had to keep it.

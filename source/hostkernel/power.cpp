@@ -151,7 +151,7 @@ void PoStartNextPowerIrp(PIRP Irp) {
         return;
     }
     size_t index = size_t(Irp->CurrentLocation - 1);
-    info->power_started[index] = info->sends[index];
+    info->at[index].power_started = info->at[index].sends;
 }
 
 namespace hk {
