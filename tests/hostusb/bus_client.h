@@ -26,7 +26,7 @@ struct BusRequest {
     bool completed = false;
     NTSTATUS returned = 0; // what IoCallDriver returned
     NTSTATUS status = STATUS_PENDING;
-    int64_t completed_at = -1; // 100 ns
+    int64_t completed_at = -1;         // 100 ns
     std::function<void()> on_complete; // runs inside the completion routine
     PURB Urb() { return reinterpret_cast<PURB>(urb.data()); }
     USBD_STATUS UsbStatus() { return Urb()->UrbHeader.Status; }
