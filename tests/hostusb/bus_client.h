@@ -1,7 +1,7 @@
 // A test's direct line to the simulated bus: URBs and internal controls
 // sent to a modem's physical device object as a function driver sends them,
-// each with a completion routine that records status, URB status, time and
-// IRQL. The test body is the application thread; Wait lets virtual time run.
+// each with a completion routine that records status, URB status and time.
+// The test body is the application thread; Wait lets virtual time run.
 // BusRig adds this to a test fixture: the bus tests' KernelTest, or the
 // driver tests' DriverTest.
 #pragma once
@@ -26,10 +26,7 @@ struct BusRequest {
     bool completed = false;
     NTSTATUS returned = 0; // what IoCallDriver returned
     NTSTATUS status = STATUS_PENDING;
-    int64_t completed_at = -1; // 100 ns
-    KIRQL irql = PASSIVE_LEVEL;
-    uint64_t order = 0; // 1 for the first request completed in the test, ...
-    uint64_t* counter = nullptr;
+    int64_t completed_at = -1;         // 100 ns
     std::function<void()> on_complete; // runs inside the completion routine
     PURB Urb() { return reinterpret_cast<PURB>(urb.data()); }
     USBD_STATUS UsbStatus() { return Urb()->UrbHeader.Status; }
@@ -76,7 +73,6 @@ template <class Base> class BusRig : public Base {
         request->urb.assign(std::max(urb_bytes, sizeof(URB)), 0);
         request->Urb()->UrbHeader.Length = USHORT(urb_bytes);
         request->buffer.assign(buffer_bytes, 0);
-        request->counter = &completions_;
         KeInitializeEvent(&request->done, NotificationEvent, FALSE);
         return request;
     }
@@ -180,8 +176,6 @@ template <class Base> class BusRig : public Base {
         request->completed = true;
         request->status = irp->IoStatus.Status;
         request->completed_at = hk::Kernel::Current().Now();
-        request->irql = KeGetCurrentIrql();
-        request->order = ++*request->counter;
         if (request->on_complete)
             request->on_complete();
         KeSetEvent(&request->done, IO_NO_INCREMENT, FALSE);
@@ -190,7 +184,6 @@ template <class Base> class BusRig : public Base {
 
     std::vector<std::unique_ptr<BusRequest>> requests_;
     std::vector<uint8_t> config_;
-    uint64_t completions_ = 0;
 };
 
 using BusTest = BusRig<KernelTest>;

@@ -29,21 +29,13 @@ ppp::Config ServerConfig() {
 // the lines until both are quiet (in order, never inside a send).
 class Link {
   public:
-    Link(bool hdlc, ppp::Config client_config) {
-        using Side = ppp::ModemPacketFraming::Side;
-        if (hdlc) {
-            client_framing_ = std::make_unique<ppp::HdlcFraming>();
-            server_framing_ = std::make_unique<ppp::HdlcFraming>();
-        } else {
-            client_framing_ = std::make_unique<ppp::ModemPacketFraming>(Side::kHost);
-            server_framing_ = std::make_unique<ppp::ModemPacketFraming>(Side::kModem);
-        }
+    explicit Link(ppp::Config client_config) {
         client = std::make_unique<ppp::Engine>(client_config, [this](const Bytes& frame) {
-            Bytes line = client_framing_->Encode(frame);
+            Bytes line = client_framing_.Encode(frame);
             to_server_.insert(to_server_.end(), line.begin(), line.end());
         });
         server = std::make_unique<ppp::Engine>(ServerConfig(), [this](const Bytes& frame) {
-            Bytes line = server_framing_->Encode(frame);
+            Bytes line = server_framing_.Encode(frame);
             to_client_.insert(to_client_.end(), line.begin(), line.end());
         });
     }
@@ -52,27 +44,27 @@ class Link {
             Bytes up, down;
             up.swap(to_server_);
             down.swap(to_client_);
-            for (const Bytes& frame : server_framing_->Decode(up))
+            for (const Bytes& frame : server_framing_.Decode(up))
                 server->Receive(frame);
-            for (const Bytes& frame : client_framing_->Decode(down))
+            for (const Bytes& frame : client_framing_.Decode(down))
                 client->Receive(frame);
         }
         ASSERT_TRUE(to_server_.empty() && to_client_.empty()) << "the engines never settle";
-        EXPECT_EQ(client_framing_->Errors() + server_framing_->Errors(), 0u);
+        EXPECT_EQ(client_framing_.Errors() + server_framing_.Errors(), 0u);
     }
     void LoseWhatTheClientSent() { to_server_.clear(); }
     bool ClientSentNothing() const { return to_server_.empty(); }
     std::unique_ptr<ppp::Engine> client, server;
 
   private:
-    std::unique_ptr<ppp::Framing> client_framing_, server_framing_;
+    ppp::HdlcFraming client_framing_, server_framing_;
     Bytes to_server_, to_client_;
 };
 
 // A lost configure-request or terminate-request goes again when the owner
 // reports the restart timer's expiry; nothing is sent again once answered.
 TEST(Session, TheRestartTimerSendsALostRequestAgain) {
-    Link link(true, {});
+    Link link({});
     link.client->Open();
     link.LoseWhatTheClientSent();
     link.server->Open();
@@ -99,7 +91,7 @@ TEST(Session, TheRestartTimerSendsALostRequestAgain) {
 TEST(Session, MagicCollisionIsResolved) {
     ppp::Config client_config;
     client_config.magic = ServerConfig().magic;
-    Link link(true, client_config);
+    Link link(client_config);
     link.client->Open();
     link.server->Open();
     link.Run();
@@ -248,7 +240,7 @@ TEST(Script, ZeroMagicIsNakedWithANonZeroValue) {
 // checksum, a fragment.
 TEST(Script, OnlyWholeIcmpForUsIsAnswered) {
     ppp::Config client_config;
-    Link link(true, client_config);
+    Link link(client_config);
     link.client->Open();
     link.server->Open();
     link.Run();

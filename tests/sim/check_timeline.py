@@ -16,6 +16,7 @@ that the checks fail on copies broken in small ways (one E dropped, a flow
 ended with another's id, a span ended on another track, a timestamp sent
 back). Prints the count per kind.
 """
+import argparse
 import collections
 import copy
 import json
@@ -148,31 +149,22 @@ def mutants(trace):
     return broken
 
 
-def main(argv):
-    path, expects, flow_expects, mutate = None, [], [], False
-    i = 1
-    while i < len(argv):
-        if argv[i] == "--expect":
-            expects.append(argv[i + 1])
-            i += 2
-        elif argv[i] == "--flow":
-            flow_expects.append(argv[i + 1])
-            i += 2
-        elif argv[i] == "--mutants":
-            mutate = True
-            i += 1
-        else:
-            path = argv[i]
-            i += 1
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("file")
+    parser.add_argument("--expect", action="append", default=[])
+    parser.add_argument("--flow", action="append", default=[])
+    parser.add_argument("--mutants", action="store_true")
+    args = parser.parse_args()
     try:
-        with open(path, encoding="utf-8") as f:
+        with open(args.file, encoding="utf-8") as f:
             trace = json.load(f)
     except (OSError, ValueError) as error:
-        print("%s: %s" % (path, error))
+        print("%s: %s" % (args.file, error))
         return 1
     errors, bindings, counts = check(trace)
-    errors += expectations(trace, bindings, expects, flow_expects)
-    if mutate and not errors:
+    errors += expectations(trace, bindings, args.expect, args.flow)
+    if args.mutants and not errors:
         for what, broken in mutants(trace):
             if not check(broken)[0]:
                 errors.append("the checks pass a timeline with " + what)
@@ -186,4 +178,4 @@ def main(argv):
 
 
 if __name__ == "__main__":
-    sys.exit(main(sys.argv))
+    sys.exit(main())

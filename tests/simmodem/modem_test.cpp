@@ -1,5 +1,6 @@
-// The simulated modems: descriptor bytes of the profiles, the requests a
-// modem answers, records or stalls.
+// The simulated modems: the requests a modem answers, records or stalls.
+// (The descriptor bytes of the profiles are what the driver's configuration
+// tests, the profile files' twins and the simulator's captures read.)
 #include "kernel_test.h"
 
 #include "simmodem/simmodem.h"
@@ -7,50 +8,6 @@
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-
-struct ProfileCase {
-    const char* name;
-    sm::Profile (*make)(hu::Speed);
-    uint16_t total_length; // of configuration index 0, as reported
-    size_t actual_length;
-    uint8_t configurations;
-    uint8_t serial_index;
-};
-
-class ProfileTest : public KernelTest, public ::testing::WithParamInterface<ProfileCase> {};
-
-TEST_P(ProfileTest, DescriptorBytesFollowTheTables) {
-    const ProfileCase& row = GetParam();
-    sm::Profile profile = row.make(hu::Speed::kFull);
-    Bytes device = sm::DeviceDescriptorBytes(profile);
-    ASSERT_EQ(device.size(), 18u);
-    EXPECT_EQ(device[16], row.serial_index);
-    EXPECT_EQ(device[17], row.configurations);
-    Bytes config = sm::ConfigurationBytes(profile.configurations[0]);
-    EXPECT_EQ(config.size(), row.actual_length);
-    EXPECT_EQ(config[2] | config[3] << 8, row.total_length);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Profiles, ProfileTest,
-    ::testing::Values(ProfileCase{"Ordinary", sm::OrdinaryModem, 67, 67, 2, 3},
-                      ProfileCase{"SingleConfiguration", sm::SingleConfiguration, 67, 67, 1, 3},
-                      ProfileCase{"NoSerialNumber", sm::NoSerialNumber, 67, 67, 2, 0},
-                      ProfileCase{"Composite", sm::CompositeTwoAcm, 141, 141, 2, 3},
-                      ProfileCase{"NoInterruptEndpoint", sm::NoInterruptEndpoint, 60, 60, 2, 3},
-                      ProfileCase{"SingleInterface", sm::SingleInterface, 58, 58, 2, 3},
-                      ProfileCase{"GrowingTotalLength", sm::GrowingTotalLength, 200, 67, 2, 3},
-                      ProfileCase{"ZeroLengthDescriptor", sm::ZeroLengthDescriptor, 69, 69, 2, 3}),
-    [](const auto& info) { return std::string(info.param.name); });
-
-TEST(ProfileBytes, HighSpeedBulkPacketsAre512Bytes) {
-    Bytes config = sm::ConfigurationBytes(sm::OrdinaryModem(hu::Speed::kHigh).configurations[1]);
-    // The data interface's bulk-in endpoint descriptor closes the table.
-    EXPECT_EQ(config[config.size() - 14 + 2], 0x81);
-    EXPECT_EQ(config[config.size() - 14 + 4] | config[config.size() - 14 + 5] << 8, 512);
-    EXPECT_EQ(config[7], USB_CONFIG_BUS_POWERED | USB_CONFIG_REMOTE_WAKEUP);
-    EXPECT_EQ(config[8], 250);
-}
 
 class ModemTest : public KernelTest {
   protected:

@@ -62,6 +62,7 @@ TEST_F(ReadWrite, PendedReadCompletesThroughTheDpcWhenItsBytesArrive) {
     EXPECT_EQ(read->status, STATUS_SUCCESS);
     EXPECT_EQ(read->Data(), Bytes({'a', 'b', 'c', 'd'}));
     EXPECT_TRUE(read->pending_returned);
+    EXPECT_TRUE(read->context_cleared) << "the queue's words in the IRP are the driver's no more";
     EXPECT_TRUE(IsListEmpty(&port_->ReadIrpQueue.Irps));
     EXPECT_EQ(ser_->CircRcvBuf.Count, 2u);
     EXPECT_TRUE(dbg().Contains("ACM:COM3S:[DispatchRead len:4"));

@@ -234,6 +234,9 @@ NTSTATUS NTAPI DeviceRig::OnComplete(PDEVICE_OBJECT, PIRP Irp, PVOID Context) {
     request->status = Irp->IoStatus.Status;
     request->information = Irp->IoStatus.Information;
     request->pending_returned = Irp->PendingReturned;
+    request->context_cleared = true;
+    for (PVOID word : Irp->Tail.Overlay.DriverContext)
+        request->context_cleared = request->context_cleared && word == nullptr;
     request->completed_at_ms = hk::Kernel::Current().NowMs();
     request->completion_order = ++*request->order_source;
     request->irp = nullptr;

@@ -50,6 +50,7 @@ struct AppRequest {
     NTSTATUS status = 0;               // IoStatus.Status at completion
     ULONG_PTR information = 0;         // IoStatus.Information at completion
     bool pending_returned = false;     // the driver marked the IRP pending
+    bool context_cleared = false;      // the four driver-context words were NULL at completion
     int64_t completed_at_ms = -1;      // virtual time of the completion
     uint64_t completion_order = 0;     // 1 for the first request completed by the rig, ...
     std::vector<uint8_t> buffer;       // the system buffer (buffered I/O), first hk::Pool::kNewFill

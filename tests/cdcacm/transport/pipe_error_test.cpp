@@ -21,7 +21,6 @@ class PipeErrors : public DeviceFixture {
         return options;
     }
     uint8_t OutEndpoint() const { return dev_->WritePipe.Pipe->EndpointAddress; }
-    uint8_t InEndpoint() const { return dev_->ReceivePipe.Pipe->EndpointAddress; }
     hu::UsbFaultKnob& AddFault(hu::Fault kind, uint32_t match, hu::UsbFaultKnob knob = {}) {
         knob.match = match;
         return bus_->AddFault(kind, knob);
