@@ -1,5 +1,5 @@
-// The two framings of PPP frames: RFC 1662's HDLC-like framing with its
-// FCS-16, and the driver's modem packets. One thread at a time; no locks.
+// RFC 1662's HDLC-like framing of PPP frames, with its FCS-16. One thread at
+// a time; no locks.
 #include "ppp/ppp.h"
 
 #include <algorithm>
@@ -14,11 +14,6 @@ constexpr uint8_t kEscape = 0x7d;
 constexpr uint8_t kTransparency = 0x20;
 constexpr uint8_t kAddress = 0xff;
 constexpr uint8_t kControl = 0x03;
-constexpr uint8_t kMagicLow = 0xaa;
-constexpr uint8_t kMagicHigh = 0xbb;
-constexpr size_t kHeaderBytes = 4;
-constexpr size_t kLengthMask = 0x7ff;
-constexpr uint8_t kSequences = 32;
 constexpr size_t kFcsBytes = 2;
 
 // RFC 1662 appendix C.2: the table of the reflected polynomial 0x8408.
@@ -109,69 +104,6 @@ std::vector<Bytes> HdlcFraming::Decode(const Bytes& bytes) {
         else
             overlong_ = true;
     }
-    return frames;
-}
-
-Bytes ModemPacketFraming::Encode(const Bytes& frame) {
-    Bytes content = side_ == Side::kHost ? WithFcs(frame) : frame;
-    if (content.size() > kMaxContent)
-        return {}; // the framing mode has no room for it: dropped
-    size_t word = size_t(send_sequence_) << 11 | (content.size() + kHeaderBytes);
-    send_sequence_ = (send_sequence_ + 1) % kSequences;
-    Bytes packet(kHeaderBytes + content.size());
-    packet[0] = kMagicLow;
-    packet[1] = kMagicHigh;
-    packet[2] = uint8_t(word >> 8);
-    packet[3] = uint8_t(word);
-    std::copy(content.begin(), content.end(), packet.begin() + kHeaderBytes);
-    return packet;
-}
-
-std::vector<Bytes> ModemPacketFraming::Decode(const Bytes& bytes) {
-    std::vector<Bytes> frames;
-    stream_.insert(stream_.end(), bytes.begin(), bytes.end());
-    size_t at = 0;
-    auto skip = [&] {
-        if (!skipping_)
-            ++errors_;
-        skipping_ = true;
-        ++at;
-    };
-    while (at < stream_.size()) {
-        if (stream_[at] != kMagicLow) {
-            skip();
-            continue;
-        }
-        skipping_ = false;
-        if (stream_.size() - at < kHeaderBytes)
-            break;
-        size_t word = size_t(stream_[at + 2]) << 8 | stream_[at + 3];
-        uint8_t sequence = uint8_t(word >> 11);
-        size_t length = word & kLengthMask;
-        if (stream_[at + 1] != kMagicHigh || length < kHeaderBytes ||
-            sequence != receive_sequence_) {
-            if (stream_[at + 1] == kMagicHigh && length >= kHeaderBytes)
-                receive_sequence_ = (sequence + 1) % kSequences;
-            skip();
-            continue;
-        }
-        if (stream_.size() - at < length)
-            break;
-        Bytes content(stream_.begin() + long(at + kHeaderBytes),
-                      stream_.begin() + long(at + length));
-        at += length;
-        receive_sequence_ = (sequence + 1) % kSequences;
-        if (side_ == Side::kHost) {
-            frames.push_back(std::move(content)); // the modem sends no FCS
-        } else if (content.size() > kFcsBytes &&
-                   Fcs16(content.data(), content.size()) == kGoodFcs) {
-            content.resize(content.size() - kFcsBytes);
-            frames.push_back(std::move(content));
-        } else {
-            ++errors_;
-        }
-    }
-    stream_.erase(stream_.begin(), stream_.begin() + long(at));
     return frames;
 }
 

@@ -4,9 +4,9 @@
 // the address, which the server side assigns through configure-nak), and
 // IPv4 with ICMP echo (RFC 791, RFC 792), so that a client can ping its
 // peer. The engine exchanges frames (address, control, protocol and
-// information, without FCS); two framings carry them: the HDLC-like framing
-// of RFC 1662 for a client on the COM port, and the modem packets of the
-// driver's PPP framing mode for the modem's side.
+// information, without FCS); the HDLC-like framing of RFC 1662 carries them
+// for a client on the COM port (the simulated modem parses the driver's
+// modem packets itself).
 //
 // Ordinary user-mode C++; one thread at a time. The engine keeps no timer:
 // its owner calls Timeout when RFC 1661's restart timer would expire (a
@@ -66,26 +66,6 @@ class HdlcFraming : public Framing {
     uint32_t send_accm_ = 0xffffffff, receive_accm_ = 0xffffffff;
     Bytes frame_;
     bool escaped_ = false, overlong_ = false;
-};
-
-// The driver's modem packets: 0xAA 0xBB, then a big-endian word of a 5-bit
-// sequence number and an 11-bit length that counts the 4 header bytes. The
-// host sends its frames with their FCS and the modem without; each side
-// numbers its packets from 0. A packet out of sequence or with bad magic is
-// counted and the bytes up to the next 0xAA are skipped.
-class ModemPacketFraming : public Framing {
-  public:
-    enum class Side { kHost, kModem };
-    explicit ModemPacketFraming(Side side) : side_(side) {}
-    Bytes Encode(const Bytes& frame) override;
-    std::vector<Bytes> Decode(const Bytes& bytes) override;
-    static constexpr size_t kMaxContent = 0x7ff - 4;
-
-  private:
-    Side side_;
-    uint8_t send_sequence_ = 0, receive_sequence_ = 0;
-    bool skipping_ = false; // up to the next 0xAA, counted once
-    Bytes stream_;
 };
 
 // The frame's protocol and information when it carries the address and
