@@ -156,6 +156,9 @@ class Modem : public hu::Device {
     const Profile& profile() const { return profile_; }
     // Class and vendor requests, in order (standard ones are not kept).
     const std::vector<RecordedRequest>& Requests() const { return requests_; }
+    // A modem kept plugged across many runs (a fuzzer's) forgets them after
+    // each, or the record grows without bound.
+    void ForgetRequests() { requests_.clear(); }
     // Line coding as last set (7 bytes).
     const std::vector<uint8_t>& LineCoding() const { return line_coding_; }
     uint16_t ControlLineState() const { return control_lines_; }

@@ -160,5 +160,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         CheckWait(*wait, mask, true);
     }
     FUZZ_CHECK(dev->Port.RequestPool.Count == 0);
+    modem.ForgetRequests();
     return 0;
 }

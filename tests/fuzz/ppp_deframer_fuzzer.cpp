@@ -149,6 +149,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         FUZZ_CHECK(rig.Failures().empty());
         FUZZ_CHECK(rig.port->RequestPool.Count == 0);
         rig.DropCompleted();
+        rig.modem->ForgetRequests();
     }
     return 0;
 }

@@ -174,5 +174,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     CheckReceived(received, EscapeSetOf(special));
     FUZZ_CHECK(rig.Failures().empty());
     FUZZ_CHECK(rig.port->RequestPool.Count == 0);
+    rig.modem->ForgetRequests();
     return 0;
 }

@@ -158,5 +158,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FUZZ_CHECK(machine.DataPort(name)->Port.RequestPool.Count == 0);
     // Bytes an immediate character sent stay out of the next input.
     machine.ModemOn(port).Pull();
+    machine.ModemOn(port).ForgetRequests();
     return 0;
 }
