@@ -4,8 +4,6 @@
 // fixture's simulated modem, which records them.
 #pragma once
 
-// Tests take the device lock with the driver's macros, whose assertions
-// name a source file.
 #ifndef TRACE_FILE
 #define TRACE_FILE "tests/cdcacm/ioctl"
 #endif
@@ -28,17 +26,30 @@ struct IoctlResult {
 
 class IoctlTest : public DeviceFixture {
   protected:
-    Options DeviceOptions() override {
-        Options options;
-        options.rcv_buffer = RigReceiveBufferSize;
-        options.snd_buffer = RigSendBufferSize;
-        return options;
+    IoctlTest() {
+        options_.rcv_buffer = RigReceiveBufferSize;
+        options_.snd_buffer = RigSendBufferSize;
     }
-    void SetUp() override;
-    void TearDown() override;
+    void SetUp() override {
+        DeviceFixture::SetUp();
+        TraceMask = 0xFFFFFFFF; // every line, so that tests can look for the ones they expect
+        dbg().Clear();
+    }
+    void TearDown() override {
+        if (dev != nullptr) {
+            EXPECT_EQ(dev->Port.WaitIrp, nullptr) << "a test left a wait pending";
+        }
+        DeviceFixture::TearDown();
+    }
 
     IoctlResult Ioctl(ULONG Code, const void* Input, ULONG InputLength, ULONG OutputLength,
-                      bool Internal = false);
+                      bool Internal = false) {
+        const auto* Bytes = static_cast<const uint8_t*>(Input);
+        AppRequest* Request =
+            Control(Code, std::vector<uint8_t>(Bytes, Bytes + InputLength), OutputLength, Internal);
+        EXPECT_TRUE(Wait(Request));
+        return IoctlResult{Request->status, Request->information, Request->buffer};
+    }
     template <typename T> IoctlResult Set(ULONG Code, const T& Value) {
         return Ioctl(Code, &Value, sizeof(T), 0);
     }
@@ -51,9 +62,22 @@ class IoctlTest : public DeviceFixture {
         return Value;
     }
 
-    // Raises serial events the way the serial port and the modem-status
-    // processing do: under the device lock.
-    void RaiseEvents(ULONG Events);
+    // The wait-on-mask protocol: a new mask, a wait that pends, and the mask
+    // a completed wait returned.
+    void SetMask(ULONG Mask) {
+        ASSERT_EQ(Set(IOCTL_SERIAL_SET_WAIT_MASK, Mask).Status, STATUS_SUCCESS);
+    }
+    AppRequest* StartWait() {
+        AppRequest* Request = Control(IOCTL_SERIAL_WAIT_ON_MASK, {}, sizeof(ULONG));
+        EXPECT_EQ(Request->returned, STATUS_PENDING);
+        return Request;
+    }
+    static ULONG Mask(const AppRequest* Request) {
+        ULONG Value;
+        memcpy(&Value, Request->buffer.data(), sizeof(Value));
+        return Value;
+    }
+
     // Whether the trace output holds Text, line ends included; a failure
     // shows the last lines printed.
     ::testing::AssertionResult Traced(const std::string& Text) {
@@ -64,8 +88,5 @@ class IoctlTest : public DeviceFixture {
                                              << All.substr(All.size() > 600 ? All.size() - 600 : 0);
     }
 
-    PDEVICE_OBJECT DataPort() { return data_port_; }
-    PDEVICE Dev() { return dev_; }
-    PSER_PORT SerPort() { return ser_; }
-    SER_SETTINGS& Settings() { return ser_->Settings; }
+    SER_SETTINGS& Settings() { return ser->Settings; }
 };

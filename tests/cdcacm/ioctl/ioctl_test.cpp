@@ -1,7 +1,10 @@
 // The serial I/O controls sent by an application through the I/O manager:
 // settings stored and reported in the public structures' order, settings
 // handed to work items, purges, status and properties, and the requests
-// that are refused.
+// that are refused; and the internal controls that kernel clients send:
+// saving and restoring the time-out and flow-control settings, refused
+// wait-wake, and invalid codes (their short buffers are rows of the
+// minimum-size test).
 #include "ioctl_rig.h"
 
 #include <cstring>
@@ -12,6 +15,11 @@ using IoctlDispatch = IoctlTest;
 namespace {
 using Requests = std::vector<std::pair<uint8_t, uint16_t>>; // bRequest, wValue
 const Requests NoCalls;
+SERIAL_BASIC_SETTINGS ToBasic(const IoctlResult& Result) {
+    SERIAL_BASIC_SETTINGS Basic;
+    memcpy(&Basic, Result.Output.data(), sizeof(Basic));
+    return Basic;
+}
 } // namespace
 
 TEST(IoctlCodeName, NamesCodesByThePlatformValuesAndTheFirstMatchWins) {
@@ -92,7 +100,7 @@ TEST_F(IoctlDispatch, EveryCodeRefusesABufferOneByteShortOfItsMinimum) {
     EXPECT_EQ(memcmp(&Before, &Settings(), sizeof(Before)), 0)
         << "a refused request stores nothing";
     EXPECT_EQ(ModemRequests(), NoCalls);
-    EXPECT_EQ(Dev()->Port.WaitIrp, nullptr);
+    EXPECT_EQ(dev->Port.WaitIrp, nullptr);
 }
 
 TEST_F(IoctlDispatch, FrameLinesAndErrorLinesHaveTheirOwnTraceBits) {
@@ -126,23 +134,23 @@ TEST_F(IoctlDispatch, AFailedControlRequestFailsTheIrpButKeepsTheSetting) {
     hu::UsbFaultKnob Stall;
     Stall.match = hu::RequestKey(0x20);
     Stall.every = 1;
-    bus_->AddFault(hu::Fault::kStall, Stall);
+    bus->AddFault(hu::Fault::kStall, Stall);
     SERIAL_LINE_CONTROL Line = {2, 1, 7}; // StopBits, Parity, WordLength
     EXPECT_FALSE(NT_SUCCESS(Set(IOCTL_SERIAL_SET_LINE_CONTROL, Line).Status));
-    EXPECT_TRUE(modem_->Requests().empty()) << "the stalled request was not accepted";
+    EXPECT_TRUE(modem->Requests().empty()) << "the stalled request was not accepted";
     EXPECT_TRUE(Traced("ACM:COM3S: Parity: 1, StopBits: 2, WordLength: 7\n"));
     SERIAL_LINE_CONTROL Got = Get<SERIAL_LINE_CONTROL>(IOCTL_SERIAL_GET_LINE_CONTROL);
     EXPECT_EQ(memcmp(&Got, &Line, sizeof(Got)), 0);
 }
 
 TEST_F(IoctlDispatch, WithoutAWorkItemTheSettingIsStoredAndTheIrpSucceeds) {
-    Dev()->RefCount = 0; // the device is being removed: no work is accepted
+    dev->RefCount = 0; // the device is being removed: no work is accepted
     SERIAL_BAUD_RATE Rate = {57600};
     EXPECT_EQ(Set(IOCTL_SERIAL_SET_BAUD_RATE, Rate).Status, STATUS_SUCCESS);
     EXPECT_EQ(Ioctl(IOCTL_SERIAL_SET_DTR, nullptr, 0, 0).Status, STATUS_SUCCESS);
     EXPECT_EQ(ModemRequests(), NoCalls);
     EXPECT_EQ(Settings().BaudRate, 57600u);
-    Dev()->RefCount = 1;
+    dev->RefCount = 1;
 }
 
 // The time-outs come back as set; reads return at once (WaitForImmediate in
@@ -189,17 +197,17 @@ TEST_F(IoctlDispatch, HandflowAndCharsRoundTrip) {
 TEST_F(IoctlDispatch, QueueSizeResizesOnlyTheBufferWhoseSizeChanged) {
     SERIAL_QUEUE_SIZE Same = {RigReceiveBufferSize, RigSendBufferSize};
     EXPECT_EQ(Set(IOCTL_SERIAL_SET_QUEUE_SIZE, Same).Status, STATUS_SUCCESS);
-    EXPECT_EQ(SerPort()->CircRcvBuf.Size, RigReceiveBufferSize);
+    EXPECT_EQ(ser->CircRcvBuf.Size, RigReceiveBufferSize);
 
     SERIAL_QUEUE_SIZE SmallIn = {50, RigSendBufferSize};
     Set(IOCTL_SERIAL_SET_QUEUE_SIZE, SmallIn);
-    EXPECT_EQ(SerPort()->CircRcvBuf.Size, 100u) << "a buffer is never smaller than 100 bytes";
+    EXPECT_EQ(ser->CircRcvBuf.Size, 100u) << "a buffer is never smaller than 100 bytes";
     EXPECT_EQ(Settings().QueueIn, 50u);
-    EXPECT_EQ(SerPort()->CircSendBuf.Size, RigSendBufferSize);
+    EXPECT_EQ(ser->CircSendBuf.Size, RigSendBufferSize);
 
     SERIAL_QUEUE_SIZE BigOut = {50, 8000};
     Set(IOCTL_SERIAL_SET_QUEUE_SIZE, BigOut);
-    EXPECT_EQ(SerPort()->CircSendBuf.Size, 8000u);
+    EXPECT_EQ(ser->CircSendBuf.Size, 8000u);
     EXPECT_EQ(Get<SERIAL_COMMPROP>(IOCTL_SERIAL_GET_PROPERTIES).CurrentTxQueue, 8000u);
     EXPECT_TRUE(Traced("ACM:COM3S: QueueIN: 50, QueueOUT: 8000\n"));
 }
@@ -208,13 +216,12 @@ TEST_F(IoctlDispatch, QueueSizeResizesOnlyTheBufferWhoseSizeChanged) {
 // out; a purge empties only the buffers its mask names.
 TEST_F(IoctlDispatch, CommStatusCountsBufferedBytesAndPurgeEmptiesTheNamedBuffers) {
     const UCHAR Bytes[10] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
-    KIRQL OldIrql;
-    DEVICE_LOCK(Dev(), &OldIrql);
-    CircBufWrite(&SerPort()->CircRcvBuf, Bytes, 10);
-    CircBufWrite(&SerPort()->CircSendBuf, Bytes, 7);
-    DEVICE_UNLOCK(Dev(), OldIrql);
+    Locked([&] {
+        CircBufWrite(&ser->CircRcvBuf, Bytes, 10);
+        CircBufWrite(&ser->CircSendBuf, Bytes, 7);
+    });
     EXPECT_EQ(Get<SERIAL_STATUS>(IOCTL_SERIAL_GET_COMMSTATUS).AmountInOutQueue, 7u);
-    PUSB_PACKET Out = UsbPacketGet(Dev()->WritePipe.Pool); // the one packet is out
+    PUSB_PACKET Out = UsbPacketGet(dev->WritePipe.Pool); // the one packet is out
     SERIAL_STATUS Status = Get<SERIAL_STATUS>(IOCTL_SERIAL_GET_COMMSTATUS);
     UsbPacketPut(Out);
     EXPECT_EQ(Status.AmountInInQueue, 10u);
@@ -227,11 +234,11 @@ TEST_F(IoctlDispatch, CommStatusCountsBufferedBytesAndPurgeEmptiesTheNamedBuffer
 
     ULONG ReceiveOnly = SERIAL_PURGE_RXCLEAR;
     Set(IOCTL_SERIAL_PURGE, ReceiveOnly);
-    EXPECT_EQ(SerPort()->CircRcvBuf.Count, 0u);
-    EXPECT_EQ(SerPort()->CircSendBuf.Count, 7u);
+    EXPECT_EQ(ser->CircRcvBuf.Count, 0u);
+    EXPECT_EQ(ser->CircSendBuf.Count, 7u);
     ULONG All = 0xF;
     EXPECT_EQ(Set(IOCTL_SERIAL_PURGE, All).Status, STATUS_SUCCESS);
-    EXPECT_EQ(SerPort()->CircSendBuf.Count, 0u);
+    EXPECT_EQ(ser->CircSendBuf.Count, 0u);
     EXPECT_TRUE(Traced("ACM:COM3S:Mask: 0f\n"));
 }
 
@@ -250,15 +257,15 @@ TEST_F(IoctlDispatch, PurgeAbortsPendingReadsBeforePendingWrites) {
     if (!OnTwoProcessors()) {
         EXPECT_LT(PendingRead->completion_order, PendingWrite->completion_order);
     }
-    EXPECT_EQ(SerPort()->CircSendBuf.Count, RigSendBufferSize) << "aborting empties no buffer";
+    EXPECT_EQ(ser->CircSendBuf.Count, RigSendBufferSize) << "aborting empties no buffer";
     EXPECT_EQ(ModemRequests(), NoCalls);
 }
 
 TEST_F(IoctlDispatch, ModemStatusReportsChangedLinesOnce) {
-    Dev()->ModemStatus = 0x10; // CTS came on; DSR and DCD off
+    dev->ModemStatus = 0x10; // CTS came on; DSR and DCD off
     EXPECT_EQ(Get<ULONG>(IOCTL_SERIAL_GET_MODEMSTATUS), 0x11u);
     EXPECT_EQ(Get<ULONG>(IOCTL_SERIAL_GET_MODEMSTATUS), 0x10u);
-    Dev()->ModemStatus = 0xA0; // CTS off, DSR and DCD on
+    dev->ModemStatus = 0xA0; // CTS off, DSR and DCD on
     EXPECT_EQ(Get<ULONG>(IOCTL_SERIAL_GET_MODEMSTATUS), 0xABu);
     EXPECT_TRUE(Traced("ACM:COM3S: DispatchDeviceControl GetModemStatus (000000AB)\n"));
 }
@@ -331,23 +338,23 @@ TEST_F(IoctlDispatch, ImmediateCharIsWrittenAsAOneByteWrite) {
     const UCHAR Char = 'Z';
     IoctlResult Result = Ioctl(IOCTL_SERIAL_IMMEDIATE_CHAR, &Char, 1, 0);
     EXPECT_EQ(Result.Status, STATUS_SUCCESS);
-    ASSERT_EQ(SerPort()->CircSendBuf.Count, 1u);
-    EXPECT_EQ(*SerPort()->CircSendBuf.ReadPtr, 'Z');
+    ASSERT_EQ(ser->CircSendBuf.Count, 1u);
+    EXPECT_EQ(*ser->CircSendBuf.ReadPtr, 'Z');
     EXPECT_TRUE(Traced("ACM:COM3S:[DispatchWrite len:1\n"));
 
     EXPECT_EQ(Ioctl(IOCTL_SERIAL_IMMEDIATE_CHAR, nullptr, 0, 0).Status, STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(SerPort()->CircSendBuf.Count, 1u);
+    EXPECT_EQ(ser->CircSendBuf.Count, 1u);
 }
 
 TEST_F(IoctlDispatch, TheAttachObjectReachesTheSameSettingsAndTracesA) {
     PDEVICE_OBJECT AttachObject = nullptr;
-    ASSERT_EQ(IoCreateDevice(&driver_, sizeof(ATTACH_OBJ), nullptr, FILE_DEVICE_UNKNOWN, 0, FALSE,
+    ASSERT_EQ(IoCreateDevice(&driver, sizeof(ATTACH_OBJ), nullptr, FILE_DEVICE_UNKNOWN, 0, FALSE,
                              &AttachObject),
               STATUS_SUCCESS);
     PATTACH_OBJ Attach = (PATTACH_OBJ)AttachObject->DeviceExtension;
     Attach->Type = EXTENSION_TYPE_ATTACH;
     Attach->DeviceObject = AttachObject;
-    Attach->Device = Dev();
+    Attach->Device = dev;
     AttachObject->Flags = (AttachObject->Flags | DO_BUFFERED_IO) & ~DO_DEVICE_INITIALIZING;
 
     KEVENT Event;
@@ -364,4 +371,69 @@ TEST_F(IoctlDispatch, TheAttachObjectReachesTheSameSettingsAndTracesA) {
     EXPECT_TRUE(Traced("ACM:COM3A: [DispatchDeviceControl\n"));
     EXPECT_TRUE(Traced("ACM:COM3A:]DispatchDeviceControl (0)\n"));
     IoDeleteDevice(AttachObject);
+}
+
+// --- the internal controls of kernel clients ---
+
+using InternalIoctl = IoctlTest;
+
+TEST_F(InternalIoctl, RestoringSavedSettingsUndoesLaterChanges) {
+    SERIAL_TIMEOUTS Timeouts = {7, 8, 9, 10, 11};
+    Set(IOCTL_SERIAL_SET_TIMEOUTS, Timeouts);
+    SERIAL_HANDFLOW HandFlow = {1, 2, 30, 40};
+    Set(IOCTL_SERIAL_SET_HANDFLOW, HandFlow);
+
+    IoctlResult Saved = Ioctl(IOCTL_SERIAL_INTERNAL_BASIC_SETTINGS, nullptr, 0, 44, true);
+    ASSERT_EQ(Saved.Status, STATUS_SUCCESS);
+    ASSERT_EQ(Saved.Information, 44u);
+    SERIAL_BASIC_SETTINGS Basic = ToBasic(Saved);
+    EXPECT_EQ(memcmp(&Basic.Timeouts, &Timeouts, sizeof(Timeouts)), 0);
+    EXPECT_EQ(memcmp(&Basic.HandFlow, &HandFlow, sizeof(HandFlow)), 0);
+    EXPECT_EQ(Basic.RxFifo, RigReceiveBufferSize);
+    EXPECT_EQ(Basic.TxFifo, RigSendBufferSize);
+    EXPECT_TRUE(Traced("ACM:COM3S:Code: 001b000c IOCTL_SERIAL_SET_LINE_CONTROL\n"));
+
+    SERIAL_TIMEOUTS Other = {0xFFFFFFFF, 0, 0, 1, 1};
+    Set(IOCTL_SERIAL_SET_TIMEOUTS, Other);
+    SERIAL_HANDFLOW OtherFlow = {0, 0, 1, 2};
+    Set(IOCTL_SERIAL_SET_HANDFLOW, OtherFlow);
+    ULONG TimeModeBeforeRestore = ser->RcvQueue.TimeMode;
+
+    IoctlResult Restored =
+        Ioctl(IOCTL_SERIAL_INTERNAL_RESTORE_SETTINGS, Saved.Output.data(), 44, 0, true);
+    EXPECT_EQ(Restored.Status, STATUS_SUCCESS);
+    EXPECT_EQ(Restored.Information, 0u);
+    SERIAL_TIMEOUTS GotTimeouts = Get<SERIAL_TIMEOUTS>(IOCTL_SERIAL_GET_TIMEOUTS);
+    EXPECT_EQ(memcmp(&GotTimeouts, &Timeouts, sizeof(Timeouts)), 0);
+    SERIAL_HANDFLOW GotFlow = Get<SERIAL_HANDFLOW>(IOCTL_SERIAL_GET_HANDFLOW);
+    EXPECT_EQ(memcmp(&GotFlow, &HandFlow, sizeof(HandFlow)), 0);
+    EXPECT_EQ(ser->RcvQueue.TimeMode, TimeModeBeforeRestore)
+        << "restoring chooses no new time mode";
+}
+
+TEST_F(InternalIoctl, RestoredQueueSizesAreReportedWithoutResizing) {
+    IoctlResult Saved = Ioctl(IOCTL_SERIAL_INTERNAL_BASIC_SETTINGS, nullptr, 0, 44, true);
+    SERIAL_BASIC_SETTINGS Basic = ToBasic(Saved);
+    Basic.RxFifo = 10;
+    EXPECT_EQ(Ioctl(IOCTL_SERIAL_INTERNAL_RESTORE_SETTINGS, &Basic, sizeof(Basic), 0, true).Status,
+              STATUS_SUCCESS);
+    EXPECT_EQ(Get<SERIAL_COMMPROP>(IOCTL_SERIAL_GET_PROPERTIES).CurrentRxQueue, 10u);
+    EXPECT_EQ(ser->CircRcvBuf.Size, RigReceiveBufferSize);
+    EXPECT_TRUE(modem->Requests().empty());
+}
+
+// Wait-wake is refused as unsupported; a serial code sent as an internal one
+// is invalid (its trace names it by its serial name, see the trace-bit test).
+TEST_F(InternalIoctl, WaitWakeIsNotSupportedAndSerialCodesAreInvalid) {
+    const std::pair<ULONG, NTSTATUS> Cases[] = {
+        {IOCTL_SERIAL_INTERNAL_DO_WAIT_WAKE, STATUS_NOT_SUPPORTED},
+        {IOCTL_SERIAL_INTERNAL_CANCEL_WAIT_WAKE, STATUS_NOT_SUPPORTED},
+        {IOCTL_SERIAL_GET_BAUD_RATE, STATUS_INVALID_PARAMETER}};
+    for (const auto& [Code, Status] : Cases) {
+        IoctlResult Result = Ioctl(Code, nullptr, 0, 4, true);
+        EXPECT_EQ(Result.Status, Status) << std::hex << Code;
+        EXPECT_EQ(Result.Information, 0u);
+    }
+    EXPECT_TRUE(Traced("ACM:COM3S:]DispatchInternalDeviceControl (C00000BB)\n"));
+    EXPECT_EQ(dbg().Count("Invalid IO Control Code"), 1u);
 }

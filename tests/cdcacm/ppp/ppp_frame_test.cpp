@@ -38,48 +38,18 @@ Bytes Frames(const std::vector<Bytes>& contents, const Bytes& special) {
 
 class PppFrames : public DeviceFixture {
   protected:
-    Options DeviceOptions() override {
-        Options options;
-        options.started = true;
-        options.snd_buffer = snd_buffer_;
-        options.rcv_buffer = rcv_buffer_;
-        options.write_packet = write_packet_;
-        return options;
-    }
-    // The modem asks for framing with these characters escaped; the host's
-    // flag switches the port.
-    void SwitchOn(const Bytes& special) {
-        modem_->SetSpecialChars(special);
-        modem_->RequestFraming(true);
-        RunFor(20);
-        ASSERT_TRUE(Wait(Write(Bytes{0x7E})));
-        RunFor(50);
-        ASSERT_EQ(dev_->PppState, ULONG(PPP_STATE_ON));
-        ASSERT_TRUE(modem_->Framing());
-    }
-    // Reads until length bytes arrived, in reads of at most chunk bytes.
-    Bytes ReadAll(size_t length, const std::function<size_t()>& chunk) {
-        Bytes got;
-        while (got.size() < length) {
-            AppRequest* read = Read(ULONG(std::min(chunk(), length - got.size())));
-            if (!Wait(read, 20000))
-                break;
-            Bytes data = read->Data();
-            got.insert(got.end(), data.begin(), data.end());
-        }
-        return got;
+    PppFrames() {
+        options_.started = true;
+        options_.snd_buffer = 8192;
+        options_.rcv_buffer = 8192;
     }
     // The contents of the frames the modem took, checked for numbering.
     std::vector<Bytes> ModemFrames(int64_t ms = 50) {
         RunFor(ms);
-        EXPECT_EQ(modem_->BadMagic(), 0u);
-        EXPECT_EQ(modem_->BadSequence(), 0u);
-        return modem_->TakeFrames();
+        EXPECT_EQ(modem->BadMagic(), 0u);
+        EXPECT_EQ(modem->BadSequence(), 0u);
+        return modem->TakeFrames();
     }
-
-    ULONG snd_buffer_ = 8192;
-    ULONG rcv_buffer_ = 8192;
-    ULONG write_packet_ = 4096;
 };
 
 // --- framer ---
@@ -107,12 +77,12 @@ class Framer : public PppFrames, public ::testing::WithParamInterface<FramerCase
 
 TEST_P(Framer, TurnsModemPacketsIntoHdlcFrames) {
     const FramerCase& c = GetParam();
-    SwitchOn(c.special);
-    modem_->Push(c.stream);
+    ASSERT_TRUE(SwitchToPpp(c.special));
+    modem->Push(c.stream);
     const Bytes expected = Frames(c.frames, c.special);
     EXPECT_EQ(ReadAll(expected.size(), [] { return 1000; }), expected);
     RunFor(20);
-    EXPECT_EQ(ser_->CircRcvBuf.Count, 0u) << "nothing more";
+    EXPECT_EQ(ser->CircRcvBuf.Count, 0u) << "nothing more";
     std::vector<std::string> traced;
     for (const std::string& line : dbg().Lines())
         if (line.find("PppFramerIndicateChar") != std::string::npos)
@@ -148,14 +118,14 @@ INSTANTIATE_TEST_SUITE_P(
         WithoutContent())); // packets without content are skipped but counted
 
 TEST_F(PppFrames, TheFramerTracesEachFrameUpTo64Bytes) {
-    SwitchOn({});
+    ASSERT_TRUE(SwitchToPpp({}));
     TraceMask |= TL_PPP;
-    modem_->PushFrame({0x41, 0x42});
+    modem->PushFrame({0x41, 0x42});
     RunFor(20);
     EXPECT_TRUE(dbg().Contains("ACM:COM3:Read DRV->PC: %n"));
     EXPECT_EQ(dbg().Count("0000: 7E 41 42"), 1u);
     EXPECT_FALSE(dbg().Contains("..."));
-    modem_->PushFrame(Bytes(70, 0x41));
+    modem->PushFrame(Bytes(70, 0x41));
     RunFor(20);
     EXPECT_EQ(dbg().Count("0030: "), 1u);
     EXPECT_FALSE(dbg().Contains("0040: "));
@@ -169,7 +139,7 @@ TEST_F(PppFrames, TheFramerTracesEachFrameUpTo64Bytes) {
 // overflows the buffer is dropped at once and the rest of it skipped. Neither leaves a gap in the
 // numbering.
 TEST_F(PppFrames, FramesTooLongForAPacketAreDroppedWithoutAGap) {
-    SwitchOn({});
+    ASSERT_TRUE(SwitchToPpp({}));
     ASSERT_TRUE(Wait(Write(Concat({{0x01, 0x7E},
                                    Bytes(2043, 0x30),
                                    {0x7E},
@@ -195,22 +165,23 @@ TEST_F(PppFrames, FramesTooLongForAPacketAreDroppedWithoutAGap) {
 // gives exactly the frames of the whole stream.
 TEST_F(PppFrames, EveryCutIntoTwoSpansGivesTheSameFrames) {
     const Bytes special{0x01, 0x11};
-    SwitchOn(special);
+    ASSERT_TRUE(SwitchToPpp(special));
     const std::vector<Bytes> contents{{0x01, 0x7E, 0x41}, {0x7D, 0x11, 0x42, 0x20}};
-    const Bytes modem =
+    const Bytes packets =
         Concat({ModemPacketBytes(0, contents[0]), ModemPacketBytes(1, contents[1])});
     const Bytes host = Frames(contents, special);
-    for (size_t cut = 1; cut < modem.size(); cut++) {
-        KIRQL irql;
-        DEVICE_LOCK(dev_, &irql);
-        PppFramerInit(&dev_->PppFramer, dev_);
-        ULONG taken = PppFramerIndicateBuffer(&dev_->PppFramer, modem.data(), ULONG(cut));
-        taken += PppFramerIndicateBuffer(&dev_->PppFramer, modem.data() + cut,
-                                         ULONG(modem.size() - cut));
-        Bytes got(ser_->CircRcvBuf.Count);
-        CircBufRead(&ser_->CircRcvBuf, got.data(), ULONG(got.size()));
-        DEVICE_UNLOCK(dev_, irql);
-        EXPECT_EQ(taken, modem.size()) << "cut at " << cut;
+    for (size_t cut = 1; cut < packets.size(); cut++) {
+        ULONG taken = 0;
+        Bytes got;
+        Locked([&] {
+            PppFramerInit(&dev->PppFramer, dev);
+            taken = PppFramerIndicateBuffer(&dev->PppFramer, packets.data(), ULONG(cut));
+            taken += PppFramerIndicateBuffer(&dev->PppFramer, packets.data() + cut,
+                                             ULONG(packets.size() - cut));
+            got.resize(ser->CircRcvBuf.Count);
+            CircBufRead(&ser->CircRcvBuf, got.data(), ULONG(got.size()));
+        });
+        EXPECT_EQ(taken, packets.size()) << "cut at " << cut;
         EXPECT_EQ(got, host) << "cut at " << cut;
     }
     for (size_t cut = 1; cut < host.size(); cut++) {
@@ -223,7 +194,7 @@ TEST_F(PppFrames, EveryCutIntoTwoSpansGivesTheSameFrames) {
             EXPECT_EQ(Bytes(frames[i].begin(), frames[i].end() - 2), contents[i])
                 << "cut at " << cut;
     }
-    EXPECT_EQ(modem_->BadFcs(), 0u);
+    EXPECT_EQ(modem->BadFcs(), 0u);
 }
 
 // The send pass hands the deframer the send buffer a span at a time, but
@@ -232,11 +203,11 @@ TEST_F(PppFrames, EveryCutIntoTwoSpansGivesTheSameFrames) {
 // closes later in the buffered bytes goes out.
 class SmallSendBuffer : public PppFrames {
   protected:
-    SmallSendBuffer() { snd_buffer_ = 100; }
+    SmallSendBuffer() { options_.snd_buffer = 100; }
 };
 
 TEST_F(SmallSendBuffer, AWriteCompletesWhenItsLastByteFindsRoom) {
-    SwitchOn({});
+    ASSERT_TRUE(SwitchToPpp({}));
     TraceMask |= TL_RW | TL_SND;
     const size_t before = dbg().Lines().size();
     // About 150 bytes: the first 100 are buffered at once, the rest once as
@@ -262,8 +233,8 @@ TEST_F(SmallSendBuffer, AWriteCompletesWhenItsLastByteFindsRoom) {
 class RoundTrip : public PppFrames, public ::testing::WithParamInterface<unsigned> {
   protected:
     RoundTrip() : random_(GetParam()) {
-        write_packet_ = 16 + random_() % 100;
-        rcv_buffer_ = 100 + random_() % 900;
+        options_.write_packet = 16 + random_() % 100;
+        options_.rcv_buffer = 100 + random_() % 900;
     }
     // 0x5E is left out: escaped, it would be sent as 7D 7E, which a host
     // reads as an aborted frame; no modem asks for it.
@@ -279,7 +250,7 @@ class RoundTrip : public PppFrames, public ::testing::WithParamInterface<unsigne
 
 TEST_P(RoundTrip, RandomFramesAndEscapeTables) {
     const Bytes device_chars = RandomSet();
-    SwitchOn(device_chars);
+    ASSERT_TRUE(SwitchToPpp(device_chars));
     const EscapeSet host_escapes = EscapeSetOf(RandomSet());
     std::vector<Bytes> contents;
     Bytes host_stream;
@@ -297,11 +268,12 @@ TEST_P(RoundTrip, RandomFramesAndEscapeTables) {
     ASSERT_EQ(packets.size(), contents.size());
     for (size_t i = 0; i < contents.size(); i++) // the host's FCS follows each
         EXPECT_EQ(Bytes(packets[i].begin(), packets[i].end() - 2), contents[i]) << "frame " << i;
-    EXPECT_EQ(modem_->BadFcs(), 0u);
+    EXPECT_EQ(modem->BadFcs(), 0u);
 
-    modem_->PushFrames(contents);
+    modem->PushFrames(contents);
     const Bytes expected = Frames(contents, device_chars);
-    EXPECT_EQ(ReadAll(expected.size(), [&] { return 1 + random_() % rcv_buffer_; }), expected);
+    EXPECT_EQ(ReadAll(expected.size(), [&] { return 1 + random_() % options_.rcv_buffer; }),
+              expected);
     EXPECT_FALSE(dbg().Contains("ASSERTION FAILED"));
     EXPECT_FALSE(dbg().Contains("invalid"));
 }

@@ -11,11 +11,7 @@ class Cancel : public DeviceFixture {};
 
 class CancelSmallSendBuffer : public DeviceFixture {
   protected:
-    Options DeviceOptions() override {
-        Options options;
-        options.snd_buffer = 16;
-        return options;
-    }
+    CancelSmallSendBuffer() { options_.snd_buffer = 16; }
 };
 
 TEST_F(Cancel, PendingReadCompletesWithTheBytesAlreadyMoved) {
@@ -31,10 +27,10 @@ TEST_F(Cancel, PendingReadCompletesWithTheBytesAlreadyMoved) {
     EXPECT_EQ(read->information, 3u);
     EXPECT_EQ(read->Data(), Bytes({'a', 'b', 'c'}));
     EXPECT_EQ(read->completions, 1);
-    EXPECT_EQ(ser_->Settings.ReceivedCount, 3u);
-    EXPECT_TRUE(IsListEmpty(&port_->ReadIrpQueue.Irps));
-    EXPECT_TRUE(IsListEmpty(&ser_->RcvQueue.List));
-    EXPECT_EQ(port_->RequestPool.Count, 0u);
+    EXPECT_EQ(ser->Settings.ReceivedCount, 3u);
+    EXPECT_TRUE(IsListEmpty(&port->ReadIrpQueue.Irps));
+    EXPECT_TRUE(IsListEmpty(&ser->RcvQueue.List));
+    EXPECT_EQ(port->RequestPool.Count, 0u);
     EXPECT_TRUE(dbg().Contains("ACM:COM3S:IrpQueue_IrpCancelRoutine"));
     EXPECT_TRUE(dbg().Contains("]CompleteRequest (")) << "a failed request is an error line";
 }
@@ -43,15 +39,15 @@ TEST_F(CancelSmallSendBuffer, PendingWriteCompletesWithTheBytesBuffered) {
     AppRequest* write = Write(Bytes(40, 'w'));
     ASSERT_EQ(write->returned, STATUS_PENDING);
     EXPECT_FALSE(write->completed) << "24 bytes still wait for room";
-    EXPECT_EQ(ser_->CircSendBuf.Count, 16u);
+    EXPECT_EQ(ser->CircSendBuf.Count, 16u);
 
     DeviceFixture::Cancel(write);
     ASSERT_TRUE(Wait(write, 0));
     EXPECT_EQ(write->status, STATUS_CANCELLED);
     EXPECT_EQ(write->information, 16u);
-    EXPECT_EQ(ser_->Settings.TransmittedCount, 16u);
-    EXPECT_TRUE(IsListEmpty(&port_->WriteIrpQueue.Irps));
-    EXPECT_EQ(port_->RequestPool.Count, 0u);
+    EXPECT_EQ(ser->Settings.TransmittedCount, 16u);
+    EXPECT_TRUE(IsListEmpty(&port->WriteIrpQueue.Irps));
+    EXPECT_EQ(port->RequestPool.Count, 0u);
 }
 
 TEST_F(Cancel, RequestCancelledBeforeItIsQueuedCompletesAtOnce) {
@@ -61,25 +57,25 @@ TEST_F(Cancel, RequestCancelledBeforeItIsQueuedCompletesAtOnce) {
     EXPECT_EQ(read->status, STATUS_CANCELLED);
     EXPECT_EQ(read->information, 0u);
     EXPECT_FALSE(read->pending_returned);
-    EXPECT_TRUE(IsListEmpty(&port_->ReadIrpQueue.Irps));
-    EXPECT_TRUE(IsListEmpty(&ser_->RcvQueue.List)) << "the request never reached the port";
-    EXPECT_EQ(port_->RequestPool.Count, 0u) << "the request went back to the pool";
+    EXPECT_TRUE(IsListEmpty(&port->ReadIrpQueue.Irps));
+    EXPECT_TRUE(IsListEmpty(&ser->RcvQueue.List)) << "the request never reached the port";
+    EXPECT_EQ(port->RequestPool.Count, 0u) << "the request went back to the pool";
 
     AppRequest* write = Write(Bytes{'x'}, /*cancel_first=*/true);
     EXPECT_EQ(write->returned, STATUS_CANCELLED);
     EXPECT_EQ(write->status, STATUS_CANCELLED);
-    EXPECT_EQ(ser_->CircSendBuf.Count, 0u);
-    EXPECT_EQ(port_->RequestPool.Count, 0u);
+    EXPECT_EQ(ser->CircSendBuf.Count, 0u);
+    EXPECT_EQ(port->RequestPool.Count, 0u);
 }
 
 TEST_F(Cancel, CancelOfAnIrpWhoseRequestAlreadyFinishedOnlyTraces) {
-    PIRP irp = IoAllocateIrp(data_port_->StackSize, FALSE);
+    PIRP irp = IoAllocateIrp(data_port->StackSize, FALSE);
     IoSetNextIrpStackLocation(irp);
     KIRQL irql;
     IoAcquireCancelSpinLock(&irql);
     irp->CancelIrql = irql;
     // The cancel routine releases the cancel spin lock itself.
-    IrpQueue_IrpCancelRoutine(data_port_, irp);
+    IrpQueue_IrpCancelRoutine(data_port, irp);
     EXPECT_TRUE(dbg().Contains("ACM:COM3S:IrpQueue_IrpCancelRoutine: The IRP was not found"));
     EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
     IoSkipCurrentIrpStackLocation(irp); // back to the caller's side before it is freed
@@ -92,10 +88,10 @@ TEST_F(Cancel, CancelOfAnIrpWhoseRequestAlreadyFinishedOnlyTraces) {
 // inverted order the first time it is taken.
 TEST_F(Cancel, CancelRoutineReleasesTheCancelLockBeforeTakingTheDeviceLock) {
     KIRQL irql, cancel_irql;
-    KeAcquireSpinLock(&dev_->Lock, &irql);
+    KeAcquireSpinLock(&dev->Lock, &irql);
     IoAcquireCancelSpinLock(&cancel_irql);
     IoReleaseCancelSpinLock(cancel_irql);
-    KeReleaseSpinLock(&dev_->Lock, irql);
+    KeReleaseSpinLock(&dev->Lock, irql);
 
     AppRequest* read = Read(10);
     DeviceFixture::Cancel(read);

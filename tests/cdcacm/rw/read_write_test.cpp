@@ -16,7 +16,7 @@ TEST_F(ReadWrite, ZeroLengthRequestsCompleteWithNothing) {
     EXPECT_EQ(read->returned, STATUS_SUCCESS);
     ASSERT_TRUE(read->completed);
     EXPECT_FALSE(read->pending_returned);
-    EXPECT_TRUE(IsListEmpty(&ser_->RcvQueue.List));
+    EXPECT_TRUE(IsListEmpty(&ser->RcvQueue.List));
     AppRequest* write = Write(Bytes{});
     EXPECT_EQ(write->returned, STATUS_PENDING);
     ASSERT_TRUE(Wait(write));
@@ -30,7 +30,7 @@ TEST_F(ReadWrite, ZeroLengthRequestsCompleteWithNothing) {
 
 TEST_F(ReadWrite, ImmediateReadTakesWhatIsBufferedAndIsNeverPended) {
     SetReadTimeouts(0xFFFFFFFF, 0, 0);
-    ASSERT_TRUE(port_->WaitForImmediate);
+    ASSERT_TRUE(port->WaitForImmediate);
     EXPECT_EQ(Receive("hello"), 5u);
 
     AppRequest* read = Read(10);
@@ -39,9 +39,9 @@ TEST_F(ReadWrite, ImmediateReadTakesWhatIsBufferedAndIsNeverPended) {
     EXPECT_FALSE(read->pending_returned);
     EXPECT_EQ(read->status, STATUS_SUCCESS);
     EXPECT_EQ(read->Data(), Bytes({'h', 'e', 'l', 'l', 'o'}));
-    EXPECT_EQ(ser_->Settings.ReceivedCount, 5u);
-    EXPECT_EQ(port_->RequestPool.Count, 0u) << "the request went back to the pool";
-    EXPECT_TRUE(IsListEmpty(&port_->ReadIrpQueue.Irps));
+    EXPECT_EQ(ser->Settings.ReceivedCount, 5u);
+    EXPECT_EQ(port->RequestPool.Count, 0u) << "the request went back to the pool";
+    EXPECT_TRUE(IsListEmpty(&port->ReadIrpQueue.Irps));
 
     AppRequest* empty = Read(10);
     EXPECT_EQ(empty->returned, STATUS_SUCCESS);
@@ -53,7 +53,7 @@ TEST_F(ReadWrite, PendedReadCompletesThroughTheDpcWhenItsBytesArrive) {
     AppRequest* read = Read(4);
     EXPECT_EQ(read->returned, STATUS_PENDING);
     EXPECT_FALSE(read->completed);
-    EXPECT_FALSE(IsListEmpty(&port_->ReadIrpQueue.Irps));
+    EXPECT_FALSE(IsListEmpty(&port->ReadIrpQueue.Irps));
 
     Receive("ab");
     EXPECT_FALSE(read->completed);
@@ -63,8 +63,8 @@ TEST_F(ReadWrite, PendedReadCompletesThroughTheDpcWhenItsBytesArrive) {
     EXPECT_EQ(read->Data(), Bytes({'a', 'b', 'c', 'd'}));
     EXPECT_TRUE(read->pending_returned);
     EXPECT_TRUE(read->context_cleared) << "the queue's words in the IRP are the driver's no more";
-    EXPECT_TRUE(IsListEmpty(&port_->ReadIrpQueue.Irps));
-    EXPECT_EQ(ser_->CircRcvBuf.Count, 2u);
+    EXPECT_TRUE(IsListEmpty(&port->ReadIrpQueue.Irps));
+    EXPECT_EQ(ser->CircRcvBuf.Count, 2u);
     EXPECT_TRUE(dbg().Contains("ACM:COM3S:[DispatchRead len:4"));
     EXPECT_TRUE(dbg().Contains("ACM:COM3:[CompleteRequest read Size(4) Status(0)"));
     EXPECT_TRUE(dbg().Contains("ACM:CompleteDpcRoutine Irp:"));
@@ -78,10 +78,10 @@ TEST_F(ReadWrite, WriteThatFitsCompletesInFullBeforeAnyByteReachesUsb) {
     EXPECT_EQ(write->information, 10u);
     EXPECT_TRUE(write->pending_returned);
     RunFor(10);
-    EXPECT_TRUE(modem_->Pull().empty()) << "the pipes are not running";
-    EXPECT_EQ(ser_->CircSendBuf.Count, 10u);
-    EXPECT_EQ(ser_->Settings.TransmittedCount, 10u);
-    EXPECT_TRUE(IsListEmpty(&port_->WriteIrpQueue.Irps));
+    EXPECT_TRUE(modem->Pull().empty()) << "the pipes are not running";
+    EXPECT_EQ(ser->CircSendBuf.Count, 10u);
+    EXPECT_EQ(ser->Settings.TransmittedCount, 10u);
+    EXPECT_TRUE(IsListEmpty(&port->WriteIrpQueue.Irps));
 }
 
 TEST_F(ReadWrite, PppTraceDumpsTheFirst32BytesOfAWrite) {

@@ -10,57 +10,57 @@ class ReadTimeouts : public DeviceFixture {
   protected:
     void SetUp() override {
         DeviceFixture::SetUp();
-        StartTimer(dev_);
+        StartTimer(dev);
     }
 };
 
 TEST_F(ReadTimeouts, StoppedTimerNoLongerTicks) {
     SetReadTimeouts(0, 0, 50);
-    StopTimer(dev_);
-    EXPECT_EQ(dev_->TimerPending, 0);
-    EXPECT_FALSE(dev_->TimerActive);
+    StopTimer(dev);
+    EXPECT_EQ(dev->TimerPending, 0);
+    EXPECT_FALSE(dev->TimerActive);
     AppRequest* read = Read(1);
     RunFor(500);
     EXPECT_FALSE(read->completed);
-    StartTimer(dev_);
+    StartTimer(dev);
     ASSERT_TRUE(Wait(read, 100));
     EXPECT_EQ(read->status, STATUS_TIMEOUT);
 }
 
 TEST_F(ReadTimeouts, StartingTwiceArmsOneTimer) {
-    StartTimer(dev_);
-    EXPECT_EQ(dev_->TimerPending, 1);
+    StartTimer(dev);
+    EXPECT_EQ(dev->TimerPending, 1);
     RunFor(35);
-    EXPECT_EQ(dev_->TimerPending, 1) << "each tick re-arms the one timer";
+    EXPECT_EQ(dev->TimerPending, 1) << "each tick re-arms the one timer";
 }
 
 using QueueTimer = DeviceFixture;
 
 TEST_F(QueueTimer, StopGivesUpAfterOneSecondOnATickThatNeverEnds) {
-    dev_->TimerPending = 1; // a tick that never finishes
+    dev->TimerPending = 1; // a tick that never finishes
     int64_t before = kernel().NowMs();
-    StopTimer(dev_);
+    StopTimer(dev);
     EXPECT_EQ(kernel().NowMs() - before, 1000);
     EXPECT_TRUE(dbg().Contains("ACM:COM3:PwrSetDevicePowerState KeWaitForSingleObject 1"));
-    dev_->TimerPending = 0;
+    dev->TimerPending = 0;
 }
 
 TEST_F(QueueTimer, TickThatFindsTheTimerArmedByAStartDuringItCountsItOnce) {
-    StartTimer(dev_);
+    StartTimer(dev);
     // The timer fires: its tick now stands for the one pending count.
-    ASSERT_TRUE(KeCancelTimer(&dev_->QueueTimer.Timer));
+    ASSERT_TRUE(KeCancelTimer(&dev->QueueTimer.Timer));
     // An open on another processor starts the timer while the tick runs.
-    StartTimer(dev_);
-    ASSERT_EQ(dev_->TimerPending, 2);
+    StartTimer(dev);
+    ASSERT_EQ(dev->TimerPending, 2);
     KIRQL irql;
     KeRaiseIrql(DISPATCH_LEVEL, &irql);
-    TimerDpcRoutine(&dev_->QueueTimer, dev_);
+    TimerDpcRoutine(&dev->QueueTimer, dev);
     KeLowerIrql(irql);
-    EXPECT_EQ(dev_->TimerPending, 1) << "one armed timer, counted once";
+    EXPECT_EQ(dev->TimerPending, 1) << "one armed timer, counted once";
 
     int64_t before = kernel().NowMs();
-    StopTimer(dev_);
-    EXPECT_EQ(dev_->TimerPending, 0);
+    StopTimer(dev);
+    EXPECT_EQ(dev->TimerPending, 0);
     EXPECT_EQ(kernel().NowMs(), before) << "nothing left to wait for";
     EXPECT_FALSE(dbg().Contains("PwrSetDevicePowerState KeWaitForSingleObject"));
 }

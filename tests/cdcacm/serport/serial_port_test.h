@@ -1,6 +1,6 @@
 // The data port on a simulated modem (DeviceFixture), started, as the serial
 // port's tests see it: the wait events raised, the application's time-outs,
-// and code run under the device lock as the driver's own callers run it.
+// and what reaches the modem.
 #pragma once
 
 #ifndef TRACE_FILE
@@ -13,20 +13,13 @@ using Bytes = std::vector<uint8_t>;
 class SerialPortTest : public DeviceFixture {
   protected:
     SerialPortTest() { options_.started = true; }
-    Options DeviceOptions() override { return options_; }
     void SetUp() override {
         DeviceFixture::SetUp();
-        ser_->Settings.WaitMask = ~0u; // every event is kept in PendingEvents
-    }
-    template <class Body> void Locked(Body body) {
-        KIRQL irql;
-        DEVICE_LOCK(dev_, &irql);
-        body();
-        DEVICE_UNLOCK(dev_, irql);
+        ser->Settings.WaitMask = ~0u; // every event is kept in PendingEvents
     }
     ULONG TakeEvents() { // raised since the last call
         ULONG events = 0;
-        Locked([&] { std::swap(events, port_->PendingEvents); });
+        Locked([&] { std::swap(events, port->PendingEvents); });
         return events;
     }
     void SetTimeouts(SERIAL_TIMEOUTS timeouts) {
@@ -38,8 +31,6 @@ class SerialPortTest : public DeviceFixture {
     }
     Bytes Sent() { // what reached the modem once the send engine had time
         RunFor(20);
-        return modem_->Pull();
+        return modem->Pull();
     }
-
-    Options options_;
 };

@@ -1,6 +1,8 @@
 // The serial port object on the real send and receive engines: the circular
-// buffers, creation, the send path in the four PPP states with its frame-flag
+// buffers, the send path in the four PPP states with its frame-flag
 // tracking and SERIAL_EV_TXEMPTY, and the receive path with its events.
+// (A serial port whose creation fails is the modem life's allocation sweep
+// and the simulator's faults scenario.)
 #include "serial_port_test.h"
 
 #include <numeric>
@@ -66,36 +68,6 @@ TEST_F(CircBufTest, EmptyAndFullChangeOnlyWhenBytesMove) {
     CircBufFree(&buf);
 }
 
-// --- creation ---
-
-struct AllocFault {
-    ULONG tag;
-    uint64_t nth;
-    bool traced; // the buffer failures report themselves
-};
-
-class AddPortFailure : public DriverTest, public ::testing::WithParamInterface<AllocFault> {};
-
-TEST_P(AddPortFailure, LeavesNothingAllocated) {
-    TraceMask |= TL_SERPORT;
-    auto& knob = kernel().pool().Faults().Add(
-        "f", hk::FaultKnob{.nth = GetParam().nth, .match = GetParam().tag});
-    PSER_PORT port = reinterpret_cast<PSER_PORT>(1);
-    DEVICE dev{};
-    EXPECT_EQ(AddPort(&port, &dev, 100, 100, 10, nullptr), STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_EQ(MemoryCounter, 0u);
-    EXPECT_EQ(dbg().Contains("ACM:AddPort: Not success! Status:c000009a"), GetParam().traced);
-    if (GetParam().traced) {
-        EXPECT_EQ(port, nullptr);
-        EXPECT_EQ(knob.calls, 2u) << "both buffers are asked for before the failure is handled";
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(SerPort, AddPortFailure,
-                         ::testing::Values(AllocFault{SER_PORT_TAG, 1, false},
-                                           AllocFault{CIRC_BUF_TAG, 1, true},
-                                           AllocFault{CIRC_BUF_TAG, 2, true}));
-
 // --- send path ---
 
 using SerPort = SerialPortTest;
@@ -146,15 +118,15 @@ TEST_F(SmallSendBuffer, WritesWaitForRoomAndLeaveInOrder) {
 
 // A stopped port keeps its bytes and raises nothing until it is enabled.
 TEST_F(SerPort, TxEmptyFollowsSentBytesOrANewRequestOnceTheBufferIsEmpty) {
-    SerPortSend(ser_, FALSE);
+    SerPortSend(ser, FALSE);
     EXPECT_EQ(TakeEvents(), 0u) << "nothing sent, no new request";
-    SerPortSend(ser_, TRUE);
+    SerPortSend(ser, TRUE);
     EXPECT_EQ(TakeEvents(), ULONG(SERIAL_EV_TXEMPTY));
-    SerPortEnable(ser_, TRUE);
+    SerPortEnable(ser, TRUE);
     Write(Pattern(5));
     EXPECT_TRUE(Sent().empty());
     EXPECT_EQ(TakeEvents(), 0u) << "bytes still buffered";
-    SerPortEnable(ser_, FALSE);
+    SerPortEnable(ser, FALSE);
     EXPECT_EQ(Sent(), Pattern(5));
     EXPECT_EQ(TakeEvents(), ULONG(SERIAL_EV_TXEMPTY));
 }
@@ -178,18 +150,18 @@ TEST_P(SendInMode, SendsUpToTheHostsFirstFlag) {
     const ModeCase& c = GetParam();
     const bool starting = c.state == PPP_STATE_STARTING;
     Locked([&] {
-        dev_->PppState = c.state;
-        ser_->PendingValid = TRUE;
+        dev->PppState = c.state;
+        ser->PendingValid = TRUE;
     });
     Write(c.written);
     EXPECT_EQ(Sent(), c.sent);
-    EXPECT_EQ(ser_->CircSendBuf.Count, c.left);
-    EXPECT_EQ(bool(dev_->FlagSent), starting);
-    EXPECT_EQ(KeReadStateEvent(&dev_->FlagSentEvent), starting ? 1 : 0);
-    EXPECT_EQ(bool(ser_->PendingValid), !starting);
-    SerPortSend(ser_, FALSE);
+    EXPECT_EQ(ser->CircSendBuf.Count, c.left);
+    EXPECT_EQ(bool(dev->FlagSent), starting);
+    EXPECT_EQ(KeReadStateEvent(&dev->FlagSentEvent), starting ? 1 : 0);
+    EXPECT_EQ(bool(ser->PendingValid), !starting);
+    SerPortSend(ser, FALSE);
     EXPECT_TRUE(Sent().empty()) << "nothing more once the flag is taken";
-    EXPECT_EQ(dev_->WritePipe.Pool->Count, 1u) << "an unused packet goes back";
+    EXPECT_EQ(dev->WritePipe.Pool->Count, 1u) << "an unused packet goes back";
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -201,8 +173,8 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(SerPort, FramingOnSendsHostFramesAsModemPackets) {
     Locked([&] {
-        dev_->PppState = PPP_STATE_ON;
-        PppDeFramerInit(&dev_->PppDeFramer, dev_);
+        dev->PppState = PPP_STATE_ON;
+        PppDeFramerInit(&dev->PppDeFramer, dev);
     });
     Write(Bytes{0x01, 0x7D, 0x22, 0x03, 0x3B, 0x9D, 0x7E});
     EXPECT_EQ(Sent(), Bytes({0xAA, 0xBB, 0x00, 0x09, 0x01, 0x02, 0x03, 0x3B, 0x9D}));
@@ -210,11 +182,11 @@ TEST_F(SerPort, FramingOnSendsHostFramesAsModemPackets) {
 
     // The second frame finds the one send packet out: the byte after it waits.
     Write(Bytes{0x04, 0x7E, 0x05, 0x7E, 0x06});
-    EXPECT_TRUE(ser_->PendingValid);
-    EXPECT_EQ(ser_->PendingChar, 0x06);
+    EXPECT_TRUE(ser->PendingValid);
+    EXPECT_EQ(ser->PendingChar, 0x06);
     EXPECT_EQ(TakeEvents(), ULONG(SERIAL_EV_TXEMPTY));
     EXPECT_EQ(Sent(), Bytes({0xAA, 0xBB, 0x08, 0x05, 0x04, 0xAA, 0xBB, 0x10, 0x05, 0x05}));
-    EXPECT_FALSE(ser_->PendingValid);
+    EXPECT_FALSE(ser->PendingValid);
     EXPECT_EQ(TakeEvents(), 0u) << "deframed bytes do not count as sent";
 }
 
@@ -230,7 +202,7 @@ class ReceiveEvents : public SerialPortTest, public ::testing::WithParamInterfac
 
 TEST_P(ReceiveEvents, RaiseRxCharAndRxFlagTogether) {
     if (GetParam().special != nullptr)
-        ser_->Settings.*GetParam().special = 0x33;
+        ser->Settings.*GetParam().special = 0x33;
     EXPECT_EQ(Receive(GetParam().offered), GetParam().offered.size());
     EXPECT_EQ(TakeEvents(), GetParam().events);
 }
@@ -255,7 +227,7 @@ TEST_F(SerPort, TheReceiveBufferTakesWhatFitsAndRx80FullCountsWhatReadsLeave) {
     EXPECT_EQ(TakeEvents(), ULONG(SERIAL_EV_RXCHAR | SERIAL_EV_RX80FULL))
         << "raised for every offered byte";
 
-    Locked([&] { CircBufReset(&ser_->CircRcvBuf); });
+    Locked([&] { CircBufReset(&ser->CircRcvBuf); });
     AppRequest* read = Read(100);
     EXPECT_EQ(Receive(Bytes(900)), 900u);
     EXPECT_EQ(TakeEvents(), ULONG(SERIAL_EV_RXCHAR)) << "the read took 100 first";

@@ -20,8 +20,8 @@ TEST_P(TimeMode, TimeoutsChooseTheQueuesModes) {
     TraceMask |= TL_SND;
     const ModeCase& c = GetParam();
     SetTimeouts(c.timeouts);
-    EXPECT_EQ(ser_->RcvQueue.TimeMode, c.read_mode);
-    EXPECT_EQ(ser_->SndQueue.TimeMode, c.write_mode);
+    EXPECT_EQ(ser->RcvQueue.TimeMode, c.read_mode);
+    EXPECT_EQ(ser->SndQueue.TimeMode, c.write_mode);
     EXPECT_EQ(dbg().Count("SqueueCheckTimeMode"), c.traced != nullptr ? 1u : 0u);
     if (c.traced != nullptr) {
         EXPECT_TRUE(
@@ -71,7 +71,7 @@ TEST_P(ReadTimes, ReadsEndAtTheirTick) {
     TraceMask |= TL_INFO;
     SetTimeouts(c.timeouts);
     const int64_t start = kernel().NowMs();
-    StartTimer(dev_);
+    StartTimer(dev);
     std::vector<AppRequest*> reads;
     for (ULONG length : c.reads)
         reads.push_back(Read(length));
@@ -136,7 +136,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(SerialPortTest, TotalTimesThatWrapNegativeBecomeMaxLong) {
     TraceMask |= TL_INFO;
-    StartTimer(dev_);
+    StartTimer(dev);
     SetTimeouts({0, 0x7FFFFFFF, 0, 0x7FFFFFFF, 0});
     ASSERT_TRUE(Wait(Write(Bytes{1, 2})));
     AppRequest* read = Read(2);
@@ -186,18 +186,18 @@ class WriteTimeout : public SerialPortTest, public ::testing::WithParamInterface
 TEST_P(WriteTimeout, OnlyUnderCtsFlowControl) {
     const CtsCase& c = GetParam();
     TraceMask |= TL_CTS;
-    dev_->Cfg.useCtsFlowControl = c.flow_control;
+    dev->Cfg.useCtsFlowControl = c.flow_control;
     Locked([&] {
-        dev_->ModemStatus = c.cts ? SERIAL_MSR_CTS : 0;
-        dev_->SendAllowed = c.send_allowed;
+        dev->ModemStatus = c.cts ? SERIAL_MSR_CTS : 0;
+        dev->SendAllowed = c.send_allowed;
     });
     SetTimeouts({0, 0, 0, 0, 100});
     const int64_t start = kernel().NowMs();
-    StartTimer(dev_);
+    StartTimer(dev);
     AppRequest* head = Write(Bytes(40, 0x55));
     AppRequest* next = Write(Bytes(5, 0x66));
     RunFor(2000);
-    EXPECT_EQ(modem_->Pull(), Bytes(c.sent, 0x55));
+    EXPECT_EQ(modem->Pull(), Bytes(c.sent, 0x55));
     ASSERT_EQ(head->completed, c.timeout_ms >= 0);
     ASSERT_EQ(next->completed, c.timeout_ms >= 0);
     if (c.timeout_ms < 0)

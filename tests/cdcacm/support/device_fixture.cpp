@@ -2,11 +2,11 @@
 
 void DeviceFixture::SetUp() {
     DriverTest::SetUp();
-    rig_.SetFailureHandler([](const std::string& message) { ADD_FAILURE() << message; });
-    ASSERT_TRUE(rig_.Build(DeviceOptions()));
+    SetFailureHandler([](const std::string& message) { ADD_FAILURE() << message; });
+    ASSERT_TRUE(Build(options_));
 }
 
 void DeviceFixture::TearDown() {
-    rig_.TearDown();
+    DeviceRig::TearDown();
     DriverTest::TearDown();
 }

@@ -32,6 +32,7 @@ bool DeviceRig::DataPortDeleted() const {
 }
 
 bool DeviceRig::Build(const Options& options) {
+    keep_irps_ = options.keep_irps;
     driver.Type = IO_TYPE_DRIVER;
     driver.Size = sizeof(DRIVER_OBJECT);
     driver_extension.DriverObject = &driver;
@@ -197,6 +198,7 @@ void DeviceRig::TearDown() {
         for (auto& request : requests_)
             if (!request->completed)
                 Fail("a request never completed");
+        DropCompleted();
         // The data port's own reference goes last, and with it the device.
         if (!deleted) {
             dev->RefCount = 1;
@@ -239,8 +241,12 @@ NTSTATUS NTAPI DeviceRig::OnComplete(PDEVICE_OBJECT, PIRP Irp, PVOID Context) {
         request->context_cleared = request->context_cleared && word == nullptr;
     request->completed_at_ms = hk::Kernel::Current().NowMs();
     request->completion_order = ++*request->order_source;
-    request->irp = nullptr;
-    IoFreeIrp(Irp);
+    if (request->keep_irp) {
+        Irp->CancelIrql = 0xCD; // no processor runs at it
+    } else {
+        request->irp = nullptr;
+        IoFreeIrp(Irp);
+    }
     if (request->on_complete)
         request->on_complete();
     KeSetEvent(&request->done, IO_NO_INCREMENT, FALSE);
@@ -252,6 +258,7 @@ AppRequest* DeviceRig::NewRequest(UCHAR major, ULONG buffer_length) {
     auto request = std::make_unique<AppRequest>();
     KeInitializeEvent(&request->done, NotificationEvent, FALSE);
     request->order_source = &completions_;
+    request->keep_irp = keep_irps_;
     // Like the I/O manager's system buffer, past the input it holds garbage.
     request->buffer.assign(std::max<ULONG>(buffer_length, 1), hk::Pool::kNewFill);
     PIRP irp = IoAllocateIrp(data_port->StackSize, FALSE);
@@ -267,6 +274,9 @@ AppRequest* DeviceRig::NewRequest(UCHAR major, ULONG buffer_length) {
 }
 
 void DeviceRig::DropCompleted() {
+    for (auto& request : requests_)
+        if (request->completed && request->keep_irp)
+            IoFreeIrp(request->irp);
     requests_.erase(std::remove_if(requests_.begin(), requests_.end(),
                                    [](const auto& request) { return request->completed; }),
                     requests_.end());

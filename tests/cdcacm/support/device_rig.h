@@ -43,7 +43,7 @@
 
 // One request of the application, from IoCallDriver to its completion.
 struct AppRequest {
-    PIRP irp = nullptr;    // null once completed (the IRP is then freed)
+    PIRP irp = nullptr;    // null once completed (the IRP is then freed) unless kept
     NTSTATUS returned = 0; // what IoCallDriver returned
     bool completed = false;
     int completions = 0;               // times the completion routine ran
@@ -57,6 +57,7 @@ struct AppRequest {
     std::function<void()> on_complete; // called inside the completion, if set
     KEVENT done;                       // signalled at completion
     uint64_t* order_source = nullptr;  // the rig's completion counter
+    bool keep_irp = false;             // keep_irps: see DeviceRigOptions
 
     // The bytes a read returned.
     std::vector<uint8_t> Data() const {
@@ -72,6 +73,10 @@ struct DeviceRigOptions {
     ULONG write_packet = 4096; // WriteBufferSize: bytes per bulk-out packet
     bool started = false;      // port open, pipes running
     bool loopback = false;     // the modem echoes what it receives
+    // A completed IRP stays allocated until it is dropped, as an owner that may
+    // still cancel it from another thread keeps it; its CancelIrql is
+    // scribbled, so that a cancel routine reading it then fails the verifier.
+    bool keep_irps = false;
     hu::Speed speed = hu::Speed::kFull;
     hu::BusOptions bus;
 };
@@ -158,6 +163,7 @@ class DeviceRig {
     static constexpr WCHAR kPortName[] = u"COM3";
     std::vector<std::unique_ptr<AppRequest>> requests_;
     uint64_t completions_ = 0;
+    bool keep_irps_ = false;
     std::function<void(const std::string&)> on_failure_;
     std::vector<std::string> failures_;
 };

@@ -15,22 +15,16 @@ Bytes Text(const std::string& text) {
 
 class PipeErrors : public DeviceFixture {
   protected:
-    Options DeviceOptions() override {
-        Options options;
-        options.started = started_;
-        return options;
-    }
-    uint8_t OutEndpoint() const { return dev_->WritePipe.Pipe->EndpointAddress; }
+    PipeErrors() { options_.started = true; }
+    uint8_t OutEndpoint() const { return dev->WritePipe.Pipe->EndpointAddress; }
     hu::UsbFaultKnob& AddFault(hu::Fault kind, uint32_t match, hu::UsbFaultKnob knob = {}) {
         knob.match = match;
-        return bus_->AddFault(kind, knob);
+        return bus->AddFault(kind, knob);
     }
     // A knob that never fires counts the endpoint's pipe resets.
     hu::UsbFaultKnob& CountResets(uint8_t endpoint) {
         return AddFault(hu::Fault::kResetPipeFail, hu::EndpointKey(endpoint));
     }
-
-    bool started_ = true;
 };
 
 TEST_F(PipeErrors, BulkOutErrorsResendOnceThenAskForReinitialisation) {
@@ -72,15 +66,15 @@ TEST_F(PipeErrors, BulkOutErrorsResendOnceThenAskForReinitialisation) {
         EXPECT_EQ(write->status, STATUS_SUCCESS);
         EXPECT_EQ(resets.calls, row.resets);
         EXPECT_EQ(dbg().Count("ACM:COM3:ScheduleReinit"), row.reinits);
-        EXPECT_EQ(modem_->Pull(), Text(row.delivered ? "hello" : ""));
+        EXPECT_EQ(modem->Pull(), Text(row.delivered ? "hello" : ""));
         EXPECT_TRUE(dbg().Contains(row.trace));
-        EXPECT_EQ(dev_->WritePipe.Enabled != 0, row.still_enabled);
+        EXPECT_EQ(dev->WritePipe.Enabled != 0, row.still_enabled);
 
         AppRequest* next = Write("more");
         ASSERT_TRUE(Wait(next));
         RunFor(50);
-        EXPECT_EQ(modem_->Pull(), Text(row.still_enabled ? "more" : ""));
-        EXPECT_EQ(dev_->WritePipe.ErrorCount, 0);
+        EXPECT_EQ(modem->Pull(), Text(row.still_enabled ? "more" : ""));
+        EXPECT_EQ(dev->WritePipe.ErrorCount, 0);
     }
 }
 
@@ -92,15 +86,15 @@ TEST_F(PipeErrors, AStopWaitsForTransfersInStepsOfOneSecond) {
     TraceMask |= TL_ERROR;
     Write("x");
     RunFor(5);
-    ASSERT_EQ(dev_->WritePipe.Pool->Count, 0u) << "the transfer is at the bus";
+    ASSERT_EQ(dev->WritePipe.Pool->Count, 0u) << "the transfer is at the bus";
 
     const int64_t start = kernel().NowMs();
-    StopSendAndReceive(dev_, TRUE);
+    StopSendAndReceive(dev, TRUE);
     EXPECT_GE(kernel().NowMs() - start, 2500);
     EXPECT_LT(kernel().NowMs() - start, 2510);
     EXPECT_EQ(dbg().Count("ACM:COM3: StopSnd wait for PacketPool: PoolCount:0"), 2u);
     EXPECT_EQ(dbg().Count("StopRcv wait for PacketPool"), 0u) << "aborted reads came back at once";
-    EXPECT_EQ(dev_->WritePipe.Pool->Count, dev_->WritePipe.Pool->PacketCount);
+    EXPECT_EQ(dev->WritePipe.Pool->Count, dev->WritePipe.Pool->PacketCount);
 }
 
 } // namespace

@@ -28,53 +28,27 @@ Bytes Pattern(size_t length, uint8_t seed) {
 
 class Transport : public DeviceFixture {
   protected:
-    Options DeviceOptions() override {
-        Options options;
-        options.started = true;
-        options.rcv_buffer = rcv_buffer_;
-        options.snd_buffer = 8192; // a 4096-byte write leaves in one packet
-        options.read_packet = read_packet_;
-        options.loopback = loopback_;
-        options.bus.capture_file = capture_;
-        return options;
-    }
-    // Reads until length bytes arrived (each read waits for all it asks).
-    Bytes ReadAll(size_t length, size_t chunk) {
-        Bytes got;
-        while (got.size() < length) {
-            AppRequest* read = Read(ULONG(std::min(chunk, length - got.size())));
-            if (!Wait(read, 20000))
-                break;
-            Bytes data = read->Data();
-            got.insert(got.end(), data.begin(), data.end());
-        }
-        return got;
+    Transport() {
+        options_.started = true;
+        options_.snd_buffer = 8192; // a 4096-byte write leaves in one packet
     }
     // Bulk-in transfers waiting at the bus (the interrupt read excluded).
-    size_t BulkReadsOut() { return 5 - dev_->ReceivePipe.Pool->Count - ParkedPackets(); }
+    size_t BulkReadsOut() { return 5 - dev->ReceivePipe.Pool->Count - ParkedPackets(); }
     size_t ParkedPackets() {
         size_t count = 0;
-        for (PLIST_ENTRY e = dev_->ReceivePipe.Queue.Flink; e != &dev_->ReceivePipe.Queue;
+        for (PLIST_ENTRY e = dev->ReceivePipe.Queue.Flink; e != &dev->ReceivePipe.Queue;
              e = e->Flink)
             ++count;
         return count;
     }
     void Notify(const Bytes& packet) {
-        KIRQL irql;
-        DEVICE_LOCK(dev_, &irql);
-        RcvIntIn(dev_, packet.data(), ULONG(packet.size()));
-        DEVICE_UNLOCK(dev_, irql);
+        Locked([&] { RcvIntIn(dev, packet.data(), ULONG(packet.size())); });
     }
-
-    ULONG rcv_buffer_ = 1000;
-    ULONG read_packet_ = 4096;
-    bool loopback_ = false;
-    std::string capture_; // empty: no capture
 };
 
 class Loopback : public Transport {
   protected:
-    Loopback() { loopback_ = true; }
+    Loopback() { options_.loopback = true; }
 };
 
 // With every pool allocation failing but the application's own requests:
@@ -105,7 +79,7 @@ TEST_F(Loopback, RandomWritesAndReadsArriveCompleteAndInOrderWithoutPool) {
     while (got.size() < sent.size()) {
         // Without time-outs a read larger than the receive buffer would wait
         // for the next read to offer the parked bytes again.
-        size_t ask = std::uniform_int_distribution<size_t>(1, rcv_buffer_)(rng);
+        size_t ask = std::uniform_int_distribution<size_t>(1, options_.rcv_buffer)(rng);
         AppRequest* read = Read(ULONG(std::min(ask, sent.size() - got.size())));
         ASSERT_TRUE(Wait(read, 20000)) << "after " << got.size() << " bytes";
         Bytes data = read->Data();
@@ -121,16 +95,17 @@ class CapturedTransport : public Transport {
   protected:
     // One file per process: campaigns run several copies at once.
     CapturedTransport() {
-        capture_ = ::testing::TempDir() + "cdcacm_transport_" + std::to_string(getpid()) + ".pcap";
+        options_.bus.capture_file =
+            ::testing::TempDir() + "cdcacm_transport_" + std::to_string(getpid()) + ".pcap";
     }
-    ~CapturedTransport() override { std::remove(capture_.c_str()); }
+    ~CapturedTransport() override { std::remove(options_.bus.capture_file.c_str()); }
     // The lengths of the bulk-out transfers in the capture, as submitted.
     std::vector<size_t> CapturedWrites() {
-        bus_->CloseCapture();
+        bus->CloseCapture();
         std::vector<size_t> lengths;
-        for (const hu::CaptureRecord& record : hu::ReadCapture(capture_))
+        for (const hu::CaptureRecord& record : hu::ReadCapture(options_.bus.capture_file))
             if (record.transfer == hu::CaptureTransfer::kBulk && !record.completion &&
-                record.endpoint == dev_->WritePipe.Pipe->EndpointAddress)
+                record.endpoint == dev->WritePipe.Pipe->EndpointAddress)
                 lengths.push_back(record.data.size());
         return lengths;
     }
@@ -147,10 +122,10 @@ TEST_F(CapturedTransport, AZeroLengthPacketFollowsEveryMultipleOf64) {
         dbg().Clear();
         ASSERT_TRUE(Wait(Write(Pattern(row.length, 1))));
         RunFor(20);
-        EXPECT_EQ(modem_->Pull(), Pattern(row.length, 1));
+        EXPECT_EQ(modem->Pull(), Pattern(row.length, 1));
         EXPECT_EQ(dbg().Count("ACM:COM3:SND: " + std::to_string(row.length)), 1u);
         EXPECT_EQ(dbg().Count("ACM:COM3:SND: 0"), row.zlp ? 1u : 0u) << row.length;
-        EXPECT_FALSE(dev_->WritePipe.SendZlp);
+        EXPECT_FALSE(dev->WritePipe.SendZlp);
     }
     EXPECT_EQ(CapturedWrites(), (std::vector<size_t>{64, 0, 128, 0, 4096, 0, 63, 65}));
 }
@@ -158,8 +133,8 @@ TEST_F(CapturedTransport, AZeroLengthPacketFollowsEveryMultipleOf64) {
 class ReceiveFlow : public Transport {
   protected:
     ReceiveFlow() {
-        rcv_buffer_ = 100; // the smallest receive buffer
-        read_packet_ = 64;
+        options_.rcv_buffer = 100; // the smallest receive buffer
+        options_.read_packet = 64;
     }
 };
 
@@ -169,14 +144,14 @@ TEST_F(ReceiveFlow, AFullBufferParksPacketsAndAReadRestartsThemWithNothingLost) 
     const Bytes data = Pattern(100 + 5 * 63 + 200, 3);
     // Short packets end each transfer: one 63-byte transfer per packet.
     for (size_t offset = 0; offset < data.size(); offset += 63)
-        modem_->Push(
+        modem->Push(
             Bytes(data.begin() + offset, data.begin() + std::min(offset + 63, data.size())));
     RunFor(50);
-    EXPECT_EQ(ser_->CircRcvBuf.Count, 100u);
+    EXPECT_EQ(ser->CircRcvBuf.Count, 100u);
     EXPECT_EQ(ParkedPackets(), 5u) << "every packet holds bytes the port has no room for";
     EXPECT_EQ(BulkReadsOut(), 0u) << "all five parked stop the reads";
 
-    EXPECT_EQ(ReadAll(data.size(), 37), data);
+    EXPECT_EQ(ReadAll(data.size(), [] { return 37; }), data);
     RunFor(20);
     EXPECT_EQ(ParkedPackets(), 0u);
     EXPECT_EQ(BulkReadsOut(), 5u) << "the reads were restarted";
@@ -184,7 +159,7 @@ TEST_F(ReceiveFlow, AFullBufferParksPacketsAndAReadRestartsThemWithNothingLost) 
 
 TEST_F(Transport, PurgeDropsParkedBytesAndReadsResume) {
     ASSERT_EQ(Wait(Control(IOCTL_SERIAL_SET_QUEUE_SIZE, {100, 0, 0, 0, 100, 0, 0, 0}, 0)), true);
-    modem_->Push(Pattern(300, 1));
+    modem->Push(Pattern(300, 1));
     RunFor(20);
     ASSERT_GT(ParkedPackets(), 0u);
     const ULONG purge = SERIAL_PURGE_RXCLEAR;
@@ -192,48 +167,49 @@ TEST_F(Transport, PurgeDropsParkedBytesAndReadsResume) {
     ASSERT_TRUE(Wait(Control(IOCTL_SERIAL_PURGE, {bytes, bytes + 4}, 0)));
     RunFor(20);
     EXPECT_EQ(ParkedPackets(), 0u);
-    EXPECT_EQ(ser_->CircRcvBuf.Count, 0u);
-    modem_->Push(Pattern(5, 2));
-    EXPECT_EQ(ReadAll(5, 5), Pattern(5, 2)) << "reads were resubmitted after the purge";
+    EXPECT_EQ(ser->CircRcvBuf.Count, 0u);
+    modem->Push(Pattern(5, 2));
+    EXPECT_EQ(ReadAll(5, [] { return 5; }), Pattern(5, 2))
+        << "reads were resubmitted after the purge";
 }
 
 TEST_F(Transport, FlowTestSpacesBulkInResubmissionsButNotInterruptIn) {
-    dev_->Cfg.FlowTest = 50;
-    InitTimerObj(&dev_->FlowTestTimer, RcvTimerRoutine, dev_, 50);
+    dev->Cfg.FlowTest = 50;
+    InitTimerObj(&dev->FlowTestTimer, RcvTimerRoutine, dev, 50);
     // Seven short transfers: the five reads out take five, the next reads go
     // out 50 ms after the last completion.
     for (uint8_t i = 0; i < 7; ++i)
-        modem_->Push(Pattern(3, i));
+        modem->Push(Pattern(3, i));
     RunFor(10);
-    EXPECT_EQ(ser_->CircRcvBuf.Count, 15u);
+    EXPECT_EQ(ser->CircRcvBuf.Count, 15u);
     RunFor(35);
-    EXPECT_EQ(ser_->CircRcvBuf.Count, 15u) << "no read before the flow-test delay";
+    EXPECT_EQ(ser->CircRcvBuf.Count, 15u) << "no read before the flow-test delay";
     RunFor(20);
-    EXPECT_EQ(ser_->CircRcvBuf.Count, 21u);
+    EXPECT_EQ(ser->CircRcvBuf.Count, 21u);
 
-    modem_->SendSerialState(0x0001);
+    modem->SendSerialState(0x0001);
     RunFor(kPoll);
-    EXPECT_EQ(dev_->ModemStatus & SERIAL_MSR_DCD, ULONG(SERIAL_MSR_DCD));
-    modem_->SendSerialState(0x0000);
+    EXPECT_EQ(dev->ModemStatus & SERIAL_MSR_DCD, ULONG(SERIAL_MSR_DCD));
+    modem->SendSerialState(0x0000);
     RunFor(kPoll);
-    EXPECT_EQ(dev_->ModemStatus & SERIAL_MSR_DCD, 0u) << "interrupt-in is resubmitted at once";
+    EXPECT_EQ(dev->ModemStatus & SERIAL_MSR_DCD, 0u) << "interrupt-in is resubmitted at once";
 }
 
 TEST_F(Transport, CtsFlowControlHoldsDataUntilTheModemRaisesCts) {
-    dev_->Cfg.useCtsFlowControl = 1;
+    dev->Cfg.useCtsFlowControl = 1;
     TraceMask |= TL_CTS;
     ASSERT_TRUE(Wait(Write("held")));
     RunFor(50);
-    EXPECT_TRUE(modem_->Pull().empty());
+    EXPECT_TRUE(modem->Pull().empty());
     EXPECT_TRUE(dbg().Contains("ACM:COM3:Stop sending because CTS is inactive"));
-    modem_->SendNetworkConnection(true);
+    modem->SendNetworkConnection(true);
     RunFor(20);
-    EXPECT_EQ(modem_->Pull(), Bytes({'h', 'e', 'l', 'd'}));
+    EXPECT_EQ(modem->Pull(), Bytes({'h', 'e', 'l', 'd'}));
     EXPECT_TRUE(dbg().Contains("ACM:COM3:CTS active restart write"));
 }
 
 TEST_F(Transport, AGrantWhileCtsIsInactiveIsUsedUpByWhatIsSent) {
-    dev_->Cfg.useCtsFlowControl = 1;
+    dev->Cfg.useCtsFlowControl = 1;
     struct Step {
         ULONG length;
         ULONG left;
@@ -242,32 +218,30 @@ TEST_F(Transport, AGrantWhileCtsIsInactiveIsUsedUpByWhatIsSent) {
     ULONG max_length;
     PUSB_PACKET packet;
     auto get_buffer = [&] {
-        KIRQL irql;
-        DEVICE_LOCK(dev_, &irql);
-        BOOLEAN got = GetWriteBuffer(dev_, &buffer, &max_length, &packet);
-        DEVICE_UNLOCK(dev_, irql);
+        BOOLEAN got = FALSE;
+        Locked([&] { got = GetWriteBuffer(dev, &buffer, &max_length, &packet); });
         return got;
     };
-    dev_->WaitingData = 10;
+    dev->WaitingData = 10;
     for (const Step& step : {Step{6, 4}, Step{12, 0}}) {
         ASSERT_TRUE(get_buffer()) << "a grant lets bytes out while CTS is inactive";
-        SubmitWriteBuffer(dev_, buffer, step.length, packet);
-        EXPECT_EQ(dev_->WaitingData, step.left);
+        SubmitWriteBuffer(dev, buffer, step.length, packet);
+        EXPECT_EQ(dev->WaitingData, step.left);
         RunFor(20);
     }
     EXPECT_FALSE(get_buffer());
 }
 
 TEST_F(Transport, TheStopSendingBitHoldsDataAndItsClearingResumesAtOnce) {
-    modem_->SendSerialState(0x0100);
+    modem->SendSerialState(0x0100);
     RunFor(kPoll);
-    EXPECT_FALSE(dev_->SendAllowed);
+    EXPECT_FALSE(dev->SendAllowed);
     ASSERT_TRUE(Wait(Write("wait")));
     RunFor(50);
-    EXPECT_TRUE(modem_->Pull().empty());
-    modem_->SendSerialState(0x0000);
+    EXPECT_TRUE(modem->Pull().empty());
+    modem->SendSerialState(0x0000);
     RunFor(kPoll);
-    EXPECT_EQ(modem_->Pull(), Bytes({'w', 'a', 'i', 't'}));
+    EXPECT_EQ(modem->Pull(), Bytes({'w', 'a', 'i', 't'}));
 }
 
 // One serial state after another: the modem lines and the events raised.
@@ -291,21 +265,21 @@ TEST_F(Transport, SerialStatesMoveTheLinesAndRaiseTheirEvents) {
         {0x0040, 0x00, 0x80},  // overrun
     };
     for (const Row& row : rows) {
-        port_->PendingEvents = 0;
-        modem_->SendSerialState(row.state);
+        port->PendingEvents = 0;
+        modem->SendSerialState(row.state);
         RunFor(kPoll);
-        EXPECT_EQ(dev_->ModemStatus, row.lines) << std::hex << row.state;
-        EXPECT_EQ(dev_->ReceivedModemStatus, row.lines);
-        EXPECT_EQ(port_->PendingEvents, row.events) << std::hex << row.state;
+        EXPECT_EQ(dev->ModemStatus, row.lines) << std::hex << row.state;
+        EXPECT_EQ(dev->ReceivedModemStatus, row.lines);
+        EXPECT_EQ(port->PendingEvents, row.events) << std::hex << row.state;
     }
-    port_->PendingEvents = 0;
-    modem_->SendNetworkConnection(true);
+    port->PendingEvents = 0;
+    modem->SendNetworkConnection(true);
     RunFor(kPoll);
-    EXPECT_EQ(dev_->ModemStatus, ULONG(SERIAL_MSR_CTS));
-    EXPECT_EQ(port_->PendingEvents, ULONG(SERIAL_EV_CTS));
-    modem_->SendSerialState(0x0002);
+    EXPECT_EQ(dev->ModemStatus, ULONG(SERIAL_MSR_CTS));
+    EXPECT_EQ(port->PendingEvents, ULONG(SERIAL_EV_CTS));
+    modem->SendSerialState(0x0002);
     RunFor(kPoll);
-    EXPECT_EQ(dev_->ModemStatus, ULONG(SERIAL_MSR_CTS | SERIAL_MSR_DSR))
+    EXPECT_EQ(dev->ModemStatus, ULONG(SERIAL_MSR_CTS | SERIAL_MSR_DSR))
         << "CTS comes only from NETWORK_CONNECTION";
 }
 
@@ -326,13 +300,13 @@ TEST_F(Transport, MalformedAndUnknownNotificationsAreTracedAndTheReadGoesOn) {
         Notify(row.packet);
         EXPECT_TRUE(dbg().Contains(row.trace)) << row.trace;
     }
-    EXPECT_EQ(dev_->ModemStatus, 0u);
+    EXPECT_EQ(dev->ModemStatus, 0u);
     Notify({0xA1, 0x20, 0, 0, 0, 0, 2, 0, 3, 0});
-    EXPECT_EQ(dev_->ModemStatus, ULONG(SERIAL_MSR_DCD | SERIAL_MSR_DSR))
+    EXPECT_EQ(dev->ModemStatus, ULONG(SERIAL_MSR_DCD | SERIAL_MSR_DSR))
         << "a 10-byte serial state is processed";
-    modem_->SendSerialState(0);
+    modem->SendSerialState(0);
     RunFor(kPoll);
-    EXPECT_EQ(dev_->ModemStatus, 0u) << "the interrupt read is still running";
+    EXPECT_EQ(dev->ModemStatus, 0u) << "the interrupt read is still running";
 }
 
 TEST_F(Transport, ControlLinesAndLineCodingReachTheModemAsSetupPackets) {
@@ -355,23 +329,23 @@ TEST_F(Transport, ControlLinesAndLineCodingReachTheModemAsSetupPackets) {
     };
     for (const Row& row : rows) {
         ASSERT_TRUE(Wait(Control(row.code, row.input, 0)));
-        const sm::RecordedRequest& got = modem_->Requests().back();
+        const sm::RecordedRequest& got = modem->Requests().back();
         EXPECT_EQ(got.setup.request_type, 0x21);
         EXPECT_EQ(got.setup.request, row.request);
         EXPECT_EQ(got.setup.value, row.value);
-        EXPECT_EQ(got.setup.index, dev_->Cfg.UsbInterface & 0xFFFF);
+        EXPECT_EQ(got.setup.index, dev->Cfg.UsbInterface & 0xFFFF);
         AppRequest* lines = Control(IOCTL_SERIAL_GET_DTRRTS, {}, 4);
         ASSERT_TRUE(Wait(lines));
         EXPECT_EQ(lines->Data(), Bytes({row.dtr_rts, 0, 0, 0})) << std::hex << row.code;
     }
-    EXPECT_EQ(modem_->Requests()[0].data, Bytes({0x00, 0xC2, 0x01, 0x00, 1, 0, 8}));
-    EXPECT_EQ(modem_->Requests()[1].data, Bytes({0x00, 0xC2, 0x01, 0x00, 1, 3, 8}));
+    EXPECT_EQ(modem->Requests()[0].data, Bytes({0x00, 0xC2, 0x01, 0x00, 1, 0, 8}));
+    EXPECT_EQ(modem->Requests()[1].data, Bytes({0x00, 0xC2, 0x01, 0x00, 1, 3, 8}));
 
-    dev_->UsbDeviceEnabled = FALSE;
+    dev->UsbDeviceEnabled = FALSE;
     ASSERT_TRUE(Wait(Control(IOCTL_SERIAL_SET_RTS, {}, 0)));
-    dev_->UsbDeviceEnabled = TRUE;
-    EXPECT_EQ(modem_->Requests().size(), std::size(rows)) << "nothing is sent while disabled";
-    EXPECT_EQ(dev_->PcStatus, 0x02) << "the lines change all the same";
+    dev->UsbDeviceEnabled = TRUE;
+    EXPECT_EQ(modem->Requests().size(), std::size(rows)) << "nothing is sent while disabled";
+    EXPECT_EQ(dev->PcStatus, 0x02) << "the lines change all the same";
 }
 
 } // namespace

@@ -1,6 +1,10 @@
 // Synchronous submission against the simulated bus: time-outs in virtual
 // time, the cancelled IRP's return, the folding of USB status into NT
-// status, short transfers, and requests that must never leave the driver.
+// status, short transfers, and requests that must never leave the driver;
+// the abort and reset requests on a configured modem's pipes. (A stalled
+// pipe reset is the simulator's stall-recovery scenario and the bulk-out
+// error tests; failed pipe and interface records are the modem life's
+// allocation sweep.)
 #include "usb_fixture.h"
 
 #include <cstdio>
@@ -113,5 +117,51 @@ TEST_P(NotSentTest, FailsWithoutSendingAnything) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Removal, NotSentTest, ::testing::Bool());
+
+// --- pipes ---
+
+using PipesTest = ConfiguredUsbTest;
+
+TEST_F(PipesTest, AbortWithNothingPendingSendsNothing) {
+    uint64_t before = Urbs();
+    EXPECT_EQ(AbortPipe(usb_, dev_->ReceivePipe.Pipe), STATUS_SUCCESS);
+    EXPECT_EQ(Urbs(), before);
+    EXPECT_TRUE(dbg().Contains("ACM:COM7:Abort Pipe for EP:81 not required"));
+}
+
+class AbortPendingTest : public PipesTest, public ::testing::WithParamInterface<int> {};
+
+TEST_P(AbortPendingTest, CompletesThePendingTransfersFirst) {
+    PUSB_PIPE pipe = dev_->ReceivePipe.Pipe;
+    std::vector<BusRequest*> transfers;
+    for (int i = 0; i < GetParam(); ++i)
+        transfers.push_back(Submit(pipe, true, {}, 64));
+    pipe->PendingRequests = GetParam(); // as the receive engine counts them
+    EXPECT_EQ(AbortPipe(usb_, pipe), STATUS_SUCCESS);
+    for (BusRequest* transfer : transfers) {
+        EXPECT_TRUE(transfer->completed) << "back before the abort returned";
+        EXPECT_EQ(transfer->status, STATUS_CANCELLED);
+        EXPECT_EQ(transfer->UsbStatus(), USBD_STATUS_CANCELED);
+    }
+    EXPECT_TRUE(dbg().Contains("ACM:COM7:Abort Pipe EP:81, pending requests:" +
+                               std::to_string(GetParam())));
+    pipe->PendingRequests = 0;
+}
+
+INSTANTIATE_TEST_SUITE_P(Transfers, AbortPendingTest, ::testing::Values(1, 2));
+
+// A disabled device sends no reset; a reset the bus fails is traced.
+TEST_F(PipesTest, ResetOfADisabledDeviceSendsNothingAndAFailedOneIsTraced) {
+    hu::UsbFaultKnob knob;
+    knob.nth = 1; // fails with USBD_STATUS_DEV_NOT_RESPONDING
+    bus_->AddFault(hu::Fault::kResetPipeFail, knob);
+    dev_->UsbDeviceEnabled = FALSE;
+    uint64_t before = Urbs();
+    EXPECT_EQ(ResetPipe(usb_, dev_->WritePipe.Pipe), STATUS_DEVICE_REMOVED);
+    EXPECT_EQ(Urbs(), before);
+    dev_->UsbDeviceEnabled = TRUE;
+    EXPECT_EQ(ULONG(ResetPipe(usb_, dev_->WritePipe.Pipe)), 0xE0000005u);
+    EXPECT_TRUE(dbg().Contains("ACM:COM7:ResetPipe: SubmitUrbAndWait failed (E0000005)."));
+}
 
 } // namespace

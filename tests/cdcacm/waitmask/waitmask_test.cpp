@@ -5,22 +5,12 @@
 
 class WaitOnMask : public IoctlTest {
   protected:
-    void SetMask(ULONG Mask) {
-        ASSERT_EQ(Set(IOCTL_SERIAL_SET_WAIT_MASK, Mask).Status, STATUS_SUCCESS);
-    }
-    AppRequest* StartWait() {
-        AppRequest* Wait = Control(IOCTL_SERIAL_WAIT_ON_MASK, {}, sizeof(ULONG));
-        EXPECT_EQ(Wait->returned, STATUS_PENDING);
-        return Wait;
-    }
     bool WaitMs(AppRequest* Request, int64_t Ms) { return DeviceFixture::Wait(Request, Ms); }
     static void ExpectCompleted(AppRequest* Wait, NTSTATUS Status, ULONG Mask) {
         ASSERT_TRUE(Wait->completed);
         EXPECT_EQ(Wait->status, Status);
         EXPECT_EQ(Wait->information, sizeof(ULONG));
-        ULONG Got;
-        memcpy(&Got, Wait->buffer.data(), sizeof(Got));
-        EXPECT_EQ(Got, Mask);
+        EXPECT_EQ(IoctlTest::Mask(Wait), Mask);
     }
 };
 
@@ -41,7 +31,7 @@ TEST_F(WaitOnMask, AMaskedEventCompletesThePendingWait) {
     EXPECT_FALSE(Wait->completed);
     RaiseEvents(SERIAL_EV_DSR | SERIAL_EV_RXCHAR);
     ExpectCompleted(Wait, STATUS_SUCCESS, SERIAL_EV_DSR);
-    EXPECT_EQ(Dev()->Port.PendingEvents, 0u);
+    EXPECT_EQ(dev->Port.PendingEvents, 0u);
 }
 
 TEST_F(WaitOnMask, EventsWithoutAWaitAreDeliveredToTheNextWait) {
@@ -102,7 +92,7 @@ TEST_F(WaitOnMask, AnEventWithinTheCancelDelayCompletesTheWaitAndStopsTheTimer) 
     EXPECT_FALSE(Wait->completed);
     RaiseEvents(SERIAL_EV_RXCHAR);
     ExpectCompleted(Wait, STATUS_SUCCESS, SERIAL_EV_RXCHAR);
-    EXPECT_FALSE(KeReadStateTimer(&Dev()->WaitCancelTimer.Timer));
+    EXPECT_FALSE(KeReadStateTimer(&dev->WaitCancelTimer.Timer));
     kernel().Sleep(200);
     EXPECT_FALSE(Traced("DelayWaitCancelFnc"));
 }
@@ -118,17 +108,16 @@ TEST_F(WaitOnMask, AWaitCancelledBeforeItArrivesFailsAtOnce) {
     ASSERT_TRUE(WaitMs(Wait, 0));
     EXPECT_EQ(Wait->status, STATUS_CANCELLED);
     EXPECT_EQ(Wait->information, 0u);
-    EXPECT_EQ(Dev()->Port.WaitIrp, nullptr);
+    EXPECT_EQ(dev->Port.WaitIrp, nullptr);
 }
 
 TEST_F(WaitOnMask, RemovalCompletesTheWaitWithDeviceRemoved) {
     SetMask(SERIAL_EV_RXCHAR);
     AppRequest* Wait = StartWait();
-    KIRQL OldIrql;
-    DEVICE_LOCK(Dev(), &OldIrql);
-    Dev()->UsbDeviceEnabled = FALSE; // as removal does before completing the wait
-    CompleteWaitIrp(&Dev()->Port, 0);
-    DEVICE_UNLOCK(Dev(), OldIrql);
+    Locked([&] {
+        dev->UsbDeviceEnabled = FALSE; // as removal does before completing the wait
+        CompleteWaitIrp(&dev->Port, 0);
+    });
     ASSERT_TRUE(Wait->completed);
     EXPECT_EQ(Wait->status, STATUS_DEVICE_REMOVED);
     EXPECT_EQ(Wait->information, sizeof(ULONG));
@@ -145,10 +134,10 @@ TEST_F(WaitOnMask, TraceLinesFollowTheirMaskBits) {
     SetMask(SERIAL_EV_RXCHAR);
     AppRequest* Wait = StartWait();
     // A driver above sends the pending IRP down once more: it stays the wait.
-    EXPECT_EQ(DispatchDeviceControl(DataPort(), Wait->irp), STATUS_PENDING);
+    EXPECT_EQ(DispatchDeviceControl(data_port, Wait->irp), STATUS_PENDING);
     EXPECT_TRUE(Traced("ACM:COM3S:Upper driver sends the same WaitIrp again\n"));
     EXPECT_FALSE(Wait->completed);
-    EXPECT_EQ(Dev()->Port.WaitIrp, Wait->irp);
+    EXPECT_EQ(dev->Port.WaitIrp, Wait->irp);
     IoCancelIrp(Wait->irp);
     ASSERT_TRUE(WaitMs(Wait, 200));
     EXPECT_TRUE(Traced("ACM:COM3:DelayWaitCancelFnc\n"));

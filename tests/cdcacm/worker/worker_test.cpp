@@ -25,11 +25,11 @@ class Worker : public DeviceFixture {
         auto* probe = static_cast<Probe*>(context);
         probe->runs++;
         probe->irql = KeGetCurrentIrql();
-        probe->mutex_held = KeReadStateMutex(&probe->test->dev_->DeviceMutex) <= 0;
+        probe->mutex_held = KeReadStateMutex(&probe->test->dev->DeviceMutex) <= 0;
         probe->irp_completed_during_run = probe->request != nullptr && probe->request->completed;
         probe->ran_at_ms = hk::Kernel::Current().NowMs();
         probe->order = ++probe->test->work_order_;
-        probe->refs_during_run = probe->test->dev_->RefCount;
+        probe->refs_during_run = probe->test->dev->RefCount;
         return probe->result;
     }
 
@@ -46,9 +46,9 @@ class Worker : public DeviceFixture {
         AppRequest* request = Prepare(IRP_MJ_DEVICE_CONTROL, 4);
         probe->request = request;
         request->on_complete = [this, probe] {
-            probe->mutex_free_at_completion = KeReadStateMutex(&dev_->DeviceMutex) == 1;
+            probe->mutex_free_at_completion = KeReadStateMutex(&dev->DeviceMutex) == 1;
         };
-        driver_.MajorFunction[IRP_MJ_DEVICE_CONTROL] = DispatchToWorker;
+        driver.MajorFunction[IRP_MJ_DEVICE_CONTROL] = DispatchToWorker;
         current_ = this;
         current_probe_ = probe;
         Send(request);
@@ -57,7 +57,7 @@ class Worker : public DeviceFixture {
     }
 
     static NTSTATUS NTAPI DispatchToWorker(PDEVICE_OBJECT, PIRP Irp) {
-        current_->last_queued_ = WorkerQueue(current_->dev_, Work, current_probe_, Irp);
+        current_->last_queued_ = WorkerQueue(current_->dev, Work, current_probe_, Irp);
         if (current_->last_queued_)
             return STATUS_PENDING;
         Irp->IoStatus.Status = STATUS_UNSUCCESSFUL;
@@ -76,12 +76,12 @@ TEST_F(Worker, IrpCompletesWithTheFunctionsStatusAfterTheMutexIsReleased) {
     Probe probe = MakeProbe(STATUS_TIMEOUT);
     BOOLEAN queued = FALSE;
     // Held, so that the work cannot run on another worker before the checks.
-    KeWaitForSingleObject(&dev_->DeviceMutex, Executive, KernelMode, FALSE, nullptr);
+    KeWaitForSingleObject(&dev->DeviceMutex, Executive, KernelMode, FALSE, nullptr);
     AppRequest* request = PendedControl(&probe, &queued);
     EXPECT_EQ(request->returned, STATUS_PENDING);
-    EXPECT_EQ(dev_->RefCount, 2) << "the work item holds a reference";
+    EXPECT_EQ(dev->RefCount, 2) << "the work item holds a reference";
     EXPECT_EQ(probe.runs, 0) << "runs on the worker thread, not in the caller";
-    KeReleaseMutex(&dev_->DeviceMutex, FALSE);
+    KeReleaseMutex(&dev->DeviceMutex, FALSE);
     ASSERT_TRUE(queued);
 
     ASSERT_TRUE(Wait(request));
@@ -93,8 +93,8 @@ TEST_F(Worker, IrpCompletesWithTheFunctionsStatusAfterTheMutexIsReleased) {
     EXPECT_EQ(request->status, STATUS_TIMEOUT);
     EXPECT_TRUE(request->pending_returned);
     EXPECT_TRUE(probe.mutex_free_at_completion) << "released before the IRP completes";
-    EXPECT_EQ(dev_->RefCount, 1);
-    EXPECT_FALSE(rig_.DataPortDeleted());
+    EXPECT_EQ(dev->RefCount, 1);
+    EXPECT_FALSE(DataPortDeleted());
 
     // The reference lines have a bit of their own; the work item's steps
     // are details.
@@ -107,59 +107,59 @@ TEST_F(Worker, WorkWaitsForTheDeviceMutex) {
     Probe first = MakeProbe();
     Probe second = MakeProbe();
     // A Plug and Play request holds the mutex in the application thread.
-    KeWaitForSingleObject(&dev_->DeviceMutex, Executive, KernelMode, FALSE, nullptr);
-    ASSERT_TRUE(WorkerQueue(dev_, Work, &first, nullptr));
-    ASSERT_TRUE(WorkerQueue(dev_, Work, &second, nullptr));
-    EXPECT_EQ(dev_->RefCount, 3);
+    KeWaitForSingleObject(&dev->DeviceMutex, Executive, KernelMode, FALSE, nullptr);
+    ASSERT_TRUE(WorkerQueue(dev, Work, &first, nullptr));
+    ASSERT_TRUE(WorkerQueue(dev, Work, &second, nullptr));
+    EXPECT_EQ(dev->RefCount, 3);
     RunFor(100);
     EXPECT_EQ(first.runs + second.runs, 0) << "no work item runs while the mutex is held";
     int64_t released_at = kernel().NowMs();
-    KeReleaseMutex(&dev_->DeviceMutex, FALSE);
+    KeReleaseMutex(&dev->DeviceMutex, FALSE);
     RunFor(1);
     EXPECT_EQ(first.runs, 1);
     EXPECT_EQ(second.runs, 1);
     EXPECT_GE(first.ran_at_ms, released_at);
     EXPECT_GE(second.ran_at_ms, released_at);
-    EXPECT_EQ(dev_->RefCount, 1);
+    EXPECT_EQ(dev->RefCount, 1);
 }
 
 TEST_F(Worker, QueuedWorkKeepsARemovedDeviceUntilItHasRun) {
     Probe probe = MakeProbe(STATUS_SUCCESS);
     BOOLEAN queued = FALSE;
-    KeWaitForSingleObject(&dev_->DeviceMutex, Executive, KernelMode, FALSE, nullptr);
+    KeWaitForSingleObject(&dev->DeviceMutex, Executive, KernelMode, FALSE, nullptr);
     AppRequest* request = PendedControl(&probe, &queued);
     ASSERT_TRUE(queued);
     bool deleted_before_completion = true;
-    request->on_complete = [&] { deleted_before_completion = rig_.DataPortDeleted(); };
+    request->on_complete = [&] { deleted_before_completion = DataPortDeleted(); };
     // Removal drops the data port's own reference while the work is queued;
     // the work item's remains.
-    EXPECT_EQ(InterlockedDecrement(&dev_->RefCount), 1);
-    KeReleaseMutex(&dev_->DeviceMutex, FALSE);
+    EXPECT_EQ(InterlockedDecrement(&dev->RefCount), 1);
+    KeReleaseMutex(&dev->DeviceMutex, FALSE);
 
     ASSERT_TRUE(Wait(request));
     RunFor(10); // the work item goes on after the completion
     EXPECT_FALSE(deleted_before_completion) << "the IRP completes before the data port goes";
     EXPECT_EQ(probe.refs_during_run, 1);
-    EXPECT_EQ(dev_->RefCount, 0);
-    EXPECT_TRUE(rig_.DataPortDeleted()) << "the work item deleted the data port";
+    EXPECT_EQ(dev->RefCount, 0);
+    EXPECT_TRUE(DataPortDeleted()) << "the work item deleted the data port";
     EXPECT_EQ(request->status, STATUS_SUCCESS);
 }
 
 TEST_F(Worker, NoWorkIsQueuedForADeviceWithoutReferencesOrWithoutPool) {
     Probe probe = MakeProbe();
-    dev_->RefCount = 0;
+    dev->RefCount = 0;
     BOOLEAN queued = TRUE;
     AppRequest* request = PendedControl(&probe, &queued);
     EXPECT_FALSE(queued);
     EXPECT_EQ(request->returned, STATUS_UNSUCCESSFUL);
     EXPECT_FALSE(request->pending_returned) << "the IRP was not touched";
-    dev_->RefCount = 1;
+    dev->RefCount = 1;
 
     auto& knob =
         kernel().pool().Faults().Add("record", hk::FaultKnob{.nth = 1, .match = WORKER_REC_TAG});
-    EXPECT_FALSE(WorkerQueue(dev_, Work, &probe, nullptr));
+    EXPECT_FALSE(WorkerQueue(dev, Work, &probe, nullptr));
     EXPECT_EQ(knob.fired, 1u);
-    EXPECT_EQ(dev_->RefCount, 1);
+    EXPECT_EQ(dev->RefCount, 1);
     RunFor(10);
     EXPECT_EQ(probe.runs, 0);
     EXPECT_EQ(kernel().pool().ForTag(WORKER_REC_TAG).blocks, 0u);
