@@ -1,10 +1,10 @@
 // Synchronous submission against the simulated bus: time-outs in virtual
 // time, the cancelled IRP's return, the folding of USB status into NT
 // status, short transfers, and requests that must never leave the driver;
-// the abort and reset requests on a configured modem's pipes. (A stalled
-// pipe reset is the simulator's stall-recovery scenario and the bulk-out
-// error tests; failed pipe and interface records are the modem life's
-// allocation sweep.)
+// the abort and reset requests on a configured modem's pipes, and the pipe
+// and interface records a failed allocation leaves none of. (A stalled pipe
+// reset is the simulator's stall-recovery scenario and the bulk-out error
+// tests.)
 #include "usb_fixture.h"
 
 #include <cstdio>
@@ -163,5 +163,43 @@ TEST_F(PipesTest, ResetOfADisabledDeviceSendsNothingAndAFailedOneIsTraced) {
     EXPECT_EQ(ULONG(ResetPipe(usb_, dev_->WritePipe.Pipe)), 0xE0000005u);
     EXPECT_TRUE(dbg().Contains("ACM:COM7:ResetPipe: SubmitUrbAndWait failed (E0000005)."));
 }
+
+struct RecordFailure {
+    const char* name;
+    ULONG tag;
+    uint64_t nth;
+    const char* trace;
+};
+
+class RecordFailureTest : public UsbDeviceTest,
+                          public ::testing::WithParamInterface<RecordFailure> {};
+
+TEST_P(RecordFailureTest, LeavesNoRecords) {
+    Start(sm::SingleInterface());
+    // An interface with three pipes, as a completed selection returns it.
+    std::vector<uint8_t> storage(GET_USBD_INTERFACE_SIZE(3));
+    auto* info = reinterpret_cast<PUSBD_INTERFACE_INFORMATION>(storage.data());
+    info->Length = USHORT(storage.size());
+    info->NumberOfPipes = 3;
+    for (ULONG i = 0; i < 3; ++i) {
+        info->Pipes[i].EndpointAddress = UCHAR(0x81 + i);
+        info->Pipes[i].PipeHandle = reinterpret_cast<USBD_PIPE_HANDLE>(uintptr_t(0x100 + i));
+    }
+    kernel().pool().Faults().Add("record",
+                                 hk::FaultKnob{.nth = GetParam().nth, .match = GetParam().tag});
+    EXPECT_EQ(CreateInterfacePipes(usb_, info, nullptr), STATUS_NO_MEMORY);
+    EXPECT_TRUE(IsListEmpty(&usb_->PipeList));
+    EXPECT_TRUE(IsListEmpty(&usb_->InterfaceList));
+    EXPECT_TRUE(dbg().Contains(GetParam().trace));
+    kernel().pool().Faults().Clear();
+}
+
+INSTANTIATE_TEST_SUITE_P(Allocations, RecordFailureTest,
+                         ::testing::Values(RecordFailure{"SecondOfThreePipes", USB_PIPE_TAG, 2,
+                                                         "ACM:COM7:allocation of USB_PIPE failed"},
+                                           RecordFailure{
+                                               "Interface", USB_INTERFACE_TAG, 1,
+                                               "ACM:COM7:allocation of USB_INTERFACE failed"}),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 } // namespace
