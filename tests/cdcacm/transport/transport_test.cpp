@@ -2,9 +2,20 @@
 // simulated modem, the modem's bytes through five bulk-in reads to the
 // application's reads, and the modem's notifications to the modem lines and
 // the send decision. Everything runs on the simulated bus in virtual time.
+//
+// Errors on the bulk pipes, injected by the bus's fault knobs: the send
+// engine's reset-and-resend and its escalation to re-initialisation, a
+// device that is gone, a halted bulk-in endpoint, and a stop that waits for
+// transfers the controller is slow to give back.
+//
+// The PPP mode switch's failures: time-outs and failed requests leave
+// framing off, and a transfer that fails inside the framed send pass. (The
+// switch and the stop of a working session are the simulator's dial-up
+// scenarios; the frames both ways are the PPP frame tests.)
 #define TRACE_FILE "tests/cdcacm/transport"
 #include "device_fixture.h"
 #include "hostusb/capture.h"
+#include "ppp_reference.h"
 
 #include <cstdio>
 #include <random>
@@ -346,6 +357,158 @@ TEST_F(Transport, ControlLinesAndLineCodingReachTheModemAsSetupPackets) {
     dev->UsbDeviceEnabled = TRUE;
     EXPECT_EQ(modem->Requests().size(), std::size(rows)) << "nothing is sent while disabled";
     EXPECT_EQ(dev->PcStatus, 0x02) << "the lines change all the same";
+}
+
+// --- pipe errors ---
+
+Bytes Text(const std::string& text) {
+    return Bytes(text.begin(), text.end());
+}
+
+class PipeErrors : public DeviceFixture {
+  protected:
+    PipeErrors() { options_.started = true; }
+    uint8_t OutEndpoint() const { return dev->WritePipe.Pipe->EndpointAddress; }
+    hu::UsbFaultKnob& AddFault(hu::Fault kind, uint32_t match, hu::UsbFaultKnob knob = {}) {
+        knob.match = match;
+        return bus->AddFault(kind, knob);
+    }
+    // A knob that never fires counts the endpoint's pipe resets.
+    hu::UsbFaultKnob& CountResets(uint8_t endpoint) {
+        return AddFault(hu::Fault::kResetPipeFail, hu::EndpointKey(endpoint));
+    }
+};
+
+TEST_F(PipeErrors, BulkOutErrorsResendOnceThenAskForReinitialisation) {
+    struct Row {
+        const char* name;
+        hu::Fault fault;
+        uint64_t errors;    // consecutive failing transfers
+        bool any_urb;       // the knob matches every URB, not only bulk-out
+        uint64_t resets;    // bulk-out pipe resets, the re-initialisation's included
+        size_t reinits;     // ScheduleReinit calls
+        bool delivered;     // the written bytes reached the modem
+        bool still_enabled; // the send context takes more bytes afterwards
+        const char* trace;
+    };
+    const Row rows[] = {
+        {"stall once", hu::Fault::kStall, 1, false, 1, 0, true, true,
+         "ACM:COM3:WriteCompletionRoutine: UrbStatus C0000004"},
+        {"error once", hu::Fault::kError, 1, false, 1, 0, true, true,
+         "ACM:COM3:WriteCompletionRoutine: UrbStatus C0000005"},
+        {"two errors", hu::Fault::kError, 2, false, 2, 1, false, true,
+         "ACM:COM3:WriteCompletionRoutine: Schedule restart USB read"},
+        {"device gone", hu::Fault::kDeviceGone, 1, true, 0, 0, false, false,
+         "ACM:COM3:WriteCompletionRoutine USBD_STATUS_DEVICE_GONE"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        TearDown();
+        SetUp();
+        hu::UsbFaultKnob& resets = CountResets(OutEndpoint());
+        hu::UsbFaultKnob knob;
+        knob.every = 1;
+        knob.max_fires = row.errors;
+        AddFault(row.fault, row.any_urb ? 0 : hu::EndpointKey(OutEndpoint()), knob);
+        TraceMask |= TL_ERROR | TL_INFO;
+
+        AppRequest* write = Write("hello");
+        ASSERT_TRUE(Wait(write));
+        RunFor(50);
+        EXPECT_EQ(write->status, STATUS_SUCCESS);
+        EXPECT_EQ(resets.calls, row.resets);
+        EXPECT_EQ(dbg().Count("ACM:COM3:ScheduleReinit"), row.reinits);
+        EXPECT_EQ(modem->Pull(), Text(row.delivered ? "hello" : ""));
+        EXPECT_TRUE(dbg().Contains(row.trace));
+        EXPECT_EQ(dev->WritePipe.Enabled != 0, row.still_enabled);
+
+        AppRequest* next = Write("more");
+        ASSERT_TRUE(Wait(next));
+        RunFor(50);
+        EXPECT_EQ(modem->Pull(), Text(row.still_enabled ? "more" : ""));
+        EXPECT_EQ(dev->WritePipe.ErrorCount, 0);
+    }
+}
+
+TEST_F(PipeErrors, AStopWaitsForTransfersInStepsOfOneSecond) {
+    hu::UsbFaultKnob slow;
+    slow.nth = 1;
+    slow.delay_ms = 2500;
+    AddFault(hu::Fault::kDelay, hu::EndpointKey(OutEndpoint()), slow);
+    TraceMask |= TL_ERROR;
+    Write("x");
+    RunFor(5);
+    ASSERT_EQ(dev->WritePipe.Pool->Count, 0u) << "the transfer is at the bus";
+
+    const int64_t start = kernel().NowMs();
+    StopSendAndReceive(dev, TRUE);
+    EXPECT_GE(kernel().NowMs() - start, 2500);
+    EXPECT_LT(kernel().NowMs() - start, 2510);
+    EXPECT_EQ(dbg().Count("ACM:COM3: StopSnd wait for PacketPool: PoolCount:0"), 2u);
+    EXPECT_EQ(dbg().Count("StopRcv wait for PacketPool"), 0u) << "aborted reads came back at once";
+    EXPECT_EQ(dev->WritePipe.Pool->Count, dev->WritePipe.Pool->PacketCount);
+}
+
+// --- the PPP mode switch ---
+
+class PppSwitch : public DeviceFixture {
+  protected:
+    PppSwitch() {
+        options_.started = true;
+        options_.snd_buffer = 8192;
+    }
+    Bytes Requested() {
+        Bytes codes;
+        for (const sm::RecordedRequest& request : modem->Requests())
+            codes.push_back(request.setup.request);
+        return codes;
+    }
+};
+
+TEST_F(PppSwitch, WithoutAFlagWithin300msFramingStaysOffAndSendingGoesOn) {
+    TraceMask |= TL_ERROR;
+    modem->RequestFraming(true);
+    RunFor(kPoll);
+    ASSERT_TRUE(Wait(Write("no flag")));
+    RunFor(350);
+    EXPECT_EQ(dev->PppState, ULONG(PPP_STATE_OFF));
+    EXPECT_TRUE(dbg().Contains("ACM:COM3:SwitchToPppMode failed with timeout!!!"));
+    EXPECT_TRUE(Requested().empty());
+    EXPECT_EQ(modem->Pull(), Bytes({'n', 'o', ' ', 'f', 'l', 'a', 'g'}));
+}
+
+TEST_F(PppSwitch, AFailedSpecialCharacterRequestKeepsTheOldTable) {
+    ASSERT_TRUE(SwitchToPpp({0x11, 0x13}));
+    modem->RequestFraming(false);
+    RunFor(kPoll + 10);
+    modem->SetSpecialChars({0x05});
+    modem->StallNextGetSpecialChars();
+    // The host's stream is still at the flag: the switch goes ahead at once.
+    modem->RequestFraming(true);
+    RunFor(kPoll + 10);
+    EXPECT_EQ(dev->PppState, ULONG(PPP_STATE_OFF));
+    EXPECT_TRUE(dev->PppFramer.EscapeTable[0x11]);
+    EXPECT_FALSE(dev->PppFramer.EscapeTable[0x05]);
+    EXPECT_EQ(Requested(), Bytes({0x60, 0x61, 0x62})) << "no start after the failed read";
+}
+
+// The deframer sends from inside the serial port's locked pass. When the bus
+// fails that transfer inside IoCallDriver, the completion must not wait for
+// the lock its own submitter holds.
+TEST_F(PppSwitch, AnInlineCompletionUnderTheDeviceLockFinishesAfterTheLock) {
+    ASSERT_TRUE(SwitchToPpp({0x11, 0x13}));
+    hu::UsbFaultKnob gone;
+    gone.every = 1;
+    gone.match = hu::EndpointKey(uint8_t(dev->Cfg.DataOutPipe));
+    gone.status = USBD_STATUS_DEVICE_GONE;
+    hu::UsbFaultKnob& knob = bus->AddFault(hu::Fault::kInline, gone);
+    Bytes frame = ppp_test::HdlcFrame({1, 2, 3}, ppp_test::EscapeSetOf({}));
+    ASSERT_TRUE(Wait(Write(Bytes(frame.begin() + 1, frame.end()))));
+    RunFor(20);
+    EXPECT_EQ(knob.fired, 1u);
+    EXPECT_FALSE(dev->WritePipe.Enabled) << "device gone disables the send context";
+    EXPECT_EQ(dev->WritePipe.Pool->Count, 1u) << "the packet came back";
+    EXPECT_TRUE(modem->TakeFrames().empty());
 }
 
 } // namespace
