@@ -15,8 +15,6 @@ class Worker : public DeviceFixture {
         bool mutex_held = false;
         bool irp_completed_during_run = false;
         AppRequest* request = nullptr;
-        int64_t ran_at_ms = -1;
-        uint64_t order = 0;
         LONG refs_during_run = 0;
         bool mutex_free_at_completion = false;
     };
@@ -27,8 +25,6 @@ class Worker : public DeviceFixture {
         probe->irql = KeGetCurrentIrql();
         probe->mutex_held = KeReadStateMutex(&probe->test->dev->DeviceMutex) <= 0;
         probe->irp_completed_during_run = probe->request != nullptr && probe->request->completed;
-        probe->ran_at_ms = hk::Kernel::Current().NowMs();
-        probe->order = ++probe->test->work_order_;
         probe->refs_during_run = probe->test->dev->RefCount;
         return probe->result;
     }
@@ -65,7 +61,6 @@ class Worker : public DeviceFixture {
         return STATUS_UNSUCCESSFUL;
     }
 
-    uint64_t work_order_ = 0;
     bool last_queued_ = false;
     static inline Worker* current_ = nullptr;
     static inline Probe* current_probe_ = nullptr;
@@ -101,26 +96,6 @@ TEST_F(Worker, IrpCompletesWithTheFunctionsStatusAfterTheMutexIsReleased) {
     EXPECT_TRUE(dbg().Contains("ACM:COM3:IncRef: 2, source/cdcacm/worker("));
     EXPECT_TRUE(dbg().Contains("ACM:COM3:DecRef: 1, source/cdcacm/worker("));
     EXPECT_FALSE(dbg().Contains("_WorkerFuntion"));
-}
-
-TEST_F(Worker, WorkWaitsForTheDeviceMutex) {
-    Probe first = MakeProbe();
-    Probe second = MakeProbe();
-    // A Plug and Play request holds the mutex in the application thread.
-    KeWaitForSingleObject(&dev->DeviceMutex, Executive, KernelMode, FALSE, nullptr);
-    ASSERT_TRUE(WorkerQueue(dev, Work, &first, nullptr));
-    ASSERT_TRUE(WorkerQueue(dev, Work, &second, nullptr));
-    EXPECT_EQ(dev->RefCount, 3);
-    RunFor(100);
-    EXPECT_EQ(first.runs + second.runs, 0) << "no work item runs while the mutex is held";
-    int64_t released_at = kernel().NowMs();
-    KeReleaseMutex(&dev->DeviceMutex, FALSE);
-    RunFor(1);
-    EXPECT_EQ(first.runs, 1);
-    EXPECT_EQ(second.runs, 1);
-    EXPECT_GE(first.ran_at_ms, released_at);
-    EXPECT_GE(second.ran_at_ms, released_at);
-    EXPECT_EQ(dev->RefCount, 1);
 }
 
 TEST_F(Worker, QueuedWorkKeepsARemovedDeviceUntilItHasRun) {
