@@ -87,6 +87,11 @@ struct VetoCase {
     hk::PnpState state;
 };
 
+VetoCase Veto(const char* name, bool eject, UCHAR veto, bool done, std::vector<UCHAR> after_start,
+              hk::PnpState state) {
+    return {name, eject, veto, done, after_start, state};
+}
+
 class PnpVetoTest : public PnpManagerTest, public ::testing::WithParamInterface<VetoCase> {};
 
 TEST_P(PnpVetoTest, SendsTheQueryThenTheActionOrItsCancel) {
@@ -101,39 +106,22 @@ TEST_P(PnpVetoTest, SendsTheQueryThenTheActionOrItsCancel) {
     EXPECT_TRUE(hk::DeviceExists(bus_->Pdo(port))) << "a PDO still present stays";
 }
 
+constexpr UCHAR kNone = 0xFF, kQueryRemove = IRP_MN_QUERY_REMOVE_DEVICE,
+                kQueryStop = IRP_MN_QUERY_STOP_DEVICE, kStop = IRP_MN_STOP_DEVICE,
+                kStart = IRP_MN_START_DEVICE;
+
 INSTANTIATE_TEST_SUITE_P(
     Actions, PnpVetoTest,
-    ::testing::Values(VetoCase{"Eject",
-                               true,
-                               0xFF,
-                               true,
-                               {IRP_MN_QUERY_REMOVE_DEVICE, IRP_MN_REMOVE_DEVICE},
-                               hk::PnpState::kRemoved},
-                      VetoCase{"EjectVetoed",
-                               true,
-                               IRP_MN_QUERY_REMOVE_DEVICE,
-                               false,
-                               {IRP_MN_QUERY_REMOVE_DEVICE, IRP_MN_CANCEL_REMOVE_DEVICE},
-                               hk::PnpState::kStarted},
-                      VetoCase{"Rebalance",
-                               false,
-                               0xFF,
-                               true,
-                               {IRP_MN_QUERY_STOP_DEVICE, IRP_MN_STOP_DEVICE, IRP_MN_START_DEVICE},
-                               hk::PnpState::kStarted},
-                      VetoCase{"RebalanceVetoed",
-                               false,
-                               IRP_MN_QUERY_STOP_DEVICE,
-                               false,
-                               {IRP_MN_QUERY_STOP_DEVICE, IRP_MN_CANCEL_STOP_DEVICE},
-                               hk::PnpState::kStarted},
-                      VetoCase{"FailedRestart",
-                               false,
-                               IRP_MN_START_DEVICE,
-                               true,
-                               {IRP_MN_QUERY_STOP_DEVICE, IRP_MN_STOP_DEVICE, IRP_MN_START_DEVICE,
-                                IRP_MN_REMOVE_DEVICE},
-                               hk::PnpState::kStartFailed}),
+    ::testing::Values(
+        Veto("Eject", true, kNone, true, {kQueryRemove, IRP_MN_REMOVE_DEVICE},
+             hk::PnpState::kRemoved),
+        Veto("EjectVetoed", true, kQueryRemove, false, {kQueryRemove, IRP_MN_CANCEL_REMOVE_DEVICE},
+             hk::PnpState::kStarted),
+        Veto("Rebalance", false, kNone, true, {kQueryStop, kStop, kStart}, hk::PnpState::kStarted),
+        Veto("RebalanceVetoed", false, kQueryStop, false, {kQueryStop, IRP_MN_CANCEL_STOP_DEVICE},
+             hk::PnpState::kStarted),
+        Veto("FailedRestart", false, kStart, true,
+             {kQueryStop, kStop, kStart, IRP_MN_REMOVE_DEVICE}, hk::PnpState::kStartFailed)),
     [](const auto& info) { return std::string(info.param.name); });
 
 } // namespace
