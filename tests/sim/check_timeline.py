@@ -7,18 +7,13 @@ with both ends, each end bound to a span open on its track. Then checks the
 kinds of events the caller expects.
 
     check_timeline.py FILE [--expect PHASE:REGEX]... [--flow CAT:FROM:TO]...
-                           [--mutants]
 
 --expect asks for at least one event of that phase whose name matches;
 --flow for a flow of that category whose start lies in a span named FROM
-and whose end lies in a span named TO (regexes); --mutants checks instead
-that the checks fail on copies broken in small ways (one E dropped, a flow
-ended with another's id, a span ended on another track, a timestamp sent
-back). Prints the count per kind.
+and whose end lies in a span named TO (regexes).
 """
 import argparse
 import collections
-import copy
 import json
 import re
 import sys
@@ -124,37 +119,11 @@ def expectations(trace, bindings, expects, flow_expects):
     return errors
 
 
-def mutants(trace):
-    """Copies broken in small ways, each with what was done to it."""
-    events = trace["traceEvents"]
-    ends = [i for i, e in enumerate(events) if e.get("ph") == "E"]
-    finishes = [i for i, e in enumerate(events) if e.get("ph") == "f"]
-    broken = []
-    t = copy.deepcopy(trace)
-    del t["traceEvents"][ends[len(ends) // 2]]
-    broken.append(("one E dropped", t))
-    t = copy.deepcopy(trace)
-    a, b = finishes[len(finishes) // 3], finishes[2 * len(finishes) // 3]
-    t["traceEvents"][a]["id"] = events[b]["id"]
-    broken.append(("a flow ended with another flow's id", t))
-    t = copy.deepcopy(trace)
-    tracks = sorted({e["tid"] for e in events if e.get("ph") == "B"})
-    moved = next(i for i in ends if events[i]["tid"] == tracks[0])
-    t["traceEvents"][moved]["tid"] = tracks[-1]
-    broken.append(("an E on another track", t))
-    t = copy.deepcopy(trace)
-    later = next(i for i in ends[len(ends) // 2:] if events[i]["ts"] > events[ends[0]]["ts"])
-    t["traceEvents"][later]["ts"] = 0
-    broken.append(("a timestamp sent back", t))
-    return broken
-
-
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("file")
     parser.add_argument("--expect", action="append", default=[])
     parser.add_argument("--flow", action="append", default=[])
-    parser.add_argument("--mutants", action="store_true")
     args = parser.parse_args()
     try:
         with open(args.file, encoding="utf-8") as f:
@@ -164,12 +133,6 @@ def main():
         return 1
     errors, bindings, counts = check(trace)
     errors += expectations(trace, bindings, args.expect, args.flow)
-    if args.mutants and not errors:
-        for what, broken in mutants(trace):
-            if not check(broken)[0]:
-                errors.append("the checks pass a timeline with " + what)
-            else:
-                print("caught: " + what)
     for kind, count in sorted(counts.items()):
         print("%6d %s" % (count, kind))
     for error in errors[:20]:
