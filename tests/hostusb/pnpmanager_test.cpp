@@ -14,47 +14,6 @@ namespace {
 
 const char* const kOrdinary = "USB\\VID_FFF0&PID_0001\\KM0000001";
 
-// What the fake driver saw, and the requests it fails.
-struct FakeDriverState {
-    std::vector<UCHAR> minors;
-    UCHAR veto = 0xFF;
-};
-FakeDriverState* g_fake = nullptr;
-
-struct FakeExtension {
-    PDEVICE_OBJECT lower;
-};
-
-NTSTATUS NTAPI FakeAddDevice(PDRIVER_OBJECT driver, PDEVICE_OBJECT pdo) {
-    PDEVICE_OBJECT fdo;
-    NTSTATUS status =
-        IoCreateDevice(driver, sizeof(FakeExtension), nullptr, FILE_DEVICE_MODEM, 0, FALSE, &fdo);
-    if (!NT_SUCCESS(status))
-        return status;
-    static_cast<FakeExtension*>(fdo->DeviceExtension)->lower =
-        IoAttachDeviceToDeviceStack(fdo, pdo);
-    fdo->Flags &= ~DO_DEVICE_INITIALIZING;
-    return STATUS_SUCCESS;
-}
-
-NTSTATUS NTAPI FakePnp(PDEVICE_OBJECT fdo, PIRP irp) {
-    UCHAR minor = IoGetCurrentIrpStackLocation(irp)->MinorFunction;
-    g_fake->minors.push_back(minor);
-    if (minor == g_fake->veto) {
-        irp->IoStatus.Status = STATUS_UNSUCCESSFUL;
-        IoCompleteRequest(irp, IO_NO_INCREMENT);
-        return STATUS_UNSUCCESSFUL;
-    }
-    PDEVICE_OBJECT lower = static_cast<FakeExtension*>(fdo->DeviceExtension)->lower;
-    IoSkipCurrentIrpStackLocation(irp);
-    NTSTATUS status = IoCallDriver(lower, irp);
-    if (minor == IRP_MN_REMOVE_DEVICE) {
-        IoDetachDevice(lower);
-        IoDeleteDevice(fdo);
-    }
-    return status;
-}
-
 NTSTATUS NTAPI FakeOpenClose(PDEVICE_OBJECT, PIRP irp) {
     irp->IoStatus.Status = STATUS_SUCCESS;
     IoCompleteRequest(irp, IO_NO_INCREMENT);
@@ -64,18 +23,9 @@ NTSTATUS NTAPI FakeOpenClose(PDEVICE_OBJECT, PIRP irp) {
 class PnpManagerTest : public PnpBusTest {
   protected:
     void Install(PDRIVER_OBJECT driver) override {
-        g_fake = &fake_;
-        driver->DriverExtension->AddDevice = FakeAddDevice;
-        driver->MajorFunction[IRP_MJ_PNP] = FakePnp;
         for (UCHAR major : {IRP_MJ_CREATE, IRP_MJ_CLEANUP, IRP_MJ_CLOSE})
             driver->MajorFunction[major] = FakeOpenClose;
     }
-    void TearDown() override {
-        PnpBusTest::TearDown();
-        g_fake = nullptr;
-    }
-
-    FakeDriverState fake_;
 };
 
 struct VetoCase {
@@ -96,12 +46,12 @@ class PnpVetoTest : public PnpManagerTest, public ::testing::WithParamInterface<
 
 TEST_P(PnpVetoTest, SendsTheQueryThenTheActionOrItsCancel) {
     int port = PlugSettled(sm::OrdinaryModem());
-    fake_.veto = GetParam().veto;
-    fake_.minors.clear();
+    g_pass_down.veto = GetParam().veto;
+    g_pass_down.minors.clear();
     bool done = GetParam().eject ? pnp().Eject(kOrdinary) : pnp().Rebalance(kOrdinary);
     pnp().Settle();
     EXPECT_EQ(done, GetParam().done);
-    EXPECT_EQ(fake_.minors, GetParam().after_start);
+    EXPECT_EQ(g_pass_down.minors, GetParam().after_start);
     EXPECT_EQ(pnp().Device(kOrdinary)->state, GetParam().state);
     EXPECT_TRUE(hk::DeviceExists(bus_->Pdo(port))) << "a PDO still present stays";
 }
