@@ -86,11 +86,9 @@ TEST(BuiltInProfiles, EachFileIsItsCppTwinByteForByte) {
             EXPECT_EQ(got.functions, want.functions);
             const sm::CommandSet& a = got.commands;
             const sm::CommandSet& b = want.commands;
-            EXPECT_EQ(a.identification, b.identification);
-            EXPECT_EQ(a.dial_outcome, b.dial_outcome);
-            EXPECT_EQ(a.dial_ms, b.dial_ms);
-            EXPECT_EQ(a.connect_speed, b.connect_speed);
-            EXPECT_EQ(a.ppp, b.ppp);
+            EXPECT_EQ(
+                std::tie(a.identification, a.dial_outcome, a.dial_ms, a.connect_speed, a.ppp),
+                std::tie(b.identification, b.dial_outcome, b.dial_ms, b.connect_speed, b.ppp));
         }
     }
 }
