@@ -1,4 +1,5 @@
-// The PPP engine's framing: RFC 1662's HDLC-like framing on the line.
+// The PPP engine's framing: RFC 1662's HDLC-like framing on the line. (The
+// FCS of RFC 1662's example, 3b 9d for 01 02 03, ends the encoder's rows.)
 #include "ppp/ppp.h"
 
 #include <gtest/gtest.h>
@@ -6,13 +7,6 @@
 namespace {
 
 using ppp::Bytes;
-
-TEST(Fcs, RfcExampleAndResidue) {
-    const Bytes content = {1, 2, 3};
-    EXPECT_EQ(ppp::WithFcs(content), (Bytes{1, 2, 3, 0x3b, 0x9d}));
-    Bytes whole = ppp::WithFcs({0xff, 0x03, 0xc0, 0x21, 0x7e});
-    EXPECT_EQ(ppp::Fcs16(whole.data(), whole.size()), ppp::kGoodFcs);
-}
 
 struct EncodeCase {
     const char* name;
