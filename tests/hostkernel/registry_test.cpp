@@ -31,12 +31,6 @@ class RegistryTest : public KernelTest {
                                ULONG(buffer.size()), result);
     }
 
-    NTSTATUS Set(HANDLE key, const char16_t* value, ULONG type, const void* data, ULONG size) {
-        UNICODE_STRING name;
-        RtlInitUnicodeString(&name, value);
-        return ZwSetValueKey(key, &name, 0, type, const_cast<void*>(data), size);
-    }
-
     // Creates the service key when it is missing.
     HANDLE OpenService() {
         reg().CreateKey(kService);

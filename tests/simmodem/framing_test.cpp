@@ -36,12 +36,6 @@ class ModemOnBus : public BusTest {
         pdo_ = bus_->Pdo(port_);
         ASSERT_EQ(Select(0), STATUS_SUCCESS);
     }
-    BusRequest* Vendor(uint8_t request, bool in = false) {
-        BusRequest* r =
-            ClassOrVendor(URB_FUNCTION_VENDOR_INTERFACE, in, request, 0, 0, {}, in ? 256 : 0);
-        EXPECT_TRUE(Wait(r));
-        return r;
-    }
     void Write(const Bytes& bytes) { ASSERT_TRUE(Wait(Transfer(0x01, false, bytes))); }
     Bytes Read(uint8_t endpoint = 0x81, ULONG length = 256) {
         BusRequest* in = Transfer(endpoint, true, {}, length);
@@ -69,7 +63,8 @@ class FramingTest : public ModemOnBus, public ::testing::WithParamInterface<Fram
 TEST_P(FramingTest, HostStreamIsParsedIntoCheckedFrames) {
     const FramingCase& row = GetParam();
     PlugModem(sm::Modem::DataMode::kTest);
-    Vendor(sm::kStartFraming);
+    ASSERT_TRUE(
+        Wait(ClassOrVendor(URB_FUNCTION_VENDOR_INTERFACE, false, sm::kStartFraming, 0, 0, {})));
     size_t from = 0;
     for (size_t cut : row.cuts) {
         Write(Bytes(row.stream.begin() + long(from), row.stream.begin() + long(cut)));
