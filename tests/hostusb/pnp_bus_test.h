@@ -1,9 +1,10 @@
 // The simulated bus under the emulated PnP manager, with a small function
 // driver of the test's own: SetUp installs the driver's INF and a driver
 // object that attaches to each PDO and passes every PnP request down (after
-// noting its minor function, and failing the one a test names), whose
-// other routines the test's Install fills; PlugSettled and UnplugSettled
-// let enumeration, start and removal run; TearDown unplugs what is left.
+// noting its minor function, and failing the one a test names) and
+// completes opens and closes; a test's Install may fill other routines.
+// PlugSettled and UnplugSettled let enumeration, start and removal run;
+// TearDown unplugs what is left.
 //
 // Environment: the test body is an application thread at PASSIVE_LEVEL.
 #pragma once
@@ -58,10 +59,17 @@ inline NTSTATUS NTAPI PassDownPnp(PDEVICE_OBJECT fdo, PIRP irp) {
     return status;
 }
 
+// Opens and closes succeed.
+inline NTSTATUS NTAPI CompleteOpenClose(PDEVICE_OBJECT, PIRP irp) {
+    irp->IoStatus.Status = STATUS_SUCCESS;
+    IoCompleteRequest(irp, IO_NO_INCREMENT);
+    return STATUS_SUCCESS;
+}
+
 class PnpBusTest : public BusTest {
   protected:
     // Fills the driver object's other dispatch routines.
-    virtual void Install(PDRIVER_OBJECT driver) = 0;
+    virtual void Install(PDRIVER_OBJECT) {}
 
     void SetUp() override {
         BusTest::SetUp();
@@ -69,6 +77,8 @@ class PnpBusTest : public BusTest {
         driver_ = std::make_unique<hk::Driver>(u"\\Driver\\cdcacm");
         driver_->Object()->DriverExtension->AddDevice = PassDownAddDevice;
         driver_->Object()->MajorFunction[IRP_MJ_PNP] = PassDownPnp;
+        for (UCHAR major : {IRP_MJ_CREATE, IRP_MJ_CLEANUP, IRP_MJ_CLOSE})
+            driver_->Object()->MajorFunction[major] = CompleteOpenClose;
         Install(driver_->Object());
         std::string error;
         ASSERT_TRUE(pnp().LoadInf(CDCACM_INF, &error)) << error;

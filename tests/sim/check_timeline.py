@@ -20,7 +20,7 @@ import sys
 
 
 def check(trace):
-    """Returns (errors, bindings, counts)."""
+    """Returns (errors, bindings)."""
     errors = []
     if not isinstance(trace, dict) or not isinstance(trace.get("traceEvents"), list):
         return ["not the object form with a traceEvents list"], [], {}
@@ -35,7 +35,6 @@ def check(trace):
     last_ts = {}
     asyncs = {}  # id: (name, ts)
     flows = {}  # id: {"s": (cat, ts, span), "f": ...}
-    counts = collections.Counter()
     for index, e in enumerate(events):
         ph = e.get("ph")
         if ph == "M":
@@ -55,19 +54,15 @@ def check(trace):
         stack = stacks[track]
         if ph == "B":
             stack.append(e["name"])
-            counts["span " + e.get("cat", "")] += 1
         elif ph == "E":
             if not stack:
                 errors.append(where + ": E with no open span on its track")
             else:
                 stack.pop()
-        elif ph == "i":
-            counts["instant " + e.get("cat", "")] += 1
         elif ph == "b":
             if e.get("id") in asyncs:
                 errors.append(where + ": async id %s begun twice" % e.get("id"))
             asyncs[e.get("id")] = (e.get("name"), ts)
-            counts["async " + e.get("cat", "")] += 1
         elif ph == "e":
             begun = asyncs.pop(e.get("id"), None)
             if begun is None:
@@ -83,9 +78,7 @@ def check(trace):
             end[ph] = (e.get("cat"), ts, stack[-1] if stack else None)
             if ph == "f" and e.get("bp") != "e":
                 errors.append(where + ": flow end not bound to its enclosing span (bp)")
-            if ph == "s":
-                counts["flow " + e.get("cat", "")] += 1
-        else:
+        elif ph != "i":
             errors.append(where + ": unexpected phase")
     for track, stack in stacks.items():
         if stack:
@@ -101,7 +94,7 @@ def check(trace):
         if scat != fcat or fts < sts:
             errors.append("flow %s: end %r does not follow its start %r" % (id_, ends["f"], ends["s"]))
         bindings.append((scat, sspan, fspan))
-    return errors, bindings, counts
+    return errors, bindings
 
 
 def expectations(trace, bindings, expects, flow_expects):
@@ -131,10 +124,8 @@ def main():
     except (OSError, ValueError) as error:
         print("%s: %s" % (args.file, error))
         return 1
-    errors, bindings, counts = check(trace)
+    errors, bindings = check(trace)
     errors += expectations(trace, bindings, args.expect, args.flow)
-    for kind, count in sorted(counts.items()):
-        print("%6d %s" % (count, kind))
     for error in errors[:20]:
         print("error: " + error)
     return 1 if errors else 0
