@@ -1,9 +1,9 @@
 // The simulated modem as a host meets it on the bus: the modem packets of
 // the PPP framing mode from the host and how pushes are paced into bulk-in
 // transfers. (Its notifications, the stalled special-character request,
-// loopback and the numbering of both directions restarted at each start of
-// framing are the driver's transport and PPP switch tests and the second
-// session of the dial_ppp scenario.)
+// loopback and the device's numbering restarted at each start of framing
+// are the driver's transport and PPP switch tests and the second session of
+// the dial_ppp scenario.)
 #include "bus_client.h"
 
 namespace {
@@ -36,6 +36,9 @@ class ModemOnBus : public BusTest {
         pdo_ = bus_->Pdo(port_);
         ASSERT_EQ(Select(0), STATUS_SUCCESS);
     }
+    void Vendor(uint8_t request) {
+        ASSERT_TRUE(Wait(ClassOrVendor(URB_FUNCTION_VENDOR_INTERFACE, false, request, 0, 0, {})));
+    }
     void Write(const Bytes& bytes) { ASSERT_TRUE(Wait(Transfer(0x01, false, bytes))); }
     Bytes Read(uint8_t endpoint = 0x81, ULONG length = 256) {
         BusRequest* in = Transfer(endpoint, true, {}, length);
@@ -63,8 +66,7 @@ class FramingTest : public ModemOnBus, public ::testing::WithParamInterface<Fram
 TEST_P(FramingTest, HostStreamIsParsedIntoCheckedFrames) {
     const FramingCase& row = GetParam();
     PlugModem(sm::Modem::DataMode::kTest);
-    ASSERT_TRUE(
-        Wait(ClassOrVendor(URB_FUNCTION_VENDOR_INTERFACE, false, sm::kStartFraming, 0, 0, {})));
+    Vendor(sm::kStartFraming);
     size_t from = 0;
     for (size_t cut : row.cuts) {
         Write(Bytes(row.stream.begin() + long(from), row.stream.begin() + long(cut)));
@@ -91,6 +93,20 @@ INSTANTIATE_TEST_SUITE_P(
         Case("BadFcsIsKept", Packet(0, kBadFcs) + Packet(1, kFrameB), {}, {kBadFcs, kFrameB}, 0, 0,
              1)),
     [](const auto& info) { return std::string(info.param.name); });
+
+// Each start of framing numbers the host's packets from 0 again. (A modem
+// that did not would drop the first packet of a second session and follow
+// the host's numbering: PPP recovers, so no dial shows it.)
+TEST_F(ModemOnBus, EachStartOfFramingRestartsTheHostsNumbering) {
+    PlugModem(sm::Modem::DataMode::kTest);
+    for (int start = 0; start < 2; ++start) {
+        Vendor(sm::kStartFraming);
+        Write(kA);
+        Vendor(sm::kStopFraming);
+    }
+    EXPECT_EQ(modem_->TakeFrames(), (Frames{kFrameA, kFrameA}));
+    EXPECT_EQ(modem_->BadSequence(), 0u);
+}
 
 struct PacingCase {
     const char* name;
