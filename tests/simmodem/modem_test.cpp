@@ -220,15 +220,14 @@ INSTANTIATE_TEST_SUITE_P(
 INSTANTIATE_TEST_SUITE_P(
     Escape, AtTest,
     ::testing::Values(
-        At("EscapeThenHangUp", NoPpp,
+        At("EscapeThenADialIsAnErrorAndATHHangsUp", NoPpp,
            Connected({{3000, "+++", ""},
                       {3999, "", ""},
                       {4000, "", kOk},
+                      {4000, "ATD1\r", kError},
                       {4000, "ATH\r", kNoCarrier},
                       {4000, "AT\r", kOk}}),
            "+++", {"S3", "S0"}),
-        At("DialWhileConnectedIsError", NoPpp,
-           Connected({{3000, "+++", ""}, {4000, "ATD1\r", kOk + kError}}), "+++"),
         At("PlusesAGuardTimeApart", NoPpp,
            Connected({{3000, "+", ""}, {4000, "+", ""}, {5000, "+", ""}, {6000, "", kOk}}), "+++"),
         At("PlusesTooFarApart", NoPpp,
