@@ -31,12 +31,6 @@ class RegistryTest : public KernelTest {
                                ULONG(buffer.size()), result);
     }
 
-    NTSTATUS Set(HANDLE key, const char16_t* value, ULONG type, const void* data, ULONG size) {
-        UNICODE_STRING name;
-        RtlInitUnicodeString(&name, value);
-        return ZwSetValueKey(key, &name, 0, type, const_cast<void*>(data), size);
-    }
-
     // Creates the service key when it is missing.
     HANDLE OpenService() {
         reg().CreateKey(kService);
@@ -95,34 +89,25 @@ TEST_F(RegistryTest, PartialInformationFollowsTheKernelSizeRules) {
     ZwClose(key);
 }
 
-// The Rtl calls write through the device map, creating the last key of the
-// path only (regression: they made every missing one), or through a handle
-// they leave open.
-TEST_F(RegistryTest, RtlWritesThroughTheDeviceMapAndThroughAHandle) {
+// Through the device map the Rtl calls create the last key of the path
+// only (regression: they made every missing one), and a value deleted
+// twice is not found the second time. (A write and its delete, and writes
+// through a handle the driver closes itself, are the driver's lifecycle
+// tests'.)
+TEST_F(RegistryTest, RtlCreatesOnlyTheLastKeyOfAPathAndDeletesOnce) {
     const char16_t port[] = u"COM5";
     const std::string map(hk::Registry::kDeviceMapPath);
-    EXPECT_EQ(RtlWriteRegistryValue(RTL_REGISTRY_DEVICEMAP, u"SERIALCOMM", u"\\Device\\modem0",
-                                    REG_SZ, (PVOID)port, sizeof(port)),
-              STATUS_SUCCESS);
-    EXPECT_EQ(reg().GetString(map + "\\SERIALCOMM", "\\Device\\modem0"), "COM5");
-    EXPECT_EQ(RtlDeleteRegistryValue(RTL_REGISTRY_DEVICEMAP, u"SERIALCOMM", u"\\Device\\modem0"),
-              STATUS_SUCCESS);
-    EXPECT_FALSE(reg().GetValue(map + "\\SERIALCOMM", "\\Device\\modem0").has_value());
-    EXPECT_EQ(RtlDeleteRegistryValue(RTL_REGISTRY_DEVICEMAP, u"SERIALCOMM", u"\\Device\\modem0"),
-              STATUS_OBJECT_NAME_NOT_FOUND);
     EXPECT_EQ(RtlWriteRegistryValue(RTL_REGISTRY_DEVICEMAP, u"NoSuchKey\\Leaf", u"V", REG_SZ,
                                     (PVOID)port, sizeof(port)),
               STATUS_OBJECT_NAME_NOT_FOUND);
     EXPECT_FALSE(reg().KeyExists(map + "\\NoSuchKey"));
-
-    HANDLE key = OpenService();
-    ULONG three = 3;
-    EXPECT_EQ(RtlWriteRegistryValue(RTL_REGISTRY_HANDLE, (PCWSTR)key, u"UsbConfig", REG_DWORD,
-                                    &three, sizeof(three)),
+    EXPECT_EQ(RtlWriteRegistryValue(RTL_REGISTRY_DEVICEMAP, u"SERIALCOMM", u"\\Device\\modem0",
+                                    REG_SZ, (PVOID)port, sizeof(port)),
               STATUS_SUCCESS);
-    EXPECT_EQ(reg().GetDword(kService, "UsbConfig"), 3u);
-    EXPECT_EQ(reg().OpenHandles(), 1u) << "a write through a handle leaves it open";
-    ZwClose(key);
+    for (NTSTATUS status : {STATUS_SUCCESS, STATUS_OBJECT_NAME_NOT_FOUND})
+        EXPECT_EQ(
+            RtlDeleteRegistryValue(RTL_REGISTRY_DEVICEMAP, u"SERIALCOMM", u"\\Device\\modem0"),
+            status);
 }
 
 TEST_F(RegistryTest, TextFormKeepsEveryTypeAcrossSaveAndLoad) {

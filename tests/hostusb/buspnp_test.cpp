@@ -52,9 +52,15 @@ struct IdCase {
     sm::Profile (*profile)(hu::Speed);
     size_t function;
     BUS_QUERY_ID_TYPE type;
-    NTSTATUS status;
     std::vector<std::string> strings;
+    NTSTATUS status;
 };
+
+IdCase Id(const char* name, sm::Profile (*profile)(hu::Speed), size_t function,
+          BUS_QUERY_ID_TYPE type, std::vector<std::string> strings,
+          NTSTATUS status = STATUS_SUCCESS) {
+    return {name, profile, function, type, strings, status};
+}
 
 class BusIdTest : public BusPnpTest, public ::testing::WithParamInterface<IdCase> {};
 
@@ -67,56 +73,24 @@ TEST_P(BusIdTest, AnswersAsAUsbBusDriver) {
 
 const std::vector<std::string> kCompatible = {"USB\\Class_02&SubClass_02&Prot_01",
                                               "USB\\Class_02&SubClass_02", "USB\\Class_02"};
+const auto kOrdinary = sm::OrdinaryModem, kNoSerial = sm::NoSerialNumber,
+           kComposite = sm::CompositeTwoAcm;
 
 INSTANTIATE_TEST_SUITE_P(
     Ids, BusIdTest,
-    ::testing::Values(IdCase{"Device",
-                             sm::OrdinaryModem,
-                             0,
-                             BusQueryDeviceID,
-                             STATUS_SUCCESS,
-                             {"USB\\VID_FFF0&PID_0001"}},
-                      IdCase{"Hardware",
-                             sm::OrdinaryModem,
-                             0,
-                             BusQueryHardwareIDs,
-                             STATUS_SUCCESS,
-                             {"USB\\VID_FFF0&PID_0001&REV_0100", "USB\\VID_FFF0&PID_0001"}},
-                      IdCase{"Compatible", sm::OrdinaryModem, 0, BusQueryCompatibleIDs,
-                             STATUS_SUCCESS, kCompatible},
-                      IdCase{"InstanceIsTheSerial",
-                             sm::OrdinaryModem,
-                             0,
-                             BusQueryInstanceID,
-                             STATUS_SUCCESS,
-                             {"KM0000001"}},
-                      IdCase{"InstanceWithoutSerialIsThePorts",
-                             sm::NoSerialNumber,
-                             0,
-                             BusQueryInstanceID,
-                             STATUS_SUCCESS,
-                             {"1&0&1"}},
-                      IdCase{"NoSerialKeepsTheStatus",
-                             sm::NoSerialNumber,
-                             0,
-                             BusQueryDeviceSerialNumber,
-                             STATUS_NOT_SUPPORTED,
-                             {}},
-                      IdCase{"CompositeDevice",
-                             sm::CompositeTwoAcm,
-                             1,
-                             BusQueryDeviceID,
-                             STATUS_SUCCESS,
-                             {"USB\\VID_FFF0&PID_0001&MI_02"}},
-                      IdCase{"CompositeHardware",
-                             sm::CompositeTwoAcm,
-                             1,
-                             BusQueryHardwareIDs,
-                             STATUS_SUCCESS,
-                             {"USB\\VID_FFF0&PID_0001&REV_0100&MI_02",
-                              "USB\\VID_FFF0&PID_0001&MI_02"}},
-                      IdCase{"CompositeCompatible", sm::CompositeTwoAcm, 1, BusQueryCompatibleIDs,
-                             STATUS_SUCCESS, kCompatible}),
+    ::testing::Values(
+        Id("Device", kOrdinary, 0, BusQueryDeviceID, {"USB\\VID_FFF0&PID_0001"}),
+        Id("Hardware", kOrdinary, 0, BusQueryHardwareIDs,
+           {"USB\\VID_FFF0&PID_0001&REV_0100", "USB\\VID_FFF0&PID_0001"}),
+        Id("Compatible", kOrdinary, 0, BusQueryCompatibleIDs, kCompatible),
+        Id("InstanceIsTheSerial", kOrdinary, 0, BusQueryInstanceID, {"KM0000001"}),
+        Id("InstanceWithoutSerialIsThePorts", kNoSerial, 0, BusQueryInstanceID, {"1&0&1"}),
+        Id("NoSerialKeepsTheStatus", kNoSerial, 0, BusQueryDeviceSerialNumber, {},
+           STATUS_NOT_SUPPORTED),
+        Id("CompositeDevice", kComposite, 1, BusQueryDeviceID, {"USB\\VID_FFF0&PID_0001&MI_02"}),
+        Id("CompositeHardware", kComposite, 1, BusQueryHardwareIDs,
+           {"USB\\VID_FFF0&PID_0001&REV_0100&MI_02", "USB\\VID_FFF0&PID_0001&MI_02"}),
+        Id("CompositeCompatible", kComposite, 1, BusQueryCompatibleIDs, kCompatible)),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(BusPnpTest, CapabilitiesAreAUsbDevicesWithAUniqueIdOnlyWithASerialNumber) {

@@ -14,69 +14,7 @@ namespace {
 
 const char* const kOrdinary = "USB\\VID_FFF0&PID_0001\\KM0000001";
 
-// What the fake driver saw, and the requests it fails.
-struct FakeDriverState {
-    std::vector<UCHAR> minors;
-    UCHAR veto = 0xFF;
-};
-FakeDriverState* g_fake = nullptr;
-
-struct FakeExtension {
-    PDEVICE_OBJECT lower;
-};
-
-NTSTATUS NTAPI FakeAddDevice(PDRIVER_OBJECT driver, PDEVICE_OBJECT pdo) {
-    PDEVICE_OBJECT fdo;
-    NTSTATUS status =
-        IoCreateDevice(driver, sizeof(FakeExtension), nullptr, FILE_DEVICE_MODEM, 0, FALSE, &fdo);
-    if (!NT_SUCCESS(status))
-        return status;
-    static_cast<FakeExtension*>(fdo->DeviceExtension)->lower =
-        IoAttachDeviceToDeviceStack(fdo, pdo);
-    fdo->Flags &= ~DO_DEVICE_INITIALIZING;
-    return STATUS_SUCCESS;
-}
-
-NTSTATUS NTAPI FakePnp(PDEVICE_OBJECT fdo, PIRP irp) {
-    UCHAR minor = IoGetCurrentIrpStackLocation(irp)->MinorFunction;
-    g_fake->minors.push_back(minor);
-    if (minor == g_fake->veto) {
-        irp->IoStatus.Status = STATUS_UNSUCCESSFUL;
-        IoCompleteRequest(irp, IO_NO_INCREMENT);
-        return STATUS_UNSUCCESSFUL;
-    }
-    PDEVICE_OBJECT lower = static_cast<FakeExtension*>(fdo->DeviceExtension)->lower;
-    IoSkipCurrentIrpStackLocation(irp);
-    NTSTATUS status = IoCallDriver(lower, irp);
-    if (minor == IRP_MN_REMOVE_DEVICE) {
-        IoDetachDevice(lower);
-        IoDeleteDevice(fdo);
-    }
-    return status;
-}
-
-NTSTATUS NTAPI FakeOpenClose(PDEVICE_OBJECT, PIRP irp) {
-    irp->IoStatus.Status = STATUS_SUCCESS;
-    IoCompleteRequest(irp, IO_NO_INCREMENT);
-    return STATUS_SUCCESS;
-}
-
-class PnpManagerTest : public PnpBusTest {
-  protected:
-    void Install(PDRIVER_OBJECT driver) override {
-        g_fake = &fake_;
-        driver->DriverExtension->AddDevice = FakeAddDevice;
-        driver->MajorFunction[IRP_MJ_PNP] = FakePnp;
-        for (UCHAR major : {IRP_MJ_CREATE, IRP_MJ_CLEANUP, IRP_MJ_CLOSE})
-            driver->MajorFunction[major] = FakeOpenClose;
-    }
-    void TearDown() override {
-        PnpBusTest::TearDown();
-        g_fake = nullptr;
-    }
-
-    FakeDriverState fake_;
-};
+using PnpManagerTest = PnpBusTest;
 
 struct VetoCase {
     const char* name;
@@ -87,53 +25,41 @@ struct VetoCase {
     hk::PnpState state;
 };
 
+VetoCase Veto(const char* name, bool eject, UCHAR veto, bool done, std::vector<UCHAR> after_start,
+              hk::PnpState state) {
+    return {name, eject, veto, done, after_start, state};
+}
+
 class PnpVetoTest : public PnpManagerTest, public ::testing::WithParamInterface<VetoCase> {};
 
 TEST_P(PnpVetoTest, SendsTheQueryThenTheActionOrItsCancel) {
     int port = PlugSettled(sm::OrdinaryModem());
-    fake_.veto = GetParam().veto;
-    fake_.minors.clear();
+    g_pass_down.veto = GetParam().veto;
+    g_pass_down.minors.clear();
     bool done = GetParam().eject ? pnp().Eject(kOrdinary) : pnp().Rebalance(kOrdinary);
     pnp().Settle();
     EXPECT_EQ(done, GetParam().done);
-    EXPECT_EQ(fake_.minors, GetParam().after_start);
+    EXPECT_EQ(g_pass_down.minors, GetParam().after_start);
     EXPECT_EQ(pnp().Device(kOrdinary)->state, GetParam().state);
     EXPECT_TRUE(hk::DeviceExists(bus_->Pdo(port))) << "a PDO still present stays";
 }
 
+constexpr UCHAR kNone = 0xFF, kQueryRemove = IRP_MN_QUERY_REMOVE_DEVICE,
+                kQueryStop = IRP_MN_QUERY_STOP_DEVICE, kStop = IRP_MN_STOP_DEVICE,
+                kStart = IRP_MN_START_DEVICE;
+
 INSTANTIATE_TEST_SUITE_P(
     Actions, PnpVetoTest,
-    ::testing::Values(VetoCase{"Eject",
-                               true,
-                               0xFF,
-                               true,
-                               {IRP_MN_QUERY_REMOVE_DEVICE, IRP_MN_REMOVE_DEVICE},
-                               hk::PnpState::kRemoved},
-                      VetoCase{"EjectVetoed",
-                               true,
-                               IRP_MN_QUERY_REMOVE_DEVICE,
-                               false,
-                               {IRP_MN_QUERY_REMOVE_DEVICE, IRP_MN_CANCEL_REMOVE_DEVICE},
-                               hk::PnpState::kStarted},
-                      VetoCase{"Rebalance",
-                               false,
-                               0xFF,
-                               true,
-                               {IRP_MN_QUERY_STOP_DEVICE, IRP_MN_STOP_DEVICE, IRP_MN_START_DEVICE},
-                               hk::PnpState::kStarted},
-                      VetoCase{"RebalanceVetoed",
-                               false,
-                               IRP_MN_QUERY_STOP_DEVICE,
-                               false,
-                               {IRP_MN_QUERY_STOP_DEVICE, IRP_MN_CANCEL_STOP_DEVICE},
-                               hk::PnpState::kStarted},
-                      VetoCase{"FailedRestart",
-                               false,
-                               IRP_MN_START_DEVICE,
-                               true,
-                               {IRP_MN_QUERY_STOP_DEVICE, IRP_MN_STOP_DEVICE, IRP_MN_START_DEVICE,
-                                IRP_MN_REMOVE_DEVICE},
-                               hk::PnpState::kStartFailed}),
+    ::testing::Values(
+        Veto("Eject", true, kNone, true, {kQueryRemove, IRP_MN_REMOVE_DEVICE},
+             hk::PnpState::kRemoved),
+        Veto("EjectVetoed", true, kQueryRemove, false, {kQueryRemove, IRP_MN_CANCEL_REMOVE_DEVICE},
+             hk::PnpState::kStarted),
+        Veto("Rebalance", false, kNone, true, {kQueryStop, kStop, kStart}, hk::PnpState::kStarted),
+        Veto("RebalanceVetoed", false, kQueryStop, false, {kQueryStop, IRP_MN_CANCEL_STOP_DEVICE},
+             hk::PnpState::kStarted),
+        Veto("FailedRestart", false, kStart, true,
+             {kQueryStop, kStop, kStart, IRP_MN_REMOVE_DEVICE}, hk::PnpState::kStartFailed)),
     [](const auto& info) { return std::string(info.param.name); });
 
 } // namespace

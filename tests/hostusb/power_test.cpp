@@ -18,15 +18,8 @@ constexpr ULONG kIrpTag = 0x20707249; // 'Irp ', the I/O manager's IRPs
 
 enum class Misstep { kNone, kVetoQuery, kAnswerQuery, kNoStartNext, kIoCallDriver };
 
-// What the policy owner saw, and how it misbehaves.
-struct OwnerState {
-    Misstep misstep = Misstep::kNone;
-};
-OwnerState* g_owner = nullptr;
-
-struct OwnerExtension {
-    PDEVICE_OBJECT lower;
-};
+// How the policy owner misbehaves.
+Misstep g_misstep = Misstep::kNone;
 
 // A requested power IRP's completion function, and what it was told.
 struct Requested {
@@ -60,31 +53,6 @@ NTSTATUS Request(PDEVICE_OBJECT target, UCHAR minor, ULONG state, Requested* r,
     return PoRequestPowerIrp(target, minor, power, Record, r, irp);
 }
 
-NTSTATUS NTAPI OwnerAddDevice(PDRIVER_OBJECT driver, PDEVICE_OBJECT pdo) {
-    PDEVICE_OBJECT fdo;
-    NTSTATUS status =
-        IoCreateDevice(driver, sizeof(OwnerExtension), nullptr, FILE_DEVICE_MODEM, 0, FALSE, &fdo);
-    if (!NT_SUCCESS(status))
-        return status;
-    static_cast<OwnerExtension*>(fdo->DeviceExtension)->lower =
-        IoAttachDeviceToDeviceStack(fdo, pdo);
-    fdo->Flags |= DO_POWER_PAGABLE;
-    fdo->Flags &= ~DO_DEVICE_INITIALIZING;
-    return STATUS_SUCCESS;
-}
-
-NTSTATUS NTAPI OwnerPnp(PDEVICE_OBJECT fdo, PIRP irp) {
-    UCHAR minor = IoGetCurrentIrpStackLocation(irp)->MinorFunction;
-    PDEVICE_OBJECT lower = static_cast<OwnerExtension*>(fdo->DeviceExtension)->lower;
-    IoSkipCurrentIrpStackLocation(irp);
-    NTSTATUS status = IoCallDriver(lower, irp);
-    if (minor == IRP_MN_REMOVE_DEVICE) {
-        IoDetachDevice(lower);
-        IoDeleteDevice(fdo);
-    }
-    return status;
-}
-
 // The device's power policy owner: a system set-power becomes a device
 // set-power (D2 to sleep, D3 below, D0 to work), requested and waited for
 // before the system IRP goes on.
@@ -93,9 +61,9 @@ NTSTATUS NTAPI OwnerPower(PDEVICE_OBJECT fdo, PIRP irp) {
     bool system = stack->MinorFunction != IRP_MN_WAIT_WAKE &&
                   stack->Parameters.Power.Type == SystemPowerState;
     // Refused, or answered here without PoStartNextPowerIrp.
-    bool veto = g_owner->misstep == Misstep::kVetoQuery;
+    bool veto = g_misstep == Misstep::kVetoQuery;
     if (system && stack->MinorFunction == IRP_MN_QUERY_POWER &&
-        (veto || g_owner->misstep == Misstep::kAnswerQuery)) {
+        (veto || g_misstep == Misstep::kAnswerQuery)) {
         if (veto)
             PoStartNextPowerIrp(irp);
         irp->IoStatus.Status = veto ? STATUS_UNSUCCESSFUL : STATUS_SUCCESS;
@@ -112,12 +80,12 @@ NTSTATUS NTAPI OwnerPower(PDEVICE_OBJECT fdo, PIRP irp) {
                 &device);
         KeWaitForSingleObject(&device.done, Executive, KernelMode, FALSE, nullptr);
     }
-    if (g_owner->misstep != Misstep::kNoStartNext)
+    if (g_misstep != Misstep::kNoStartNext)
         PoStartNextPowerIrp(irp);
-    PDEVICE_OBJECT lower = static_cast<OwnerExtension*>(fdo->DeviceExtension)->lower;
+    PDEVICE_OBJECT lower = LowerOf(fdo);
     IoSkipCurrentIrpStackLocation(irp);
-    return g_owner->misstep == Misstep::kIoCallDriver ? IoCallDriver(lower, irp)
-                                                      : PoCallDriver(lower, irp);
+    return g_misstep == Misstep::kIoCallDriver ? IoCallDriver(lower, irp)
+                                               : PoCallDriver(lower, irp);
 }
 
 // A modem whose only configuration may wake the host.
@@ -130,23 +98,15 @@ sm::Profile WakingModem() {
 class PowerManagerTest : public PnpBusTest {
   protected:
     void Install(PDRIVER_OBJECT driver) override {
-        g_owner = &owner_;
-        driver->DriverExtension->AddDevice = OwnerAddDevice;
-        driver->MajorFunction[IRP_MJ_PNP] = OwnerPnp;
+        g_misstep = Misstep::kNone;
         driver->MajorFunction[IRP_MJ_POWER] = OwnerPower;
     }
-    void TearDown() override {
-        PnpBusTest::TearDown();
-        g_owner = nullptr;
-    }
     hk::PowerManager& power() { return kernel().power(); }
-
-    OwnerState owner_;
 };
 
 TEST_F(PowerManagerTest, ARefusedQueryReaffirmsTheWorkingStateToTheStacksAsked) {
     int port = PlugSettled(sm::CompositeTwoAcm());
-    owner_.misstep = Misstep::kVetoQuery;
+    g_misstep = Misstep::kVetoQuery;
     EXPECT_FALSE(power().Sleep(PowerSystemSleeping3));
     EXPECT_EQ(power().State(), PowerSystemWorking);
     std::vector<std::pair<UCHAR, SYSTEM_POWER_STATE>> sent;
@@ -169,7 +129,7 @@ TEST_F(PowerManagerTest, ARefusedQueryReaffirmsTheWorkingStateToTheStacksAsked) 
 // wait-wake IRP needs no PoStartNextPowerIrp.
 TEST_F(PowerManagerTest, EachPowerIrpPassedOnWronglyIsReported) {
     int port = PlugSettled(WakingModem());
-    owner_.misstep = Misstep::kNoStartNext;
+    g_misstep = Misstep::kNoStartNext;
     Requested wake;
     PIRP irp = nullptr;
     ASSERT_EQ(Request(bus_->Pdo(port), IRP_MN_WAIT_WAKE, PowerSystemSleeping3, &wake, &irp),
@@ -182,11 +142,11 @@ TEST_F(PowerManagerTest, EachPowerIrpPassedOnWronglyIsReported) {
                  {Misstep::kAnswerQuery, hk::rule::kPowerIrpNotStarted, 1},
                  {Misstep::kIoCallDriver, hk::rule::kPowerIrpIoCallDriver, 3}};
     for (const auto& c : cases) {
-        owner_.misstep = c.misstep;
+        g_misstep = c.misstep;
         hk::ExpectViolation expect(c.rule);
         power().Sleep(PowerSystemSleeping3);
         EXPECT_EQ(expect.Count(), c.count) << c.rule;
-        owner_.misstep = Misstep::kNone;
+        g_misstep = Misstep::kNone;
         power().Wake();
     }
     IoCancelIrp(irp);

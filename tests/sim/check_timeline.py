@@ -7,25 +7,20 @@ with both ends, each end bound to a span open on its track. Then checks the
 kinds of events the caller expects.
 
     check_timeline.py FILE [--expect PHASE:REGEX]... [--flow CAT:FROM:TO]...
-                           [--mutants]
 
 --expect asks for at least one event of that phase whose name matches;
 --flow for a flow of that category whose start lies in a span named FROM
-and whose end lies in a span named TO (regexes); --mutants checks instead
-that the checks fail on copies broken in small ways (one E dropped, a flow
-ended with another's id, a span ended on another track, a timestamp sent
-back). Prints the count per kind.
+and whose end lies in a span named TO (regexes).
 """
 import argparse
 import collections
-import copy
 import json
 import re
 import sys
 
 
 def check(trace):
-    """Returns (errors, bindings, counts)."""
+    """Returns (errors, bindings)."""
     errors = []
     if not isinstance(trace, dict) or not isinstance(trace.get("traceEvents"), list):
         return ["not the object form with a traceEvents list"], [], {}
@@ -40,7 +35,6 @@ def check(trace):
     last_ts = {}
     asyncs = {}  # id: (name, ts)
     flows = {}  # id: {"s": (cat, ts, span), "f": ...}
-    counts = collections.Counter()
     for index, e in enumerate(events):
         ph = e.get("ph")
         if ph == "M":
@@ -60,19 +54,15 @@ def check(trace):
         stack = stacks[track]
         if ph == "B":
             stack.append(e["name"])
-            counts["span " + e.get("cat", "")] += 1
         elif ph == "E":
             if not stack:
                 errors.append(where + ": E with no open span on its track")
             else:
                 stack.pop()
-        elif ph == "i":
-            counts["instant " + e.get("cat", "")] += 1
         elif ph == "b":
             if e.get("id") in asyncs:
                 errors.append(where + ": async id %s begun twice" % e.get("id"))
             asyncs[e.get("id")] = (e.get("name"), ts)
-            counts["async " + e.get("cat", "")] += 1
         elif ph == "e":
             begun = asyncs.pop(e.get("id"), None)
             if begun is None:
@@ -88,9 +78,7 @@ def check(trace):
             end[ph] = (e.get("cat"), ts, stack[-1] if stack else None)
             if ph == "f" and e.get("bp") != "e":
                 errors.append(where + ": flow end not bound to its enclosing span (bp)")
-            if ph == "s":
-                counts["flow " + e.get("cat", "")] += 1
-        else:
+        elif ph != "i":
             errors.append(where + ": unexpected phase")
     for track, stack in stacks.items():
         if stack:
@@ -106,7 +94,7 @@ def check(trace):
         if scat != fcat or fts < sts:
             errors.append("flow %s: end %r does not follow its start %r" % (id_, ends["f"], ends["s"]))
         bindings.append((scat, sspan, fspan))
-    return errors, bindings, counts
+    return errors, bindings
 
 
 def expectations(trace, bindings, expects, flow_expects):
@@ -124,37 +112,11 @@ def expectations(trace, bindings, expects, flow_expects):
     return errors
 
 
-def mutants(trace):
-    """Copies broken in small ways, each with what was done to it."""
-    events = trace["traceEvents"]
-    ends = [i for i, e in enumerate(events) if e.get("ph") == "E"]
-    finishes = [i for i, e in enumerate(events) if e.get("ph") == "f"]
-    broken = []
-    t = copy.deepcopy(trace)
-    del t["traceEvents"][ends[len(ends) // 2]]
-    broken.append(("one E dropped", t))
-    t = copy.deepcopy(trace)
-    a, b = finishes[len(finishes) // 3], finishes[2 * len(finishes) // 3]
-    t["traceEvents"][a]["id"] = events[b]["id"]
-    broken.append(("a flow ended with another flow's id", t))
-    t = copy.deepcopy(trace)
-    tracks = sorted({e["tid"] for e in events if e.get("ph") == "B"})
-    moved = next(i for i in ends if events[i]["tid"] == tracks[0])
-    t["traceEvents"][moved]["tid"] = tracks[-1]
-    broken.append(("an E on another track", t))
-    t = copy.deepcopy(trace)
-    later = next(i for i in ends[len(ends) // 2:] if events[i]["ts"] > events[ends[0]]["ts"])
-    t["traceEvents"][later]["ts"] = 0
-    broken.append(("a timestamp sent back", t))
-    return broken
-
-
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("file")
     parser.add_argument("--expect", action="append", default=[])
     parser.add_argument("--flow", action="append", default=[])
-    parser.add_argument("--mutants", action="store_true")
     args = parser.parse_args()
     try:
         with open(args.file, encoding="utf-8") as f:
@@ -162,16 +124,8 @@ def main():
     except (OSError, ValueError) as error:
         print("%s: %s" % (args.file, error))
         return 1
-    errors, bindings, counts = check(trace)
+    errors, bindings = check(trace)
     errors += expectations(trace, bindings, args.expect, args.flow)
-    if args.mutants and not errors:
-        for what, broken in mutants(trace):
-            if not check(broken)[0]:
-                errors.append("the checks pass a timeline with " + what)
-            else:
-                print("caught: " + what)
-    for kind, count in sorted(counts.items()):
-        print("%6d %s" % (count, kind))
     for error in errors[:20]:
         print("error: " + error)
     return 1 if errors else 0

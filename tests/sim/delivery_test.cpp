@@ -22,35 +22,33 @@ struct DeliveryCase {
     bool passes;
 };
 
+DeliveryCase Row(const char* name, std::vector<std::string> sent_text,
+                 std::vector<std::string> sent_frames,
+                 std::vector<std::pair<std::string, bool>> reads,
+                 std::vector<std::string> accepted_frames, bool passes) {
+    return {name, sent_text, sent_frames, reads, accepted_frames, passes};
+}
+
 TEST(Delivery, TheApplicationMayLoseButNeverInventReorderOrRepeat) {
     const DeliveryCase cases[] = {
-        {"everything, over two modems",
-         {"AT\r\nOK\r\n", "back"},
-         {},
-         {{"AT\r\nOK\r\nback", false}},
-         {},
-         true},
-        {"lost bytes (a purge)", {"abcdef"}, {}, {{"abf", false}}, {}, true},
-        {"a byte repeated", {"abc"}, {}, {{"abbc", false}}, {}, false},
-        {"bytes reordered", {"abc"}, {}, {{"acb", false}}, {}, false},
-        {"a byte altered", {"abc"}, {}, {{"abd", false}}, {}, false},
-        {"a byte from another modem's stream first", {"ab", "cd"}, {}, {{"cab", false}}, {}, false},
-        {"frames are left to the PPP client",
-         {"CONNECT\r\n", "\r\nNO CARRIER\r\n"},
-         {"lcp", "ipcp"},
-         {{"CONNECT\r\n", false}, {"~\x01\x02~junk~", true}, {"\r\nNO CARRIER\r\n", false}},
-         {"lcp", "ipcp"},
-         true},
-        {"a frame's tail read as text still counts as the frame's",
-         {"x"},
-         {"lcp"},
-         {{"~ab", true}, {"cd~x", false}},
-         {"lcp"},
-         true},
-        {"text the client read is not judged", {"OK"}, {}, {{"zz", true}}, {}, true},
-        {"a frame accepted twice", {}, {"lcp"}, {}, {"lcp", "lcp"}, false},
-        {"frames out of order", {}, {"a", "b"}, {}, {"b", "a"}, false},
-        {"a frame lost", {}, {"a", "b", "c"}, {}, {"a", "c"}, true},
+        Row("everything, over two modems", {"AT\r\nOK\r\n", "back"}, {},
+            {{"AT\r\nOK\r\nback", false}}, {}, true),
+        Row("lost bytes (a purge)", {"abcdef"}, {}, {{"abf", false}}, {}, true),
+        Row("a byte repeated", {"abc"}, {}, {{"abbc", false}}, {}, false),
+        Row("bytes reordered", {"abc"}, {}, {{"acb", false}}, {}, false),
+        Row("a byte altered", {"abc"}, {}, {{"abd", false}}, {}, false),
+        Row("a byte from another modem's stream first", {"ab", "cd"}, {}, {{"cab", false}}, {},
+            false),
+        Row("frames are left to the PPP client", {"CONNECT\r\n", "\r\nNO CARRIER\r\n"},
+            {"lcp", "ipcp"},
+            {{"CONNECT\r\n", false}, {"~\x01\x02~junk~", true}, {"\r\nNO CARRIER\r\n", false}},
+            {"lcp", "ipcp"}, true),
+        Row("a frame's tail read as text still counts as the frame's", {"x"}, {"lcp"},
+            {{"~ab", true}, {"cd~x", false}}, {"lcp"}, true),
+        Row("text the client read is not judged", {"OK"}, {}, {{"zz", true}}, {}, true),
+        Row("a frame accepted twice", {}, {"lcp"}, {}, {"lcp", "lcp"}, false),
+        Row("frames out of order", {}, {"a", "b"}, {}, {"b", "a"}, false),
+        Row("a frame lost", {}, {"a", "b", "c"}, {}, {"a", "c"}, true),
     };
     for (const DeliveryCase& c : cases) {
         std::vector<sm::Modem::ToHost> sent;

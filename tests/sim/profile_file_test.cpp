@@ -1,7 +1,8 @@
 // Profile files: each built-in file gives exactly the descriptors and
 // behaviour of its C++ twin at both speeds; descriptor bytes parse back
 // into the tables they came from; the oddities of malformed bytes; values
-// a file gives in its other forms (hex, raw, faults).
+// a file gives in its other forms (hex, raw, faults), and its errors. (The
+// lsusb layout is the sim.modems tests'.)
 #include "descriptors.h"
 #include "profile_file.h"
 
@@ -9,6 +10,21 @@
 
 #include <filesystem>
 #include <string>
+#include <tuple>
+
+namespace sm {
+
+// The tables a configuration's bytes parse back into compare field by field.
+bool operator==(const EndpointTable& a, const EndpointTable& b) {
+    return std::tie(a.address, a.attributes, a.max_packet, a.interval) ==
+           std::tie(b.address, b.attributes, b.max_packet, b.interval);
+}
+bool operator==(const InterfaceTable& a, const InterfaceTable& b) {
+    return std::tie(a.number, a.cls, a.subclass, a.protocol, a.functional, a.endpoints) ==
+           std::tie(b.number, b.cls, b.subclass, b.protocol, b.functional, b.endpoints);
+}
+
+} // namespace sm
 
 namespace {
 
@@ -70,11 +86,9 @@ TEST(BuiltInProfiles, EachFileIsItsCppTwinByteForByte) {
             EXPECT_EQ(got.functions, want.functions);
             const sm::CommandSet& a = got.commands;
             const sm::CommandSet& b = want.commands;
-            EXPECT_EQ(a.identification, b.identification);
-            EXPECT_EQ(a.dial_outcome, b.dial_outcome);
-            EXPECT_EQ(a.dial_ms, b.dial_ms);
-            EXPECT_EQ(a.connect_speed, b.connect_speed);
-            EXPECT_EQ(a.ppp, b.ppp);
+            EXPECT_EQ(
+                std::tie(a.identification, a.dial_outcome, a.dial_ms, a.connect_speed, a.ppp),
+                std::tie(b.identification, b.dial_outcome, b.dial_ms, b.connect_speed, b.ppp));
         }
     }
 }
@@ -91,27 +105,8 @@ TEST(ParseConfiguration, GivesBackTheTablesTheBytesCameFrom) {
             std::vector<uint8_t> bytes = sm::ConfigurationBytes(want);
             sm::ConfigurationTable got = sim::ParseConfiguration(bytes);
             EXPECT_EQ(got.raw, bytes);
-            EXPECT_EQ(sm::ConfigurationBytes(got), bytes);
-            EXPECT_EQ(got.value, want.value);
-            EXPECT_EQ(got.attributes, want.attributes);
-            EXPECT_EQ(got.max_power, want.max_power);
-            ASSERT_EQ(got.interfaces.size(), want.interfaces.size());
-            for (size_t i = 0; i < want.interfaces.size(); ++i) {
-                const sm::InterfaceTable& g = got.interfaces[i];
-                const sm::InterfaceTable& w = want.interfaces[i];
-                EXPECT_EQ(g.number, w.number);
-                EXPECT_EQ(g.cls, w.cls);
-                EXPECT_EQ(g.subclass, w.subclass);
-                EXPECT_EQ(g.protocol, w.protocol);
-                EXPECT_EQ(g.functional, w.functional);
-                ASSERT_EQ(g.endpoints.size(), w.endpoints.size());
-                for (size_t e = 0; e < w.endpoints.size(); ++e) {
-                    EXPECT_EQ(g.endpoints[e].address, w.endpoints[e].address);
-                    EXPECT_EQ(g.endpoints[e].attributes, w.endpoints[e].attributes);
-                    EXPECT_EQ(g.endpoints[e].max_packet, w.endpoints[e].max_packet);
-                    EXPECT_EQ(g.endpoints[e].interval, w.endpoints[e].interval);
-                }
-            }
+            EXPECT_EQ(std::tie(got.value, got.attributes, got.max_power, got.interfaces),
+                      std::tie(want.value, want.attributes, want.max_power, want.interfaces));
             std::vector<std::vector<uint8_t>> functions = sim::FunctionsOf(bytes);
             EXPECT_EQ(functions, profile.functions.size() > 1
                                      ? profile.functions
@@ -131,67 +126,37 @@ std::string Hex(const std::vector<uint8_t>& bytes) {
 }
 
 // The ordinary modem at full speed, given as raw bytes in a file with
-// changes made to them.
+// bytes [from, to) of its configuration replaced; with fix_length,
+// wTotalLength follows the change.
 struct Malformed {
     const char* what;
-    std::vector<uint8_t> (*change)(std::vector<uint8_t> configuration);
+    size_t from, to;
+    std::vector<uint8_t> bytes;
+    bool fix_length;
     std::vector<const char*> oddities; // part of each line expected, in order
 };
 
+Malformed Change(const char* what, size_t from, size_t to, std::vector<uint8_t> bytes,
+                 bool fix_length, std::vector<const char*> oddities) {
+    return {what, from, to, bytes, fix_length, oddities};
+}
+
 const Malformed kMalformed[] = {
-    {"a wTotalLength that lies",
-     [](std::vector<uint8_t> c) {
-         c[2] = 0x50;
-         return c;
-     },
-     {"configuration index 0: wTotalLength says 80 bytes, but it has 67"}},
-    {"a bLength of 0",
-     [](std::vector<uint8_t> c) {
-         c.insert(c.begin() + 9, {0, 0});
-         c[2] += 2;
-         return c;
-     },
-     {"a descriptor of bLength 0 at offset 9 (stepped over as two bytes)"}},
-    {"a bLength past the end",
-     [](std::vector<uint8_t> c) {
-         c[60] = 9; // the last endpoint claims two bytes more than are there
-         return c;
-     },
-     {"the descriptor at offset 60 (type 0x05) has bLength 9, past the end at 67",
-      "interface 1 announces 2 endpoints, but has 1", "no bulk-out endpoint"}},
-    {"an endpoint missing",
-     [](std::vector<uint8_t> c) {
-         c.erase(c.begin() + 60, c.end()); // bulk-out of the data interface
-         c[2] = uint8_t(c.size());
-         return c;
-     },
-     {"interface 1 announces 2 endpoints, but has 1", "no bulk-out endpoint"}},
-    {"no union",
-     [](std::vector<uint8_t> c) {
-         c.erase(c.begin() + 32, c.begin() + 37);
-         c[2] = uint8_t(c.size());
-         return c;
-     },
-     {"communication interface 0 has no CDC union descriptor"}},
-    {"a union naming an interface that is not there",
-     [](std::vector<uint8_t> c) {
-         c[36] = 5;
-         return c;
-     },
-     {"its union names interface 5, which the configuration does not have"}},
-    {"bNumInterfaces wrong",
-     [](std::vector<uint8_t> c) {
-         c[4] = 3;
-         return c;
-     },
-     {"bNumInterfaces says 3, but it has 2"}},
-    {"a lone byte at the end",
-     [](std::vector<uint8_t> c) {
-         c.push_back(7);
-         c[2] = uint8_t(c.size());
-         return c;
-     },
-     {"a lone byte at offset 67 after the last descriptor"}},
+    Change("a wTotalLength that lies", 2, 3, {0x50}, false,
+           {"configuration index 0: wTotalLength says 80 bytes, but it has 67"}),
+    Change("a bLength of 0", 9, 9, {0, 0}, true,
+           {"a descriptor of bLength 0 at offset 9 (stepped over as two bytes)"}),
+    Change("a bLength past the end (the last endpoint's)", 60, 61, {9}, false,
+           {"the descriptor at offset 60 (type 0x05) has bLength 9, past the end at 67",
+            "interface 1 announces 2 endpoints, but has 1", "no bulk-out endpoint"}),
+    Change("the data interface's bulk-out endpoint missing", 60, 67, {}, true,
+           {"interface 1 announces 2 endpoints, but has 1", "no bulk-out endpoint"}),
+    Change("no union", 32, 37, {}, true, {"communication interface 0 has no CDC union descriptor"}),
+    Change("a union naming an interface that is not there", 36, 37, {5}, false,
+           {"its union names interface 5, which the configuration does not have"}),
+    Change("bNumInterfaces wrong", 4, 5, {3}, false, {"bNumInterfaces says 3, but it has 2"}),
+    Change("a lone byte at the end", 67, 67, {7}, true,
+           {"a lone byte at offset 67 after the last descriptor"}),
 };
 
 std::string RawProfile(const std::vector<uint8_t>& device,
@@ -213,7 +178,11 @@ TEST(Oddities, EachMalformationIsReportedAndTheBytesAreSentAsTheyAre) {
     EXPECT_EQ(sim::Oddities(plain.profile->At(hu::Speed::kFull)), std::vector<std::string>{});
     for (const Malformed& m : kMalformed) {
         SCOPED_TRACE(m.what);
-        std::vector<uint8_t> bytes = m.change(clean);
+        std::vector<uint8_t> bytes = clean;
+        bytes.erase(bytes.begin() + long(m.from), bytes.begin() + long(m.to));
+        bytes.insert(bytes.begin() + long(m.from), m.bytes.begin(), m.bytes.end());
+        if (m.fix_length)
+            bytes[2] = uint8_t(bytes.size());
         sim::LoadedProfile loaded =
             sim::LoadProfileText(RawProfile(device, bytes, R"(, "serial": "KM0000001")"), "f");
         ASSERT_TRUE(loaded.profile) << loaded.error;
@@ -311,27 +280,40 @@ TEST(ProfileFile, BehaviourAndFaults) {
     EXPECT_EQ(p.faults[2].knob.delay_ms, 50);
 }
 
-// lsusb's layout: names in 19 columns, values right-aligned in 6.
-TEST(LsusbText, FieldLayout) {
-    std::string text = sim::LsusbText(sm::CompositeTwoAcm(hu::Speed::kHigh));
-    for (const char* line : {
-             "Device Descriptor:\n  bLength                18\n",
-             "  bcdUSB               2.00\n",
-             "  bDeviceClass          239 Miscellaneous Device\n",
-             "  idVendor           0xfff0\n",
-             "  iSerial                 3 KM0000001\n",
-             "  Configuration Descriptor:\n    bLength                 9\n",
-             "    wTotalLength       0x008d\n",
-             "    bmAttributes         0xa0\n      (Bus Powered)\n      Remote Wakeup\n",
-             "    MaxPower              500mA\n",
-             "    Interface Association:\n      bLength                 8\n",
-             "      bInterfaceProtocol      1 AT-commands (v.25ter)\n",
-             "      CDC Union:\n        bMasterInterface        2\n        bSlaveInterface         "
-             "3\n",
-             "        bEndpointAddress     0x84  EP 4 IN\n",
-             "        wMaxPacketSize     0x0200  1x 512 bytes\n        bInterval               0\n",
-         })
-        EXPECT_NE(text.find(line), std::string::npos) << "no\n" << line << "in\n" << text;
+// A bad profile is refused with the file, the JSON path and the problem,
+// one text per kind of error. (That cdcacm-sim refuses it before anything
+// runs is bad_profiles/out_of_range.json's test.)
+TEST(ProfileFile, EachKindOfErrorNamesItsPath) {
+    const std::string kDevice = R"("device": {"manufacturer": "K", "product": "P"}, )";
+    const std::string kConfiguration =
+        R"("configurations": [{"value": 1, "attributes": "0x80", "max_power_ma": 100, )";
+    const struct {
+        std::string text;
+        const char* error;
+    } rows[] = {
+        {R"({"name": "b", )" + kDevice + kConfiguration +
+             R"("interfaces": [{"number": 0, "subclass": 2, "protocol": 1}]}]})",
+         "configurations[0].interfaces[0].class: missing"},
+        {R"({"name": "b", "device": {"manufacturer": 42}})",
+         "device.manufacturer: wrong type: a number, where a string is due"},
+        {R"({"name": "b", )" + kDevice + kConfiguration +
+             R"("interfaces": [{"number": 0, "class": 2, "subclass": 2, "protocol": 1,
+                 "functional": ["05 24 00 10 01", "05 24 01 0g 01"]}]}]})",
+         "configurations[0].interfaces[0].functional[1]: bad hex: 'g' at character 11"},
+        {R"({"name": "b", "behaviour": {"dail": "busy"}})", "behaviour.dail: unknown field"},
+        {R"({"name": "b", )" + kDevice + kConfiguration + R"("interfaces": []}],
+            "behaviour": {"faults": [{"kind": "stal", "endpoint": "0x81"}]}})",
+         "behaviour.faults[0].kind: out of range: \"stal\""},
+        {R"({"name": "b", "configurations": ["09 02 09 00 00 01 00 c0 32"],
+            "behaviour": {"speeds": ["full", "high"]}})",
+         "behaviour.speeds: out of range: raw descriptors are those of one speed"},
+        {R"({"name": "b", "device": {)", "not JSON: "},
+    };
+    for (const auto& row : rows) {
+        sim::LoadedProfile loaded = sim::LoadProfileText(row.text, "f.json");
+        EXPECT_FALSE(loaded.profile) << row.error;
+        EXPECT_EQ(loaded.error.rfind(std::string("f.json: ") + row.error, 0), 0u) << loaded.error;
+    }
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 // The scenario parser alone: what it makes of the forms a scenario file
-// uses, and its bounds. Whole scenarios run as tests of their own
-// (scenarios/), and so does each error with its line and message (bad/).
+// uses, each refusal with its line and message, and its bounds. Whole
+// scenarios run as tests of their own (scenarios/), and so do the files
+// cdcacm-sim refuses or fails with their exit status (bad/).
 #include "script_parse.h"
 
 #include <gtest/gtest.h>
@@ -64,6 +65,65 @@ TEST(ScriptParse, OptionalHandlesTimesAndNumbers) {
     EXPECT_EQ(f.fault.match, 0x30727073u);
     EXPECT_EQ(f.fault.every, 3u);
     EXPECT_EQ(Last("fault stall endpoint 0x81").fault.nth, 1u) << "once, by default";
+}
+
+// Each refusal names its line and starts its message as given; the words
+// of the world (modems plugged, handles open, the PPP client, the system's
+// sleep) are checked before anything runs.
+TEST(ScriptParse, RefusalsNameTheirLineAndProblem) {
+    struct Row {
+        const char* text;
+        int line;
+        const char* message;
+    };
+    const Row rows[] = {
+        {"plug m\nopen\nread 12x", 3, "read: \"12x\" is not a number"},
+        {"plug m\nopen\nread 65537", 3,
+         "read: \"65537\" is not a number for the byte count (0 to 65536, decimal or 0x hex)"},
+        {"plug m\nopen\nread", 3, "read: missing the byte count"},
+        {"trace 0x1ffffffff", 1,
+         "trace: \"0x1ffffffff\" is not a number for the trace mask (0 to 4294967295, decimal or "
+         "0x hex)"},
+        {"wait 11min", 1, "wait: \"11min\" is not a time"},
+        {"wait 10", 1,
+         "wait: \"10\" is not a time for the time to wait (like 100ms or 2s, at most 600s)"},
+        {"wait 601s", 1, "wait: \"601s\" is not a time"},
+        {"plug m\nopen\nwrite \"\\x4\"", 3, "bad escape in string: \\x needs two hex digits"},
+        {"plug m\nopen\nwrite \"a\x01\"", 3,
+         "a control character inside a string (write it as \\xNN)"},
+        {"plug m\npush m \"AT", 2, "the string has no closing quote"},
+        {"plug m\npush m", 2, "push: missing the bytes the modem sends"},
+        {"plug m\nopen\nescape SETDTR extra", 3, "escape: unexpected \"extra\" at the end"},
+        {"plug m\nopen\nfrobnicate 3", 3, "unknown command \"frobnicate\""},
+        {"plug m\nopen\nexpect error ERROR_NOPE", 3, "expect error: unknown error \"ERROR_NOPE\""},
+        {"plug m profile odd", 1, "plug: no profile named \"odd\""},
+        {"fault delay", 1, "fault delay: missing by TIME (how much later the completion comes)"},
+        {"fault stall nth 0", 1, "fault: nth counts from 1"},
+        {"fault pool tag abc", 1, "fault pool: the tag has four characters, not \"abc\""},
+        {"expect fired", 1, "expect fired: no fault was added (since the last fault clear)"},
+        {"sleep S5", 1, "sleep: the state is S1, S2, S3 or S4, not \"S5\""},
+        {"sleep S3\nsleep S1", 2, "sleep: the system is asleep already (wake first)"},
+        {"wake", 1, "wake: the system is not asleep"},
+        {"plug m\nplug m", 2, "plug: a modem named \"m\" is already plugged"},
+        {"plug a\nplug b\nplug c\nplug d\nplug e", 5, "plug: the bus has 4 ports, all taken"},
+        {"plug m\nunplug m\npush m \"x\"", 3, "push: no modem named \"m\" is plugged"},
+        {"open", 1, "open: no modem was plugged whose port to open"},
+        {"plug m\nopen h1\nwrite h2 \"AT\\r\"", 3, "write: no handle named \"h2\" is open"},
+        {"plug m\nopen\nclose\nclose", 4, "close: no handle named \"port\" is open"},
+        {"plug m\nopen\nppp open\nclose", 4,
+         "close: the PPP client still runs on \"port\" (ppp close first)"},
+        {"plug m\nopen\nping 1", 3, "ping: no PPP client is open (ppp open first)"},
+        {"plug m\nopen\nexpect completion none", 3,
+         "expect completion: the handle \"port\" has no pending read"},
+        {"plug m\nopen\nexpect event EV_RXCHAR", 3,
+         "expect event: waiting for an event needs a handle opened overlapped"},
+    };
+    for (const Row& row : rows) {
+        Parsed parsed = Parse(row.text, kWords);
+        ASSERT_TRUE(parsed.error) << row.text;
+        EXPECT_EQ(parsed.error->line, row.line) << row.text;
+        EXPECT_EQ(parsed.error->message.rfind(row.message, 0), 0u) << parsed.error->message;
+    }
 }
 
 TEST(ScriptParse, BoundsAreErrorsNotWork) {
