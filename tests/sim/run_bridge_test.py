@@ -6,6 +6,7 @@ byte for byte, a clean end on SIGTERM, and a link path that is taken.
 
 Usage: run_bridge_test.py CDCACM_SIM WORK_DIR
 """
+import atexit
 import os
 import queue
 import random
@@ -37,6 +38,8 @@ class Bridge:
         self.process = subprocess.Popen([SIM, "run", "--link", self.link, *options],
                                         stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                                         text=True)
+        # A run that hangs or a failed check must not outlive the test.
+        atexit.register(self.process.kill)
         self.lines = queue.Queue()
         self.transcript = []
         threading.Thread(target=self._read, daemon=True).start()
