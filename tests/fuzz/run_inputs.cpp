@@ -12,7 +12,6 @@
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
-extern "C" __attribute__((weak)) int LLVMFuzzerInitialize(int* argc, char*** argv);
 // Takes apart what a target kept across inputs (fuzz_support.h), if it did.
 extern "C" __attribute__((weak)) void FuzzTearDown();
 
@@ -33,8 +32,6 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "no inputs\n");
         return 2;
     }
-    if (LLVMFuzzerInitialize)
-        LLVMFuzzerInitialize(&argc, &argv);
     for (const std::filesystem::path& file : files) {
         std::ifstream in(file, std::ios::binary);
         if (!in) {
