@@ -14,18 +14,6 @@ NTSTATUS Wait(PVOID object, int64_t timeout_ms = -1) {
 
 using Sync = KernelTest;
 
-TEST_F(Sync, ZeroTimeoutPollsWithoutBlockingAndADelayTakesVirtualTime) {
-    KEVENT event;
-    KeInitializeEvent(&event, NotificationEvent, FALSE);
-    EXPECT_EQ(Wait(&event, 0), STATUS_TIMEOUT);
-    KeSetEvent(&event, 0, FALSE);
-    EXPECT_EQ(Wait(&event, 0), STATUS_SUCCESS);
-    EXPECT_EQ(kernel().Now(), 0);
-    LARGE_INTEGER interval = RelativeMs(1020);
-    EXPECT_EQ(KeDelayExecutionThread(KernelMode, FALSE, &interval), STATUS_SUCCESS);
-    EXPECT_EQ(kernel().NowMs(), 1020);
-}
-
 TEST_F(Sync, MutexWaitersAcquireInArrivalOrder) {
     KMUTEX mutex;
     KeInitializeMutex(&mutex, 0);
