@@ -1,9 +1,16 @@
 // The simulated bus driver as a function driver meets it: URB validation,
-// handles of a replaced configuration, cancel from a completion, a fault
-// knob's counting, composite functions, bulk-out timing. (IN transfers,
-// abort, cancel and the lower-driver notifications are what every driver
-// test and the simulator's scenarios run through.)
+// handles of a replaced configuration, cancel from a completion, composite
+// functions, bulk-out timing; and as the PnP manager meets it: the IDs and
+// capabilities of a function's PDO, and transfers failing at a surprise
+// removal. (IN transfers, abort, cancel, the lower-driver notifications, the
+// fault knobs' statuses, texts, bus relations and the state requests are
+// what every driver test and the simulator's scenarios run through.)
 #include "bus_client.h"
+
+#include "hostkernel/pnp.h"
+
+#include <string>
+#include <vector>
 
 namespace {
 
@@ -23,10 +30,6 @@ class ConfiguredBusTest : public BusTest {
         BusRequest* request = NewRequest(length);
         request->Urb()->UrbHeader.Function = function;
         return request;
-    }
-    BusRequest* LineState(USHORT lines) {
-        return ClassOrVendor(URB_FUNCTION_CLASS_INTERFACE, false, sm::kSetControlLineState, lines,
-                             0, {});
     }
     using BusTest::pipes_;
     using BusTest::Send;
@@ -156,7 +159,8 @@ INSTANTIATE_TEST_SUITE_P(Speeds, BusTimingTest,
 
 TEST_F(ConfiguredBusTest, CancelFromACompletionOfTheSamePassCompletesOnce) {
     // Both are due at the next frame boundary, so one pass takes both.
-    BusRequest* first = LineState(1);
+    BusRequest* first =
+        ClassOrVendor(URB_FUNCTION_CLASS_INTERFACE, false, sm::kSetControlLineState, 1, 0, {});
     BusRequest* second = Transfer(kBulkOut, false, {1});
     first->on_complete = [second] { IoCancelIrp(second->irp); };
     ASSERT_TRUE(Wait(second));
@@ -165,63 +169,25 @@ TEST_F(ConfiguredBusTest, CancelFromACompletionOfTheSamePassCompletesOnce) {
     EXPECT_TRUE(modem_->Pull().empty());
 }
 
-// --- fault knobs -----------------------------------------------------------
-
-struct KnobCase {
-    const char* name;
-    hu::Fault kind;
-    USBD_STATUS status;   // knob status
-    NTSTATUS nt_status;   // knob NT status
-    USBD_STATUS expected; // the URB's status
-    NTSTATUS expected_nt; // the IRP's status
-};
-
-class BusKnobTest : public ConfiguredBusTest, public ::testing::WithParamInterface<KnobCase> {};
-
-// The knob counts matching requests only and fires on the second; a gone
-// device takes the pending transfers and the later requests with it, and
-// its knob is no longer asked.
-TEST_P(BusKnobTest, FiresOnTheNthMatchingRequestOnly) {
-    const KnobCase& row = GetParam();
-    const bool gone = row.kind == hu::Fault::kDeviceGone;
+// A device gone at a request takes the pending transfers and the later
+// requests with it, and its knob is no longer asked. (Each knob kind's
+// statuses are the driver's USB submit and transport tests'.)
+TEST_F(ConfiguredBusTest, AGoneDeviceTakesThePendingAndTheLaterRequests) {
     BusRequest* pending = Transfer(kBulkIn, true, {}, 64);
     hu::UsbFaultKnob knob;
-    knob.nth = 2;
-    knob.match = gone ? 0 : hu::RequestKey(sm::kSetControlLineState); // gone counts every URB
-    knob.status = row.status;
-    knob.nt_status = row.nt_status;
-    hu::UsbFaultKnob& added = bus_->AddFault(row.kind, knob);
-    std::vector<BusRequest*> sent;
-    for (USHORT i = 0; i < 3; ++i) {
-        sent.push_back(LineState(i));
-        ASSERT_TRUE(Wait(sent.back()));
+    knob.nth = 1;
+    hu::UsbFaultKnob& added = bus_->AddFault(hu::Fault::kDeviceGone, knob);
+    BusRequest* first = Transfer(kBulkOut, false, {1});
+    BusRequest* later = Transfer(kBulkOut, false, {2});
+    for (BusRequest* request : {pending, first, later}) {
+        ASSERT_TRUE(Wait(request));
+        EXPECT_EQ(request->UsbStatus(), USBD_STATUS_DEVICE_GONE);
     }
-    ClassOrVendor(URB_FUNCTION_VENDOR_INTERFACE, false, sm::kStartFraming, 0, 0, {});
-    EXPECT_EQ(added.calls, gone ? 2u : 3u) << "only matching requests count";
-    EXPECT_EQ(added.fired, 1u);
-    EXPECT_EQ(sent[0]->status, STATUS_SUCCESS);
-    EXPECT_EQ(sent[1]->UsbStatus(), row.expected);
-    EXPECT_EQ(sent[1]->status, row.expected_nt);
-    EXPECT_EQ(sent[2]->status, gone ? row.expected_nt : STATUS_SUCCESS);
-    EXPECT_EQ(pending->completed, gone);
-    if (gone) {
-        EXPECT_EQ(pending->UsbStatus(), USBD_STATUS_DEVICE_GONE);
-    }
+    EXPECT_EQ(later->status, STATUS_DEVICE_NOT_CONNECTED);
+    EXPECT_EQ(added.calls, 1u);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Control, BusKnobTest,
-    ::testing::Values(
-        KnobCase{"Stall", hu::Fault::kStall, 0, 0, USBD_STATUS_STALL_PID, STATUS_UNSUCCESSFUL},
-        KnobCase{"UsbdError", hu::Fault::kError, USBD_STATUS_DEV_NOT_RESPONDING, 0,
-                 USBD_STATUS_DEV_NOT_RESPONDING, STATUS_UNSUCCESSFUL},
-        KnobCase{"NtErrorOnly", hu::Fault::kError, USBD_STATUS_SUCCESS, STATUS_DEVICE_DATA_ERROR,
-                 USBD_STATUS_SUCCESS, STATUS_DEVICE_DATA_ERROR},
-        KnobCase{"DeviceGone", hu::Fault::kDeviceGone, 0, 0, USBD_STATUS_DEVICE_GONE,
-                 STATUS_DEVICE_NOT_CONNECTED}),
-    [](const auto& info) { return std::string(info.param.name); });
-
-// --- notifications, composite devices ---------------------------------
+// --- composite devices -------------------------------------------------
 
 // (That the second function's configuration descriptor holds only its own
 // interfaces the driver's configuration test on it shows.)
@@ -241,6 +207,126 @@ TEST_F(BusTest, CompositeFunctionsEachSeeTheirOwnInterfaces) {
     EXPECT_EQ(Deselect(0), STATUS_SUCCESS);
     EXPECT_EQ(modem_->Configuration(), 0);
     EXPECT_EQ(bus_->ConfigurationValue(port_), 0);
+}
+
+// --- PnP ------------------------------------------------------------------
+
+// The strings of an answer from paged pool, which the caller frees.
+std::vector<std::string> TakeStrings(const hk::PnpAnswer& answer, bool multi) {
+    std::vector<std::string> strings;
+    auto* text = reinterpret_cast<const WCHAR*>(answer.information);
+    if (text == nullptr)
+        return strings;
+    EXPECT_TRUE(hk::Kernel::Current().pool().IsPaged(text)) << "answers come from paged pool";
+    for (const WCHAR* at = text; *at != 0 || strings.empty(); ++at) {
+        std::string one;
+        for (; *at != 0; ++at)
+            one += char(*at);
+        strings.push_back(one);
+        if (!multi)
+            break;
+    }
+    ExFreePool(const_cast<WCHAR*>(text));
+    return strings;
+}
+
+class BusPnpTest : public BusTest {
+  protected:
+    hk::PnpAnswer Query(UCHAR minor, PDEVICE_OBJECT to = nullptr,
+                        const std::function<void(IO_STACK_LOCATION&)>& fill = {}) {
+        return hk::PnpManager::Send(to ? to : pdo_, minor, fill);
+    }
+    std::vector<std::string> Ids(BUS_QUERY_ID_TYPE type, size_t function, NTSTATUS* status) {
+        hk::PnpAnswer answer =
+            Query(IRP_MN_QUERY_ID, bus_->Pdo(port_, function),
+                  [&](IO_STACK_LOCATION& s) { s.Parameters.QueryId.IdType = type; });
+        *status = answer.status;
+        return TakeStrings(answer, type == BusQueryHardwareIDs || type == BusQueryCompatibleIDs);
+    }
+};
+
+struct IdCase {
+    const char* name;
+    sm::Profile (*profile)(hu::Speed);
+    size_t function;
+    BUS_QUERY_ID_TYPE type;
+    std::vector<std::string> strings;
+    NTSTATUS status;
+};
+
+IdCase Id(const char* name, sm::Profile (*profile)(hu::Speed), size_t function,
+          BUS_QUERY_ID_TYPE type, std::vector<std::string> strings,
+          NTSTATUS status = STATUS_SUCCESS) {
+    return {name, profile, function, type, strings, status};
+}
+
+class BusIdTest : public BusPnpTest, public ::testing::WithParamInterface<IdCase> {};
+
+TEST_P(BusIdTest, AnswersAsAUsbBusDriver) {
+    Plug(GetParam().profile(hu::Speed::kFull));
+    NTSTATUS status;
+    EXPECT_EQ(Ids(GetParam().type, GetParam().function, &status), GetParam().strings);
+    EXPECT_EQ(status, GetParam().status);
+}
+
+const std::vector<std::string> kCompatible = {"USB\\Class_02&SubClass_02&Prot_01",
+                                              "USB\\Class_02&SubClass_02", "USB\\Class_02"};
+const auto kOrdinary = sm::OrdinaryModem, kNoSerial = sm::NoSerialNumber,
+           kComposite = sm::CompositeTwoAcm;
+
+INSTANTIATE_TEST_SUITE_P(
+    Ids, BusIdTest,
+    ::testing::Values(
+        Id("Device", kOrdinary, 0, BusQueryDeviceID, {"USB\\VID_FFF0&PID_0001"}),
+        Id("Hardware", kOrdinary, 0, BusQueryHardwareIDs,
+           {"USB\\VID_FFF0&PID_0001&REV_0100", "USB\\VID_FFF0&PID_0001"}),
+        Id("Compatible", kOrdinary, 0, BusQueryCompatibleIDs, kCompatible),
+        Id("InstanceIsTheSerial", kOrdinary, 0, BusQueryInstanceID, {"KM0000001"}),
+        Id("InstanceWithoutSerialIsThePorts", kNoSerial, 0, BusQueryInstanceID, {"1&0&1"}),
+        Id("NoSerialKeepsTheStatus", kNoSerial, 0, BusQueryDeviceSerialNumber, {},
+           STATUS_NOT_SUPPORTED),
+        Id("CompositeDevice", kComposite, 1, BusQueryDeviceID, {"USB\\VID_FFF0&PID_0001&MI_02"}),
+        Id("CompositeHardware", kComposite, 1, BusQueryHardwareIDs,
+           {"USB\\VID_FFF0&PID_0001&REV_0100&MI_02", "USB\\VID_FFF0&PID_0001&MI_02"}),
+        Id("CompositeCompatible", kComposite, 1, BusQueryCompatibleIDs, kCompatible)),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(BusPnpTest, CapabilitiesAreAUsbDevicesWithAUniqueIdOnlyWithASerialNumber) {
+    for (auto* profile : {sm::OrdinaryModem, sm::NoSerialNumber}) {
+        Plug(profile(hu::Speed::kFull));
+        bool wake = (modem_->profile().configurations[0].attributes & 0x20) != 0;
+        DEVICE_CAPABILITIES caps{};
+        caps.Size = sizeof caps;
+        caps.Version = 1;
+        hk::PnpAnswer answer = Query(IRP_MN_QUERY_CAPABILITIES, nullptr, [&](IO_STACK_LOCATION& s) {
+            s.Parameters.DeviceCapabilities.Capabilities = &caps;
+        });
+        SCOPED_TRACE(modem_->profile().name);
+        EXPECT_EQ(answer.status, STATUS_SUCCESS);
+        EXPECT_EQ(caps.UniqueID, profile == sm::OrdinaryModem ? 1u : 0u);
+        EXPECT_EQ(caps.Removable, 1u);
+        EXPECT_EQ(caps.SurpriseRemovalOK, 0u);
+        EXPECT_EQ(caps.Address, ULONG(port_));
+        EXPECT_EQ(caps.DeviceState[PowerSystemWorking], PowerDeviceD0);
+        EXPECT_EQ(caps.DeviceState[PowerSystemSleeping3], wake ? PowerDeviceD2 : PowerDeviceD3);
+        EXPECT_EQ(caps.DeviceState[PowerSystemHibernate], PowerDeviceD3);
+        EXPECT_EQ(caps.DeviceState[PowerSystemShutdown], PowerDeviceD3);
+        bus_->Unplug(port_);
+        port_ = 0;
+    }
+}
+
+// A surprise removal fails the function's pending and later transfers, even
+// with the modem still in its port.
+TEST_F(BusPnpTest, SurpriseRemovalFailsPendingAndLaterTransfers) {
+    Plug(sm::OrdinaryModem());
+    ASSERT_EQ(Select(0), STATUS_SUCCESS);
+    BusRequest* pending = Transfer(kBulkIn, true, {}, 64);
+    EXPECT_EQ(Query(IRP_MN_SURPRISE_REMOVAL).status, STATUS_SUCCESS);
+    for (BusRequest* request : {pending, Transfer(kBulkIn, true, {}, 64)}) {
+        ASSERT_TRUE(Wait(request));
+        EXPECT_EQ(request->UsbStatus(), USBD_STATUS_DEVICE_GONE);
+    }
 }
 
 } // namespace

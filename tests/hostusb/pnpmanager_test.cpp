@@ -62,10 +62,6 @@ INSTANTIATE_TEST_SUITE_P(
              {kQueryStop, kStop, kStart, IRP_MN_REMOVE_DEVICE}, hk::PnpState::kStartFailed)),
     [](const auto& info) { return std::string(info.param.name); });
 
-} // namespace
-
-namespace {
-
 const GUID kComPortClass = {
     0x86E0D1E0, 0x8089, 0x11D0, {0x9C, 0xE4, 0x08, 0x00, 0x3E, 0x30, 0x1F, 0x73}};
 const std::u16string kOrdinaryInterface =
