@@ -1292,6 +1292,16 @@ int Bus::Plug(std::shared_ptr<Device> device, Speed speed) {
             // has nothing to drive: no physical device object.
             if (interfaces.empty())
                 continue;
+            // Functions are told apart by their first interface (MI_xx): a
+            // second association of the same first interface would be a
+            // second device of the same instance, so it gets none.
+            uint8_t first = interfaces.front();
+            if (std::any_of(port->functions.begin(), port->functions.end(),
+                            [first](const auto& f) { return f->interfaces.front() == first; })) {
+                bus.Diagnose("a second function of first interface " + std::to_string(first) +
+                             ": no device object for it");
+                continue;
+            }
             auto function = std::make_unique<Function>();
             function->port = state;
             function->interfaces = interfaces;
@@ -1329,9 +1339,10 @@ void Bus::Unplug(int port) {
 }
 
 // Under the PnP manager the device objects go when it removes them, once
-// it has learned from the hub that the device is missing; false without it.
+// it has learned from the hub that the device is missing; false without it,
+// and for a device of no function, which has no device object to remove.
 bool Bus::Impl::Unplugged(PortState* port) {
-    if (!hk::Kernel::Current().pnp().Active())
+    if (!hk::Kernel::Current().pnp().Active() || port->functions.empty())
         return false;
     port->unplugged = true;
     IoInvalidateDeviceRelations(hub, BusRelations);

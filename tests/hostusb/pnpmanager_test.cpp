@@ -129,4 +129,25 @@ TEST_F(PnpManagerTest, ADeviceStillInitialisingCannotBeOpened) {
     IoDeleteDevice(device);
 }
 
+// Every unplug frees its port for the next plug, whatever the device
+// offered: a device of no function has no device object for the PnP
+// manager to remove, and a second association of the same first interface
+// gets none (two would be two devices of one instance).
+TEST_F(PnpManagerTest, DevicesOfOddFunctionsStillFreeTheirPort) {
+    sm::Profile none = sm::OrdinaryModem();
+    none.functions = {{}};
+    sm::Profile twice = sm::CompositeTwoAcm();
+    twice.functions = {{0, 1}, {0, 1}};
+    for (const sm::Profile& profile : {none, twice}) {
+        SCOPED_TRACE(profile.name);
+        int port = PlugSettled(profile);
+        EXPECT_EQ(port, 1);
+        EXPECT_EQ(bus_->Pdo(port, 1), nullptr);
+        UnplugSettled(port);
+    }
+    EXPECT_EQ(bus_->Diagnostics().back(),
+              "a second function of first interface 0: no device object for it");
+    EXPECT_EQ(PlugSettled(sm::OrdinaryModem()), 1);
+}
+
 } // namespace
