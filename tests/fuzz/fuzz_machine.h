@@ -59,6 +59,10 @@ class Machine {
             ResetDriverState(TraceMask);
         auto modem = std::make_shared<sm::Modem>(std::move(profile), mode);
         int port = bus_->Plug(modem);
+        // Every input unplugs what it plugged: finding no free port means an
+        // earlier removal kept its port, and no later input would reach the
+        // driver.
+        FUZZ_CHECK(port != 0);
         modems_[port] = modem;
         pnp().Settle();
         kernel->Sleep(100);
