@@ -76,10 +76,13 @@ std::vector<uint8_t> FunctionConfiguration(const std::vector<uint8_t>& full,
                                            const std::vector<uint8_t>& interfaces) {
     if (full.size() < sizeof(USB_CONFIGURATION_DESCRIPTOR))
         return full;
-    std::vector<uint8_t> out(full.begin(), full.begin() + full[0]);
+    // The header as long as its bLength says, within the descriptor, and
+    // never shorter than a configuration descriptor, whose totals follow.
+    size_t header = std::clamp<size_t>(full[0], sizeof(USB_CONFIGURATION_DESCRIPTOR), full.size());
+    std::vector<uint8_t> out(full.begin(), full.begin() + long(header));
     bool included = false;
     std::vector<uint8_t> seen;
-    for (size_t at = full[0]; at + 2 <= full.size() && full[at] != 0; at += full[at]) {
+    for (size_t at = header; at + 2 <= full.size() && full[at] != 0; at += full[at]) {
         uint8_t type = full[at + 1];
         if (type == USB_INTERFACE_DESCRIPTOR_TYPE && at + 2 < full.size()) {
             uint8_t number = full[at + 2];
