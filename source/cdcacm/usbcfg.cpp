@@ -12,15 +12,17 @@
 #include "cdcacm.h"
 
 // Descriptor scans walk a configuration by bLength. A descriptor of bLength
-// 0 would never advance the walk: it ends the scan, and whatever follows it
-// counts as absent.
+// 0 would never advance the walk, and one that runs past the
+// configuration's end would be read beyond it: either ends the scan, and
+// whatever follows counts as absent.
 static PUSB_COMMON_DESCRIPTOR NextDescriptor(PUSB_CONFIGURATION_DESCRIPTOR Config,
                                              PUSB_COMMON_DESCRIPTOR Current) {
     PUCHAR End = (PUCHAR)Config + Config->wTotalLength;
     PUCHAR Next = Current == NULL ? (PUCHAR)Config : (PUCHAR)Current + Current->bLength;
     if (Next + sizeof(USB_COMMON_DESCRIPTOR) > End)
         return NULL;
-    if (((PUSB_COMMON_DESCRIPTOR)Next)->bLength == 0)
+    if (((PUSB_COMMON_DESCRIPTOR)Next)->bLength == 0 ||
+        Next + ((PUSB_COMMON_DESCRIPTOR)Next)->bLength > End)
         return NULL;
     return (PUSB_COMMON_DESCRIPTOR)Next;
 }
