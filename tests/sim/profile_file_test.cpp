@@ -308,6 +308,7 @@ TEST(ProfileFile, EachKindOfErrorNamesItsPath) {
             "behaviour": {"speeds": ["full", "high"]}})",
          "behaviour.speeds: out of range: raw descriptors are those of one speed"},
         {R"({"name": "b", "device": {)", "not JSON: "},
+        {R"({"name": "b", "description": 1e999})", "not JSON: number overflow parsing '1e999'"},
     };
     for (const auto& row : rows) {
         sim::LoadedProfile loaded = sim::LoadProfileText(row.text, "f.json");

@@ -437,7 +437,7 @@ LoadedProfile LoadProfileText(std::string_view text, const std::string& file) {
     json document;
     try {
         document = json::parse(text);
-    } catch (const json::parse_error& e) {
+    } catch (const json::exception& e) { // a syntax error, or a number beyond a double's range
         std::string what = e.what();
         result.error = file + ": not JSON: " + what.substr(what.find(' ') + 1);
         return result;
