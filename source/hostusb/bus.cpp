@@ -1117,11 +1117,12 @@ void Bus::Impl::ApplySelection(Transfer* t) {
             info->Protocol = found->bInterfaceProtocol;
             info->InterfaceHandle = NewHandle();
             // The interface's endpoint descriptors follow it, up to the next
-            // interface.
+            // interface; a descriptor that runs past the configuration's end
+            // ends them, as one of length 0 does.
             ULONG pipe = 0;
             for (PUCHAR p = reinterpret_cast<PUCHAR>(found) + found->bLength;
                  pipe < info->NumberOfPipes && p + 2 <= config_end && p[0] != 0 &&
-                 p[1] != USB_INTERFACE_DESCRIPTOR_TYPE;
+                 p + p[0] <= config_end && p[1] != USB_INTERFACE_DESCRIPTOR_TYPE;
                  p += p[0]) {
                 if (p[1] != USB_ENDPOINT_DESCRIPTOR_TYPE)
                     continue;
