@@ -1118,13 +1118,14 @@ void Bus::Impl::ApplySelection(Transfer* t) {
             info->InterfaceHandle = NewHandle();
             // The interface's endpoint descriptors follow it, up to the next
             // interface; a descriptor that runs past the configuration's end
-            // ends them, as one of length 0 does.
+            // ends them, as one of length 0 does, and an endpoint descriptor
+            // too short for its fields is passed over, as the driver does.
             ULONG pipe = 0;
             for (PUCHAR p = reinterpret_cast<PUCHAR>(found) + found->bLength;
                  pipe < info->NumberOfPipes && p + 2 <= config_end && p[0] != 0 &&
                  p + p[0] <= config_end && p[1] != USB_INTERFACE_DESCRIPTOR_TYPE;
                  p += p[0]) {
-                if (p[1] != USB_ENDPOINT_DESCRIPTOR_TYPE)
+                if (p[1] != USB_ENDPOINT_DESCRIPTOR_TYPE || p[0] < sizeof(USB_ENDPOINT_DESCRIPTOR))
                     continue;
                 auto* e = reinterpret_cast<PUSB_ENDPOINT_DESCRIPTOR>(p);
                 USBD_PIPE_INFORMATION& pi = info->Pipes[pipe++];
