@@ -90,14 +90,6 @@ void ApplyAddReg(Registry& registry, const std::vector<InfRegEntry>& entries,
 
 } // namespace
 
-std::vector<UCHAR> PnpDevice::Sequence() const {
-    std::vector<UCHAR> minors;
-    for (const PnpRequest& request : requests)
-        if (request.minor != IRP_MN_QUERY_ID && request.minor != IRP_MN_QUERY_DEVICE_TEXT)
-            minors.push_back(request.minor);
-    return minors;
-}
-
 PnpAnswer PnpManager::Send(PDEVICE_OBJECT device, UCHAR minor,
                            const std::function<void(IO_STACK_LOCATION&)>& fill) {
     detail::CheckIoIrql("a PnP request", PASSIVE_LEVEL);
@@ -224,16 +216,13 @@ void PnpManager::HandleClosed(PDEVICE_OBJECT device) {
 }
 
 PnpAnswer PnpManager::Call(PnpDevice& device, UCHAR minor,
-                           const std::function<void(IO_STACK_LOCATION&)>& fill, ULONG detail) {
-    PnpAnswer answer = Send(IoGetAttachedDevice(device.pdo), minor, fill);
-    device.requests.push_back({minor, detail, answer.status});
-    return answer;
+                           const std::function<void(IO_STACK_LOCATION&)>& fill) {
+    return Send(IoGetAttachedDevice(device.pdo), minor, fill);
 }
 
 std::optional<std::string> PnpManager::QueryText(PnpDevice& device, BUS_QUERY_ID_TYPE type) {
-    PnpAnswer answer = Call(
-        device, IRP_MN_QUERY_ID,
-        [type](IO_STACK_LOCATION& s) { s.Parameters.QueryId.IdType = type; }, ULONG(type));
+    PnpAnswer answer = Call(device, IRP_MN_QUERY_ID,
+                            [type](IO_STACK_LOCATION& s) { s.Parameters.QueryId.IdType = type; });
     std::vector<std::string> strings = TakeStrings(answer.information, false);
     if (!NT_SUCCESS(answer.status) || strings.empty())
         return std::nullopt;
@@ -241,9 +230,8 @@ std::optional<std::string> PnpManager::QueryText(PnpDevice& device, BUS_QUERY_ID
 }
 
 std::vector<std::string> PnpManager::QueryList(PnpDevice& device, BUS_QUERY_ID_TYPE type) {
-    PnpAnswer answer = Call(
-        device, IRP_MN_QUERY_ID,
-        [type](IO_STACK_LOCATION& s) { s.Parameters.QueryId.IdType = type; }, ULONG(type));
+    PnpAnswer answer = Call(device, IRP_MN_QUERY_ID,
+                            [type](IO_STACK_LOCATION& s) { s.Parameters.QueryId.IdType = type; });
     std::vector<std::string> strings = TakeStrings(answer.information, true);
     return NT_SUCCESS(answer.status) ? strings : std::vector<std::string>();
 }
@@ -295,7 +283,6 @@ void PnpManager::Arrive(PDEVICE_OBJECT pdo) {
     device.state = PnpState::kNoDriver;
     device.add_device = STATUS_PENDING;
     device.service.clear();
-    device.requests.insert(device.requests.end(), probe.requests.begin(), probe.requests.end());
     instance_of_[pdo] = instance;
     if (Install(device, hardware_ids, compatible_ids))
         Start(device);

@@ -40,13 +40,6 @@ struct PnpAnswer {
     ULONG_PTR information = 0;
 };
 
-// One request the manager sent to a device's stack.
-struct PnpRequest {
-    UCHAR minor = 0;
-    ULONG detail = 0; // the ID type of a QUERY_ID
-    NTSTATUS status = STATUS_PENDING;
-};
-
 enum class PnpState {
     kNoDriver,  // no INF model matches, or no driver object serves the service
     kAddFailed, // AddDevice failed or attached nothing
@@ -65,10 +58,7 @@ struct PnpDevice {
     std::string service;
     NTSTATUS add_device = STATUS_PENDING;
     DEVICE_CAPABILITIES capabilities = {};
-    std::vector<PnpRequest> requests; // every request, in order, queries included
     std::vector<std::string> problems;
-    // The state requests only (no queries for IDs, texts or relations).
-    std::vector<UCHAR> Sequence() const;
 };
 
 class PnpManager {
@@ -133,7 +123,7 @@ class PnpManager {
     void Remove(PnpDevice& device);
     bool HandlesOpen(const PnpDevice& device) const;
     PnpAnswer Call(PnpDevice& device, UCHAR minor,
-                   const std::function<void(IO_STACK_LOCATION&)>& fill = {}, ULONG detail = 0);
+                   const std::function<void(IO_STACK_LOCATION&)>& fill = {});
     std::optional<std::string> QueryText(PnpDevice& device, BUS_QUERY_ID_TYPE type);
     std::vector<std::string> QueryList(PnpDevice& device, BUS_QUERY_ID_TYPE type);
     void RunAndWait(std::function<void()> work);
