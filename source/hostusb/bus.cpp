@@ -148,6 +148,8 @@ Bus::Impl::~Impl() {
 }
 
 void Bus::Impl::Diagnose(const std::string& text) {
+    if (diagnostics.size() == Bus::kDiagnosticsKept)
+        diagnostics.pop_front();
     diagnostics.push_back(text);
     hk::Kernel::Current().Dbg().Write("hostusb: " + text + "\n");
 }
@@ -1384,7 +1386,7 @@ void Bus::ClearFaults() {
     impl_->faults.clear();
 }
 
-const std::vector<std::string>& Bus::Diagnostics() const {
+const std::deque<std::string>& Bus::Diagnostics() const {
     return impl_->diagnostics;
 }
 

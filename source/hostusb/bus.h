@@ -16,6 +16,7 @@
 #include "hostusb/usb.h"
 
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -150,9 +151,12 @@ class Bus {
     UsbFaultKnob& AddFault(Fault kind, UsbFaultKnob knob);
     void ClearFaults();
 
-    // The stand-in's diagnostics about refused requests (also printed to the
-    // debugger sink with a "hostusb: " prefix).
-    const std::vector<std::string>& Diagnostics() const;
+    // The stand-in's latest diagnostics about refused requests. Every one is
+    // also printed to the debugger sink with a "hostusb: " prefix; only the
+    // latest are kept, so that a simulator running for hours, or a fuzzer's
+    // millions of plugs, does not grow with every refusal.
+    static constexpr size_t kDiagnosticsKept = 64;
+    const std::deque<std::string>& Diagnostics() const;
     // The lower-driver notifications the port's devices received.
     std::vector<Notification> Notifications(int port) const;
     // URBs submitted to the port's devices, and how many are still pending.

@@ -150,7 +150,7 @@ struct Bus::Impl {
     bool passing = false;    // a completion pass runs (on some processor)
     bool pass_again = false; // asked for while one ran: that one goes on
     std::list<std::pair<Fault, UsbFaultKnob>> faults;
-    std::vector<std::string> diagnostics;
+    std::deque<std::string> diagnostics; // the latest kDiagnosticsKept
     std::unique_ptr<Capture> capture;
     uint64_t next_handle = 0x10000;
     uint16_t next_address = 1;

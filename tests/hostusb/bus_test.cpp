@@ -105,6 +105,15 @@ INSTANTIATE_TEST_SUITE_P(
                 STATUS_INVALID_DEVICE_REQUEST, USBD_STATUS_SUCCESS, "unknown internal control"}),
     [](const auto& info) { return std::string(info.param.name); });
 
+// Refusals go on for as long as a simulator runs: only the latest are kept.
+TEST_F(ConfiguredBusTest, KeepsTheLatestDiagnosticsOnly) {
+    for (size_t i = 0; i < 2 * hu::Bus::kDiagnosticsKept; ++i)
+        Send(Bare(sizeof(_URB_HEADER), 0x0033));
+    Send(Bare(sizeof(_URB_BULK_OR_INTERRUPT_TRANSFER), URB_FUNCTION_VENDOR_INTERFACE));
+    EXPECT_EQ(bus_->Diagnostics().size(), hu::Bus::kDiagnosticsKept);
+    EXPECT_NE(bus_->Diagnostics().back().find("header length"), std::string::npos);
+}
+
 // Another configuration, then none: pending transfers end cancelled and
 // the old handles stop working.
 TEST_F(ConfiguredBusTest, HandlesDieWithTheConfiguration) {
